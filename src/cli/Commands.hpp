@@ -1,0 +1,11 @@
+#pragma once
+
+// One registration function per command group; each lives in its own <Group>Command.cpp.
+
+#include "CommandSupport.hpp"
+
+namespace gaugepoint::cli {
+
+void registerWidgetCommand(CLI::App& root, GlobalOptions& globals);
+
+}  // namespace gaugepoint::cli

@@ -1,0 +1,47 @@
+// The gaugepoint command: parses the command line and maps failures to one line and an exit code.
+
+#include <cstdio>
+#include <exception>
+#include <iostream>
+
+#include "Commands.hpp"
+
+int main(int argc, char** argv) {
+    using namespace gaugepoint::cli;
+    CLI::App root{"gaugepoint: quota texts and local stores of the AI coding-assistant quota monitor",
+                  "gaugepoint"};
+    GlobalOptions globals;
+    root.fallthrough();  // subcommands inherit it: global options may follow the command words
+    root.require_subcommand(1);
+    root.set_version_flag("--version", "gaugepoint 0.1.0");
+    root.add_option("--app-group-dir", globals.appGroupDir, "Directory of the shared stores")
+        ->option_text("DIR")->group("Global options");
+    root.add_option("--lang", globals.lang, "Interface language code (en, zh-Hans, ...)")
+        ->option_text("CODE")->group("Global options");
+    root.add_option("--now", globals.now, "Reference time instead of the clock")
+        ->option_text("ISO8601")->group("Global options");
+    root.add_flag("--json", globals.json, "Print data as one JSON document")->group("Global options");
+
+    registerWidgetCommand(root, globals);
+
+    try {
+        root.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return root.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return root.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return root.exit(e);
+    } catch (const CLI::ParseError& e) {
+        std::cerr << "gaugepoint: " << e.what() << " (see --help)\n";
+        return 2;
+    } catch (const UsageError& e) {
+        std::cerr << "gaugepoint: " << e.what() << " (see --help)\n";
+        return 2;
+    } catch (const std::exception& e) {
+        std::fflush(stdout);
+        std::cerr << "gaugepoint: " << e.what() << "\n";
+        return 1;
+    }
+    return 0;
+}
