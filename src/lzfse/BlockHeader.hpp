@@ -1,0 +1,46 @@
+#pragma once
+
+// Headers of the entropy-coded block kinds: bvx2 (packed fields, compressed frequency
+// tables) and bvx1 (every field stored plainly). Both carry the same information.
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "lzfse/Format.hpp"
+
+namespace gaugepoint::lzfse::detail {
+
+struct LzfseHeader {
+    std::uint32_t rawBytes = 0;  // bytes the block decodes to
+    std::uint32_t literals = 0;
+    std::uint32_t matches = 0;
+    std::uint32_t literalPayloadBytes = 0;
+    std::uint32_t lmdPayloadBytes = 0;
+    int literalBits = 0;  // bit stream adjustments T - 8B, -8..0
+    int lmdBits = 0;
+    std::array<std::uint16_t, 4> literalStates{};
+    std::uint16_t lState = 0;
+    std::uint16_t mState = 0;
+    std::uint16_t dState = 0;
+    // Normalised frequencies in stream order: L, M, D, then literal bytes.
+    std::array<std::uint16_t, kFrequencyCount> freq{};
+    std::size_t headerBytes = 0;  // from the magic to the literal payload
+
+    const std::uint16_t* lFreq() const { return freq.data(); }
+    const std::uint16_t* mFreq() const { return freq.data() + kLSymbols; }
+    const std::uint16_t* dFreq() const { return freq.data() + kLSymbols + kMSymbols; }
+    const std::uint16_t* literalFreq() const { return freq.data() + kLSymbols + kMSymbols + kDSymbols; }
+};
+
+// Parse the header of the block starting at `offset` (its magic already identified) and
+// check every field on its own and against the input length. Throw lzfse::Error.
+LzfseHeader parseV2Header(std::span<const std::uint8_t> input, std::size_t offset);
+LzfseHeader parseV1Header(std::span<const std::uint8_t> input, std::size_t offset);
+
+// Appends a complete bvx2 header (magic, packed words, frequency tables) for `h`.
+void writeV2Header(const LzfseHeader& h, std::vector<std::uint8_t>& out);
+
+}  // namespace gaugepoint::lzfse::detail

@@ -1,0 +1,111 @@
+#include "lzfse/Fse.hpp"
+
+#include <algorithm>
+#include <bit>
+
+namespace gaugepoint::lzfse::detail {
+
+namespace {
+
+unsigned log2Floor(unsigned v) { return static_cast<unsigned>(std::bit_width(v)) - 1; }
+
+bool sumsTo(const std::uint16_t* freq, unsigned symbols, unsigned states) {
+    unsigned sum = 0;
+    for (unsigned s = 0; s < symbols; ++s) sum += freq[s];
+    return sum == states;
+}
+
+// Calls fn(state, symbol, bits, base) for every state, per the decoding table rule: for
+// state c[s]+j, y = f+j is shifted by n bits into [N, 2N) and base = y*2^n - N.
+template <typename Fn>
+void forEachState(const std::uint16_t* freq, unsigned symbols, unsigned states, Fn fn) {
+    const unsigned logN = log2Floor(states);
+    unsigned state = 0;
+    for (unsigned s = 0; s < symbols; ++s) {
+        for (unsigned j = 0; j < freq[s]; ++j, ++state) {
+            const unsigned y = freq[s] + j;
+            const unsigned n = logN - log2Floor(y);
+            fn(state, s, n, (y << n) - states);
+        }
+    }
+}
+
+}  // namespace
+
+void normaliseCounts(const std::uint32_t* counts, unsigned symbols, unsigned states,
+                     std::uint16_t* freq) {
+    std::uint32_t total = 0;
+    for (unsigned s = 0; s < symbols; ++s) total += counts[s];
+    const std::uint32_t step = total == 0 ? 0 : (std::uint32_t{1} << 31) / total;
+    const unsigned shift = 30 - log2Floor(states);
+
+    int remaining = static_cast<int>(states);
+    unsigned largest = 0;
+    unsigned largestSymbol = 0;
+    for (unsigned s = 0; s < symbols; ++s) {
+        std::uint32_t f = (((counts[s] * step) >> shift) + 1) >> 1;
+        if (f == 0 && counts[s] != 0) f = 1;
+        freq[s] = static_cast<std::uint16_t>(f);
+        remaining -= static_cast<int>(f);
+        if (f > largest) {
+            largest = f;
+            largestSymbol = s;
+        }
+    }
+    if (-remaining < static_cast<int>(largest >> 2)) {
+        freq[largestSymbol] = static_cast<std::uint16_t>(freq[largestSymbol] + remaining);
+        return;
+    }
+    // Too many states handed out to round off the largest alone: shave every symbol, the
+    // big ones first (sh = 3 takes an eighth of each), until the excess is gone.
+    unsigned over = static_cast<unsigned>(-remaining);
+    for (int sh = 3; sh >= 0 && over != 0; --sh) {
+        for (unsigned s = 0; s < symbols && over != 0; ++s) {
+            if (freq[s] <= 1) continue;
+            const unsigned take = std::min<unsigned>((freq[s] - 1u) >> sh, over);
+            freq[s] = static_cast<std::uint16_t>(freq[s] - take);
+            over -= take;
+        }
+    }
+}
+
+bool buildLiteralTable(const std::uint16_t* freq, LiteralEntry* table) {
+    if (!sumsTo(freq, kLiteralSymbols, kLiteralStates)) return false;
+    forEachState(freq, kLiteralSymbols, kLiteralStates,
+                 [&](unsigned state, unsigned s, unsigned n, unsigned base) {
+                     table[state] = {static_cast<std::uint8_t>(n), static_cast<std::uint8_t>(s),
+                                     static_cast<std::uint16_t>(base)};
+                 });
+    return true;
+}
+
+bool buildValueTable(const std::uint16_t* freq, const ValueCode& code, unsigned states,
+                     ValueEntry* table) {
+    if (!sumsTo(freq, code.symbols, states)) return false;
+    forEachState(freq, code.symbols, states,
+                 [&](unsigned state, unsigned s, unsigned n, unsigned base) {
+                     table[state] = {static_cast<std::uint8_t>(n + code.extraBits[s]),
+                                     code.extraBits[s], static_cast<std::uint16_t>(base),
+                                     code.base[s]};
+                 });
+    return true;
+}
+
+void buildEncoderTable(const std::uint16_t* freq, unsigned symbols, unsigned states,
+                       EncoderEntry* table) {
+    const unsigned logN = log2Floor(states);
+    int cumulative = 0;
+    for (unsigned s = 0; s < symbols; ++s) {
+        const unsigned f = freq[s];
+        if (f == 0) {
+            table[s] = {0, 0, 0};
+            continue;
+        }
+        const unsigned k = logN - log2Floor(f);
+        table[s] = {static_cast<std::uint16_t>((f << k) - states), static_cast<std::uint8_t>(k),
+                    static_cast<std::int16_t>(cumulative - static_cast<int>(f))};
+        cumulative += static_cast<int>(f);
+    }
+}
+
+}  // namespace gaugepoint::lzfse::detail

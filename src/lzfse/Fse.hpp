@@ -1,0 +1,75 @@
+#pragma once
+
+// Finite-state entropy (tANS) coding as LZFSE uses it: symbol s owns the contiguous state
+// run c[s] .. c[s]+f[s]-1 (no spreading), the encoder runs backwards from state 0 and the
+// decoder retraces it, ending in state 0.
+
+#include <cstddef>
+#include <cstdint>
+
+#include "lzfse/BitReader.hpp"
+#include "lzfse/BitWriter.hpp"
+#include "lzfse/Format.hpp"
+
+namespace gaugepoint::lzfse::detail {
+
+// Scales `counts` to frequencies that sum to exactly `states`, every symbol that occurred
+// keeping at least 1; an empty histogram gives every state to symbol 0. The rounding is
+// the platform encoder's, so our tables (and streams) come out identical to its.
+void normaliseCounts(const std::uint32_t* counts, unsigned symbols, unsigned states,
+                     std::uint16_t* freq);
+
+// Decoding entry of the literal table: read `bits`, the next state is base + those bits.
+struct LiteralEntry {
+    std::uint8_t bits;
+    std::uint8_t symbol;
+    std::uint16_t base;
+};
+
+// Decoding entry of the L, M and D tables: `totalBits` = state bits + extra bits, read in
+// one go; the high part moves the state, the low `extraBits` are added to `valueBase`.
+struct ValueEntry {
+    std::uint8_t totalBits;
+    std::uint8_t extraBits;
+    std::uint16_t stateBase;
+    std::uint32_t valueBase;
+};
+
+// Build decoding tables of `states` entries. Return false unless the frequencies sum to
+// exactly `states` (a smaller sum would leave states without a symbol).
+bool buildLiteralTable(const std::uint16_t* freq, LiteralEntry* table);
+bool buildValueTable(const std::uint16_t* freq, const ValueCode& code, unsigned states,
+                     ValueEntry* table);
+
+inline std::uint8_t decodeLiteral(unsigned& state, const LiteralEntry* table,
+                                  BitReader& in) noexcept {
+    const LiteralEntry e = table[state];
+    state = e.base + in.read(e.bits);
+    return e.symbol;
+}
+
+inline std::uint32_t decodeValue(unsigned& state, const ValueEntry* table, BitReader& in) noexcept {
+    const ValueEntry e = table[state];
+    const std::uint32_t bits = in.read(e.totalBits);
+    state = e.stateBase + (bits >> e.extraBits);
+    return e.valueBase + (bits & ((1u << e.extraBits) - 1));
+}
+
+// Encoding entry of one symbol: below `threshold` the state sheds k-1 bits, else k.
+struct EncoderEntry {
+    std::uint16_t threshold;
+    std::uint8_t k;
+    std::int16_t delta;  // c[s] - f[s]
+};
+
+void buildEncoderTable(const std::uint16_t* freq, unsigned symbols, unsigned states,
+                       EncoderEntry* table);
+
+inline void encodeSymbol(unsigned& state, unsigned states, const EncoderEntry& e,
+                         BitWriter& out) noexcept {
+    const unsigned n = e.k - (state < e.threshold ? 1u : 0u);
+    out.write(state & ((1u << n) - 1), n);
+    state = static_cast<unsigned>(e.delta + static_cast<int>((states + state) >> n));
+}
+
+}  // namespace gaugepoint::lzfse::detail

@@ -1,0 +1,41 @@
+#pragma once
+
+// Decodes one bvx1/bvx2 block: literals first, then the L, M, D triples that interleave
+// them with matches reaching anywhere into the output decoded so far.
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "lzfse/BlockHeader.hpp"
+#include "lzfse/Fse.hpp"
+#include "lzfse/OutputBuffer.hpp"
+
+namespace gaugepoint::lzfse::detail {
+
+class LzfseBlockDecoder {
+public:
+    // Decodes the block whose header `h` was parsed at `offset` and appends its bytes to
+    // `out`. Returns the offset just past the block. Throws lzfse::Error.
+    std::size_t decode(std::span<const std::uint8_t> input, std::size_t offset, const char* kind,
+                       const LzfseHeader& h, OutputBuffer& out);
+
+private:
+    void buildTables(const LzfseHeader& h, const char* kind, std::size_t offset);
+    void decodeLiterals(const std::uint8_t* payload, const LzfseHeader& h, const char* kind,
+                        std::size_t offset);
+    void executeTriples(const std::uint8_t* payload, const LzfseHeader& h, const char* kind,
+                        std::size_t offset, OutputBuffer& out);
+
+    // The literal buffer keeps slack so literal copies may move 16 bytes at a time.
+    static constexpr std::size_t kLiteralSlack = 32;
+
+    std::array<LiteralEntry, kLiteralStates> literalTable_;
+    std::array<ValueEntry, kLStates> lTable_;
+    std::array<ValueEntry, kMStates> mTable_;
+    std::array<ValueEntry, kDStates> dTable_;
+    std::array<std::uint8_t, kMaxLiterals + kLiteralSlack> literals_;
+};
+
+}  // namespace gaugepoint::lzfse::detail

@@ -1,0 +1,150 @@
+#include "lzfse/MatchFinder.hpp"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <memory>
+
+#include "lzfse/BlockEncoder.hpp"
+#include "lzfse/ByteOrder.hpp"
+#include "lzfse/Format.hpp"
+
+namespace gaugepoint::lzfse::detail {
+
+namespace {
+
+constexpr unsigned kHashBits = 14;
+constexpr std::int64_t kNoPosition = -4 * static_cast<std::int64_t>(kMaxD);  // never in reach
+constexpr std::uint32_t kMaxLiteralRun = 8 * kMaxL;  // backlog that forces output (2520)
+constexpr std::uint32_t kGoodMatch = 40;             // long enough to take at once
+constexpr std::uint32_t kMaxMatchLength = 100 * kMaxM;  // forward cap (235900)
+
+struct Slot {
+    std::int32_t pos;
+    std::uint32_t value;  // the 4 input bytes at pos
+};
+using Line = std::array<Slot, 4>;
+
+struct Match {
+    std::int64_t start = 0;
+    std::int64_t ref = 0;
+    std::int64_t length = 0;  // 0: no match
+    std::int64_t end() const { return start + length; }
+};
+
+unsigned hash(std::uint32_t x) { return (x * 2654435761u) >> (32 - kHashBits); }
+
+class Encoder {
+public:
+    Encoder(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& out)
+        : in_(input.data()), n_(static_cast<std::int64_t>(input.size())), back_(out),
+          table_(std::make_unique<Line[]>(std::size_t{1} << kHashBits)) {
+        std::fill_n(table_.get(), std::size_t{1} << kHashBits,
+                    Line{{{static_cast<std::int32_t>(kNoPosition), 0}, {static_cast<std::int32_t>(kNoPosition), 0},
+                          {static_cast<std::int32_t>(kNoPosition), 0}, {static_cast<std::int32_t>(kNoPosition), 0}}});
+    }
+
+    void run();
+
+private:
+    Match bestAt(std::int64_t p, std::uint32_t x, const Line& line) const;
+    std::int64_t measure(std::int64_t p, std::int64_t ref) const;
+    void step(std::int64_t p, Match incoming);
+    void emit(const Match& m);
+    void emitLiterals(std::int64_t count);
+
+    const std::uint8_t* in_;
+    std::int64_t n_;
+    BlockEncoder back_;
+    std::unique_ptr<Line[]> table_;
+    std::int64_t lit_ = 0;  // first byte not yet covered by an emitted triple
+    Match pending_;
+};
+
+// Length of the match at p against ref, which are known to agree on 4 bytes. May run up to
+// 7 bytes past n - p - 8, never past the input.
+std::int64_t Encoder::measure(std::int64_t p, std::int64_t ref) const {
+    std::int64_t length = 4;
+    const std::int64_t limit = n_ - p - 8;
+    while (length < limit) {
+        const std::uint64_t diff = load64(in_ + ref + length) ^ load64(in_ + p + length);
+        if (diff != 0) return length + std::countr_zero(diff) / 8;
+        length += 8;
+    }
+    return length;
+}
+
+Match Encoder::bestAt(std::int64_t p, std::uint32_t x, const Line& line) const {
+    Match best;
+    best.start = p;
+    for (const Slot& s : line) {
+        if (s.value != x || s.pos + static_cast<std::int64_t>(kMaxD) < p) continue;
+        const std::int64_t length = measure(p, s.pos);
+        if (length > best.length) best = {p, s.pos, length};
+    }
+    return best;
+}
+
+void Encoder::emit(const Match& m) {
+    back_.addMatch(in_ + lit_, static_cast<std::uint32_t>(m.start - lit_), static_cast<std::uint32_t>(m.length),
+                   static_cast<std::uint32_t>(m.start - m.ref));
+    lit_ = m.end();
+}
+
+void Encoder::emitLiterals(std::int64_t count) {
+    back_.addMatch(in_ + lit_, static_cast<std::uint32_t>(count), 0, 1);
+    lit_ += count;
+}
+
+void Encoder::step(std::int64_t p, Match incoming) {
+    if (incoming.length == 0) {
+        if (p - lit_ > kMaxLiteralRun) {
+            if (pending_.length != 0) {
+                emit(pending_);
+                pending_ = {};
+            } else {
+                emitLiterals(kMaxL);
+            }
+        }
+        return;
+    }
+    incoming.length = std::min<std::int64_t>(incoming.length, kMaxMatchLength);
+    while (incoming.start > lit_ && incoming.ref > 0 && in_[incoming.start - 1] == in_[incoming.ref - 1]) {
+        --incoming.start;
+        --incoming.ref;
+        ++incoming.length;
+    }
+    if (incoming.length >= kGoodMatch) {
+        emit(incoming);  // a pending match's bytes become literals of this one
+        pending_ = {};
+    } else if (pending_.length == 0) {
+        pending_ = incoming;
+    } else if (pending_.end() <= incoming.start) {
+        emit(pending_);
+        pending_ = incoming;
+    } else {
+        emit(incoming.length > pending_.length ? incoming : pending_);
+        pending_ = {};
+    }
+}
+
+void Encoder::run() {
+    for (std::int64_t p = 0; p < n_ - 8; ++p) {
+        const std::uint32_t x = load32(in_ + p);
+        Line& line = table_[hash(x)];
+        const Line updated = {Slot{static_cast<std::int32_t>(p), x}, line[0], line[1], line[2]};
+        if (p >= lit_) step(p, bestAt(p, x, line));
+        line = updated;
+    }
+    if (pending_.length != 0) emit(pending_);
+    if (lit_ < n_) emitLiterals(n_ - lit_);
+    back_.flush();
+}
+
+}  // namespace
+
+void encodeLzfseBlocks(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& out) {
+    Encoder(input, out).run();
+}
+
+}  // namespace gaugepoint::lzfse::detail
