@@ -1,0 +1,46 @@
+#include "CommandSupport.hpp"
+
+#include <cstdio>
+#include <iostream>
+#include <iterator>
+
+#include "gaugepoint/model/QuotaLanguagePreference.hpp"
+#include "gaugepoint/platform/Files.hpp"
+#include "gaugepoint/platform/Error.hpp"
+
+namespace gaugepoint::cli {
+
+CLI::App* addGroup(CLI::App& parent, const std::string& name, const std::string& description) {
+    return parent.add_subcommand(name, description);  // inherits fallthrough from the root
+}
+
+Date resolveNow(const GlobalOptions& globals) {
+    if (globals.now.empty()) return Date{std::chrono::system_clock::now()};
+    if (auto date = parseISO8601(globals.now)) return *date;
+    throw UsageError("--now: expected an ISO 8601 date such as 2026-11-21T13:19:00Z, got \"" + globals.now + "\"");
+}
+
+std::string resolveLanguage(const GlobalOptions& globals) {
+    QuotaLanguagePreference preference;
+    if (!globals.lang.empty()) preference = QuotaLanguagePreference::explicitLanguage(globals.lang);
+    return preference.resolvedLanguageCode();
+}
+
+std::string readInput(const std::string& path) {
+    if (!path.empty() && path != "-") return readWholeFile(path);
+    std::string data{std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>()};
+    if (std::cin.bad()) throw Error("cannot read standard input");
+    return data;
+}
+
+void writeOutput(const std::string& path, std::string_view bytes) {
+    if (!path.empty() && path != "-") {
+        writeFileAtomically(path, bytes);
+        return;
+    }
+    if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size() || std::fflush(stdout) != 0) {
+        throw Error("cannot write standard output");
+    }
+}
+
+}  // namespace gaugepoint::cli

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace gaugepoint {
+
+// A point in time as seconds since 1970 in a double, so SQL REAL columns round-trip exactly.
+using Date = std::chrono::time_point<std::chrono::system_clock, std::chrono::duration<double>>;
+
+// Seconds since 1970 <-> Date.
+inline Date dateFromSeconds(double secondsSince1970) {
+    return Date{std::chrono::duration<double>{secondsSince1970}};
+}
+inline double secondsSince1970(Date date) { return date.time_since_epoch().count(); }
+
+// "2026-11-21T13:19:00Z" in UTC; fractional seconds (up to six digits, trailing zeros dropped)
+// only when the value has them. Dates outside years 0000-9999 are clamped to that range.
+std::string formatISO8601(Date date);
+
+// The internet date-time form without fractional seconds (the seconds are floored):
+// "2026-11-21T13:19:00Z".
+std::string formatInternetDateTime(Date date);
+
+// Parses "YYYY-MM-DDTHH:MM:SS[.fraction](Z|+HH:MM|+HHMM|-HH:MM|-HHMM)". Returns nothing for any
+// other text, including out-of-range fields.
+std::optional<Date> parseISO8601(std::string_view text);
+
+}  // namespace gaugepoint

@@ -1,0 +1,115 @@
+#include "gaugepoint/platform/Json.hpp"
+
+#include <boost/json/parser.hpp>
+
+#include <cmath>
+#include <limits>
+
+namespace gaugepoint::json {
+
+std::string Path::toString() const {
+    if (!parent) return "the document";
+    std::string text = parent->parent ? parent->toString() : std::string{};
+    if (isElement) {
+        text += '[' + std::to_string(index) + ']';
+    } else {
+        if (!text.empty()) text += '.';
+        text += key;
+    }
+    return text;
+}
+
+DecodingError::DecodingError(std::string path, std::string reason)
+    : Error(path + ": " + reason), path_(std::move(path)), reason_(std::move(reason)) {}
+
+namespace {
+
+// Line and column (both from 1) of a byte offset, for parse error messages.
+std::string positionText(std::string_view text, std::size_t offset) {
+    std::size_t line = 1, column = 1;
+    for (std::size_t i = 0; i < offset && i < text.size(); ++i) {
+        if (text[i] == '\n') {
+            ++line;
+            column = 1;
+        } else {
+            ++column;
+        }
+    }
+    return "line " + std::to_string(line) + ", column " + std::to_string(column);
+}
+
+}  // namespace
+
+boost::json::value parse(std::string_view text) {
+    boost::json::parse_options options;
+    options.max_depth = 64;  // documents here are shallow; deep nesting is hostile input
+    boost::json::parser parser{{}, options};
+    boost::system::error_code ec;
+    const std::size_t consumed = parser.write_some(text.data(), text.size(), ec);
+    if (!ec && consumed < text.size()) ec = boost::json::error::extra_data;
+    if (ec) {
+        throw DecodingError("invalid JSON at " + positionText(text, consumed), ec.message());
+    }
+    return parser.release();
+}
+
+std::string_view kindName(const boost::json::value& value) {
+    switch (value.kind()) {
+        case boost::json::kind::null: return "null";
+        case boost::json::kind::bool_: return "a boolean";
+        case boost::json::kind::int64:
+        case boost::json::kind::uint64:
+        case boost::json::kind::double_: return "a number";
+        case boost::json::kind::string: return "a string";
+        case boost::json::kind::array: return "an array";
+        case boost::json::kind::object: return "an object";
+    }
+    return "a value";
+}
+
+void throwTypeMismatch(const Path& path, std::string_view expected, const boost::json::value& found) {
+    throw DecodingError(path.toString(), "expected " + std::string(expected) + ", found " + std::string(kindName(found)));
+}
+
+const boost::json::object& expectObject(const boost::json::value& value, const Path& path) {
+    if (!value.is_object()) throwTypeMismatch(path, "an object", value);
+    return value.get_object();
+}
+
+std::int64_t readInteger(const boost::json::value& v, const Path& path) {
+    if (v.is_int64()) return v.get_int64();
+    if (v.is_uint64()) {
+        if (v.get_uint64() > std::uint64_t(std::numeric_limits<std::int64_t>::max())) {
+            throw DecodingError(path.toString(), "integer out of range");
+        }
+        return std::int64_t(v.get_uint64());
+    }
+    if (v.is_double()) {
+        // An integral number written with a fraction ("42.0") is accepted; 42.5 is not.
+        const double d = v.get_double();
+        if (d != std::trunc(d)) throw DecodingError(path.toString(), "expected an integer, found a fraction");
+        if (!(d >= -9223372036854775808.0 && d < 9223372036854775808.0)) {
+            throw DecodingError(path.toString(), "integer out of range");
+        }
+        return std::int64_t(d);
+    }
+    throwTypeMismatch(path, "an integer", v);
+}
+
+double readDouble(const boost::json::value& v, const Path& path) {
+    if (v.is_double()) return v.get_double();
+    if (v.is_int64()) return double(v.get_int64());
+    if (v.is_uint64()) return double(v.get_uint64());
+    throwTypeMismatch(path, "a number", v);
+}
+
+void Coding<Date>::write(JsonWriter& w, Date v) { w.string(formatISO8601(v)); }
+
+Date Coding<Date>::read(const boost::json::value& v, const Path& path) {
+    if (!v.is_string()) throwTypeMismatch(path, "an ISO 8601 date", v);
+    const auto& text = v.get_string();
+    if (auto date = parseISO8601(text)) return *date;
+    throw DecodingError(path.toString(), "expected an ISO 8601 date, found \"" + std::string(text) + "\"");
+}
+
+}  // namespace gaugepoint::json

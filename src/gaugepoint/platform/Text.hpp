@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace gaugepoint {
+
+// `text` without leading and trailing white space and line breaks (Unicode Zs, Zl, Zp, tab,
+// U+000A-U+000D and U+0085).
+std::string_view trimmed(std::string_view text);
+
+// Unicode lower-case and upper-case forms (locale-independent).
+std::string lowercased(std::string_view text);
+std::string uppercased(std::string_view text);
+
+// The one key every name lookup goes through: trimmed, lower-cased, "_" and " " replaced by "-".
+std::string normalizedLookupKey(std::string_view name);
+
+// Terminal columns `text` occupies: East Asian wide and full-width characters count two,
+// combining marks and zero-width characters none, everything else one.
+std::size_t displayWidth(std::string_view text);
+
+}  // namespace gaugepoint

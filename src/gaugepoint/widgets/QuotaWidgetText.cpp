@@ -1,0 +1,139 @@
+#include "gaugepoint/widgets/QuotaWidgetText.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "gaugepoint/model/QuotaLanguagePreference.hpp"
+#include "gaugepoint/platform/JsonWriter.hpp"
+#include "gaugepoint/platform/Text.hpp"
+
+namespace gaugepoint::QuotaWidgetText {
+namespace {
+
+const QuotaWidgetWindowView* topWindow(const QuotaWidgetProviderView& provider) {
+    for (const auto& window : provider.windows) {
+        if (provider.topWindowID && window.id == *provider.topWindowID) return &window;
+    }
+    return nullptr;
+}
+
+std::string remainingPhrase(const QuotaWidgetWindowView& window, std::string_view language) {
+    return isChineseLanguage(language) ? "剩余 " + window.remainingText : window.remainingText + " left";
+}
+
+// The money or credit text of a provider, or its status when it has nothing else to show.
+std::optional<std::string> extraText(const QuotaWidgetProviderView& provider, bool hasWindow) {
+    if (provider.balanceText) return provider.balanceText;
+    if (provider.creditsText) return provider.creditsText;
+    if (!hasWindow) return provider.status;
+    return std::nullopt;
+}
+
+// The cells of one line: name, label, remaining, reset, extra.
+using Row = std::array<std::string, 5>;
+
+Row rowFor(const QuotaWidgetProviderView& provider, std::string_view language) {
+    const QuotaWidgetWindowView* top = topWindow(provider);
+    Row row{provider.displayName, "", "", "", extraText(provider, top != nullptr).value_or("")};
+    if (top) {
+        row[1] = top->label;
+        row[2] = remainingPhrase(*top, language);
+        row[3] = top->resetText == "-" ? "" : top->resetText;
+    }
+    return row;
+}
+
+void pad(std::string& out, const std::string& cell, std::size_t width, bool right = false) {
+    const std::size_t fill = width - std::min(width, displayWidth(cell));
+    if (right) out.append(fill, ' ');
+    out += cell;
+    if (!right) out.append(fill, ' ');
+}
+
+std::string render(const Row& row, const std::array<std::size_t, 5>& widths, bool aligned) {
+    const std::string gap = aligned ? "  " : " ";
+    const std::string dot = aligned ? "  ·  " : " · ";
+    std::string line;
+    pad(line, row[0], aligned ? widths[0] : 0);
+    if (!row[2].empty()) {
+        line += gap;
+        pad(line, row[1], aligned ? widths[1] : 0);
+        line += gap;
+        pad(line, row[2], aligned ? widths[2] : 0, true);
+        if (!row[3].empty()) {
+            line += dot;
+            pad(line, row[3], aligned && !row[4].empty() ? widths[3] : 0);
+        }
+        if (!row[4].empty()) line += dot + row[4];
+    } else if (!row[4].empty()) {
+        line += gap + row[4];
+    }
+    while (!line.empty() && line.back() == ' ') line.pop_back();
+    return line;
+}
+
+}  // namespace
+
+std::string providerLines(const QuotaWidgetView& view, bool aligned) {
+    std::vector<Row> rows;
+    std::array<std::size_t, 5> widths{};
+    for (const auto& provider : view.providers) {
+        rows.push_back(rowFor(provider, view.language));
+        for (std::size_t i = 0; i < widths.size(); ++i) widths[i] = std::max(widths[i], displayWidth(rows.back()[i]));
+    }
+    std::string text;
+    for (const auto& row : rows) text += render(row, widths, aligned) + "\n";
+    return text;
+}
+
+WaybarModule waybarModule(const QuotaWidgetView& view) {
+    const QuotaWidgetProviderView* tightestProvider = nullptr;
+    const QuotaWidgetWindowView* tightestWindow = nullptr;
+    for (const auto& provider : view.providers) {
+        for (const auto& window : provider.windows) {
+            if (!tightestWindow || window.remainingPercent < tightestWindow->remainingPercent) {
+                tightestProvider = &provider;
+                tightestWindow = &window;
+            }
+        }
+    }
+    WaybarModule module;
+    std::string tooltip = providerLines(view, false);
+    if (!tooltip.empty()) tooltip.pop_back();
+    module.tooltip = std::move(tooltip);
+    if (!tightestWindow) {
+        module.cssClass = "ok";
+        if (view.providers.empty()) {
+            module.text = "-";
+        } else {
+            const auto& first = view.providers.front();
+            module.text = first.displayName + " " + extraText(first, false).value_or("-");
+        }
+        return module;
+    }
+    const double lowest = tightestWindow->remainingPercent;
+    module.text = tightestProvider->displayName + " " + tightestWindow->label + " " + tightestWindow->remainingText;
+    module.cssClass = lowest <= 10 ? "critical" : lowest <= 25 ? "warning" : "ok";
+    module.percentage = std::isnan(lowest) ? 0 : static_cast<int>(std::clamp(std::round(lowest), 0.0, 100.0));
+    return module;
+}
+
+std::string waybarJSON(const WaybarModule& module) {
+    json::JsonWriter writer;
+    writer.beginObject();
+    writer.key("text");
+    writer.string(module.text);
+    writer.key("tooltip");
+    writer.string(module.tooltip);
+    writer.key("class");
+    writer.string(module.cssClass);
+    if (module.percentage) {
+        writer.key("percentage");
+        writer.integer(*module.percentage);
+    }
+    writer.endObject();
+    return writer.take();
+}
+
+}  // namespace gaugepoint::QuotaWidgetText

@@ -1,0 +1,32 @@
+#pragma once
+
+// Plain-text and status-bar renderings of a widget view.
+
+#include <optional>
+#include <string>
+
+#include "gaugepoint/widgets/QuotaWidgetViewModel.hpp"
+
+namespace gaugepoint::QuotaWidgetText {
+
+// One line per provider, columns aligned for a terminal: name, the top window's short label,
+// what is left, when it refreshes, and credits or balance where the provider has them:
+//   "Claude      5h  58% left  ·  refresh in 2h"
+// With `aligned` false the columns are separated by single blanks (for proportional fonts).
+std::string providerLines(const QuotaWidgetView& view, bool aligned = true);
+
+// A Waybar custom module: the most constrained provider in short form, every provider in the
+// tooltip, a CSS class by the lowest remaining percent (critical <= 10, warning <= 25, else ok)
+// and that percent as an integer 0...100 (absent when no provider has a window).
+struct WaybarModule {
+    std::string text;
+    std::string tooltip;
+    std::string cssClass;
+    std::optional<int> percentage;
+};
+WaybarModule waybarModule(const QuotaWidgetView& view);
+
+// The module as the one-line JSON object Waybar reads: {"text","tooltip","class","percentage"}.
+std::string waybarJSON(const WaybarModule& module);
+
+}  // namespace gaugepoint::QuotaWidgetText

@@ -1,0 +1,58 @@
+#include "gaugepoint/widgets/QuotaWidgetViewModel.hpp"
+
+#include "gaugepoint/widgets/QuotaProductCatalog.hpp"
+
+namespace gaugepoint {
+namespace {
+
+using QuotaFormatting::ResetAbsoluteStyle;
+using QuotaFormatting::ResetRelativeStyle;
+
+QuotaWidgetWindowView windowView(const QuotaWindow& window, Date now, std::string_view language) {
+    QuotaWidgetWindowView view;
+    view.id = window.id;
+    view.semantic = window.semantic;
+    view.label = window.widgetLabel();
+    view.detailLabel = window.localizedLabel(language);
+    view.usedPercent = window.usedPercent;
+    view.usedText = QuotaFormatting::percent(window.usedPercent);
+    view.remainingPercent = window.remainingPercent();
+    view.remainingText = QuotaFormatting::percent(view.remainingPercent);
+    view.progress = window.progress();
+    view.resetsAt = window.resetsAt;
+    view.resetText = QuotaFormatting::resetRelativeText(window.resetsAt, now, language, ResetRelativeStyle::standard);
+    view.resetCompactText = QuotaFormatting::resetRelativeText(window.resetsAt, now, language, ResetRelativeStyle::compact);
+    view.resetSummaryText = QuotaFormatting::resetSummaryText(window.resetsAt, now, language, ResetRelativeStyle::standard,
+                                                              ResetAbsoluteStyle::timeOnly);
+    return view;
+}
+
+QuotaWidgetProviderView providerView(const ProviderQuota& provider, Date now, std::string_view language) {
+    QuotaWidgetProviderView view;
+    view.id = provider.id;
+    view.displayName = provider.displayName;
+    view.quotaStrategy = provider.quotaStrategy;
+    view.status = provider.compatibilityStatusText(language);
+    view.creditsText = QuotaFormatting::credits(provider.creditsRemaining, language);
+    if (QuotaProductCatalog::creditsAreUSD(provider.id)) {
+        view.balanceText = QuotaFormatting::balance(provider.creditsRemaining, "USD", language);
+    }
+    if (const auto top = provider.topWindow()) view.topWindowID = top->id;
+    view.windows.reserve(provider.windows.size());
+    for (const auto& window : provider.windows) view.windows.push_back(windowView(window, now, language));
+    return view;
+}
+
+}  // namespace
+
+QuotaWidgetView QuotaWidgetView::make(const QuotaSnapshot& snapshot, Date now, std::string_view language) {
+    QuotaWidgetView view;
+    view.generatedAt = snapshot.generatedAt;
+    view.nextResetAt = snapshot.nextResetAt();
+    view.language = std::string(language);
+    view.providers.reserve(snapshot.providers.size());
+    for (const auto& provider : snapshot.providers) view.providers.push_back(providerView(provider, now, language));
+    return view;
+}
+
+}  // namespace gaugepoint
