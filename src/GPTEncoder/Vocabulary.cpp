@@ -1,0 +1,139 @@
+#include "GPTEncoder/Vocabulary.hpp"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+#include "GPTEncoder/ByteMapping.hpp"
+
+namespace gaugepoint {
+
+namespace fmt = vocabulary_format;
+
+namespace {
+
+void require(bool condition, const char* defect) {
+    if (!condition) throw std::runtime_error(std::string("vocabulary blob: ") + defect);
+}
+
+}  // namespace
+
+const Vocabulary& Vocabulary::shared() {
+    static const Vocabulary vocabulary = [] {
+        try {
+            return Vocabulary(embeddedVocabularyBlob());
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "gaugepoint: the embedded GPT-2 vocabulary is unusable: %s\n", e.what());
+            std::abort();
+        }
+    }();
+    return vocabulary;
+}
+
+Vocabulary::Vocabulary(std::string_view blob) : blob_(blob) {
+    require(blob.size() >= sizeof(fmt::Header), "shorter than its header");
+    std::memcpy(&header_, blob.data(), sizeof header_);
+    require(std::memcmp(header_.magic, fmt::kMagic, sizeof fmt::kMagic) == 0, "wrong magic");
+    require(header_.version == fmt::kVersion, "unsupported version");
+    require(header_.tokenCount >= 256 && header_.tokenCount <= fmt::kMaxTokens, "token count out of range");
+    require(header_.mergeCount <= fmt::kMaxMerges, "merge count out of range");
+    require(header_.tokenSlotBits <= fmt::kMaxSlotBits && header_.mergeSlotBits <= fmt::kMaxSlotBits &&
+                (std::size_t{1} << header_.tokenSlotBits) > header_.tokenCount &&
+                (std::size_t{1} << header_.mergeSlotBits) > header_.mergeCount,
+            "hash tables too small");
+    layout_ = fmt::layoutOf(header_);
+    require(header_.totalSize == layout_.total && blob.size() == layout_.total, "size disagrees with its header");
+    checkSections();
+    constexpr ByteEncoder byteEncoder;
+    constexpr ByteDecoder byteDecoder;
+    for (unsigned b = 0; b < 256; ++b) {
+        const auto bytes = byteDecoder.unmap(byteEncoder[static_cast<std::uint8_t>(b)]);
+        const auto id = idOf(*bytes);
+        require(id.has_value(), "a byte has no token");
+        byteIds_[b] = *id;
+    }
+}
+
+// Every offset, id and block index in range, so lookups never leave the blob.
+void Vocabulary::checkSections() const {
+    std::uint32_t previous = 0;
+    for (std::uint32_t id = 0; id <= header_.tokenCount; ++id) {
+        const auto offset = load32(layout_.tokenOffsets + 4 * std::size_t{id});
+        require(offset >= previous && offset <= header_.tokenByteCount && (id == 0 || offset > previous) && (id > 0 || offset == 0),
+                "token offsets out of order");
+        previous = offset;
+    }
+    require(previous == header_.tokenByteCount, "token bytes do not add up");
+    bool emptyToken = false, emptyMerge = false;  // probing stops only at an empty slot
+    for (std::size_t slot = 0; slot < (std::size_t{1} << header_.tokenSlotBits); ++slot) {
+        const auto id = load32(layout_.tokenSlots + 4 * slot);
+        require(id == fmt::kEmptySlot || id < header_.tokenCount, "token slot out of range");
+        emptyToken |= id == fmt::kEmptySlot;
+    }
+    for (std::uint32_t rank = 0; rank < header_.mergeCount; ++rank) {
+        const auto rule = mergeAt(rank);
+        require(rule.left < header_.tokenCount && rule.right < header_.tokenCount && rule.result < header_.tokenCount,
+                "merge rule out of range");
+    }
+    for (std::size_t slot = 0; slot < (std::size_t{1} << header_.mergeSlotBits); ++slot) {
+        fmt::MergeSlot entry;
+        std::memcpy(&entry, blob_.data() + layout_.mergeSlots + slot * sizeof entry, sizeof entry);
+        require(entry.pair == fmt::kEmptySlot || (entry.rankAndResult >> 16) < header_.mergeCount, "merge slot out of range");
+        emptyMerge |= entry.pair == fmt::kEmptySlot;
+    }
+    require(emptyToken && emptyMerge, "a hash table has no empty slot");
+    for (std::uint32_t block = 0; block < fmt::kCodeSpaceBlocks; ++block) {
+        std::uint16_t index;
+        std::memcpy(&index, blob_.data() + layout_.classIndex + 2 * std::size_t{block}, sizeof index);
+        require(index < header_.classBlockCount, "class index out of range");
+    }
+}
+
+std::uint32_t Vocabulary::load32(std::size_t offset) const noexcept {
+    std::uint32_t value;
+    std::memcpy(&value, blob_.data() + offset, sizeof value);
+    return value;
+}
+
+std::string_view Vocabulary::bytesOf(std::uint32_t id) const noexcept {
+    const auto begin = load32(layout_.tokenOffsets + 4 * std::size_t{id});
+    const auto end = load32(layout_.tokenOffsets + 4 * (std::size_t{id} + 1));
+    return blob_.substr(layout_.tokenBytes + begin, end - begin);
+}
+
+std::optional<std::uint32_t> Vocabulary::idOf(std::string_view bytes) const noexcept {
+    const std::uint32_t mask = (1u << header_.tokenSlotBits) - 1;
+    for (auto slot = fmt::slotOf(fmt::hashBytes(bytes), header_.tokenSlotBits);; slot = (slot + 1) & mask) {
+        const auto id = load32(layout_.tokenSlots + 4 * std::size_t{slot});
+        if (id == fmt::kEmptySlot) return std::nullopt;
+        if (bytesOf(id) == bytes) return id;
+    }
+}
+
+std::optional<Vocabulary::Merge> Vocabulary::merge(std::uint32_t left, std::uint32_t right) const noexcept {
+    const auto key = fmt::pairKey(left, right);
+    const std::uint32_t mask = (1u << header_.mergeSlotBits) - 1;
+    for (auto slot = fmt::slotOf(fmt::hashPair(key), header_.mergeSlotBits);; slot = (slot + 1) & mask) {
+        fmt::MergeSlot entry;
+        std::memcpy(&entry, blob_.data() + layout_.mergeSlots + std::size_t{slot} * sizeof entry, sizeof entry);
+        if (entry.pair == fmt::kEmptySlot) return std::nullopt;
+        if (entry.pair == key) return Merge{entry.rankAndResult >> 16, entry.rankAndResult & 0xFFFF};
+    }
+}
+
+fmt::MergeRule Vocabulary::mergeAt(std::uint32_t rank) const noexcept {
+    fmt::MergeRule rule;
+    std::memcpy(&rule, blob_.data() + layout_.merges + std::size_t{rank} * sizeof rule, sizeof rule);
+    return rule;
+}
+
+Vocabulary::CharClass Vocabulary::classOf(char32_t c) const noexcept {
+    if (c >= 0x110000) return CharClass::other;
+    std::uint16_t block;
+    std::memcpy(&block, blob_.data() + layout_.classIndex + 2 * std::size_t{c >> 8}, sizeof block);
+    return static_cast<CharClass>(static_cast<std::uint8_t>(blob_[layout_.classBlocks + std::size_t{block} * 256 + (c & 0xFF)]) & 3);
+}
+
+}  // namespace gaugepoint

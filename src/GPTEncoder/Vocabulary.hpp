@@ -1,0 +1,63 @@
+#pragma once
+
+// The compiled GPT-2 vocabulary read in place: token bytes by id, id by bytes, merge rules by rank
+// and by pair, and the pre-tokenisation class of every code point. Immutable; thread-safe.
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "GPTEncoder/VocabularyFormat.hpp"
+
+namespace gaugepoint {
+
+// The compiled vocabulary blob and the vocabulary license text embedded at build time.
+std::string_view embeddedVocabularyBlob() noexcept;
+std::string_view gpt2VocabularyLicense() noexcept;
+
+class Vocabulary {
+public:
+    using CharClass = vocabulary_format::CharClass;
+    struct Merge {
+        std::uint32_t rank;    // position among the merges, from 0
+        std::uint32_t result;  // id of the merged token
+    };
+
+    // The embedded vocabulary, checked once on first use. A malformed blob stops the program.
+    static const Vocabulary& shared();
+
+    // Reads a blob in place (it must outlive this object). Throws std::runtime_error naming the defect.
+    explicit Vocabulary(std::string_view blob);
+
+    std::uint32_t tokenCount() const noexcept { return header_.tokenCount; }
+    std::uint32_t mergeCount() const noexcept { return header_.mergeCount; }
+
+    // The raw bytes of token id. Precondition: id < tokenCount().
+    std::string_view bytesOf(std::uint32_t id) const noexcept;
+
+    // The id of the token whose raw bytes are exactly `bytes`, if there is one.
+    std::optional<std::uint32_t> idOf(std::string_view bytes) const noexcept;
+
+    // The id of the one-byte token for b (every byte has one).
+    std::uint32_t byteId(std::uint8_t b) const noexcept { return byteIds_[b]; }
+
+    // The rule merging the adjacent tokens left and right, if any.
+    std::optional<Merge> merge(std::uint32_t left, std::uint32_t right) const noexcept;
+
+    // The rule of a rank. Precondition: rank < mergeCount().
+    vocabulary_format::MergeRule mergeAt(std::uint32_t rank) const noexcept;
+
+    // The pre-tokenisation class of a code point (other for values beyond U+10FFFF).
+    CharClass classOf(char32_t c) const noexcept;
+
+private:
+    void checkSections() const;
+    std::uint32_t load32(std::size_t offset) const noexcept;
+
+    std::string_view blob_;
+    vocabulary_format::Header header_{};
+    vocabulary_format::Layout layout_{};
+    std::uint32_t byteIds_[256]{};
+};
+
+}  // namespace gaugepoint

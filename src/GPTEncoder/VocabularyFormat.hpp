@@ -1,0 +1,102 @@
+#pragma once
+
+// Layout of the compiled vocabulary blob. tools/compile_vocabulary.cpp writes it at build time
+// from encoder.json and vocab.bpe; Vocabulary reads it in place from the embedded copy, so loading
+// costs no parsing and no allocation. Integers are in host byte order (the blob is built on the
+// machine that runs it); every section starts on a 4-byte boundary.
+//
+//   Header
+//   u32 tokenOffsets[tokenCount + 1]      token id's raw bytes: tokenBytes[off[id] ..< off[id + 1]]
+//   u8  tokenBytes[tokenByteCount]        (padded to 4)
+//   u32 tokenSlots[2^tokenSlotBits]       open addressing on hashBytes(raw bytes) -> id, or kEmptySlot
+//   MergeRule merges[mergeCount]          in rank order (rank = index, counted from 0)
+//   MergeSlot mergeSlots[2^mergeSlotBits] open addressing on hashPair(pairKey) -> rank and result
+//   u16 classIndex[kCodeSpaceBlocks]      code point >> 8 -> class block
+//   u8  classBlocks[classBlockCount][256] CharClass of each code point in the block
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+namespace gaugepoint::vocabulary_format {
+
+inline constexpr char kMagic[8] = {'G', 'P', 'T', '2', 'B', 'P', 'E', '\0'};
+inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint32_t kEmptySlot = 0xFFFFFFFFu;
+inline constexpr std::uint32_t kCodeSpaceBlocks = 0x110000 / 256;
+inline constexpr std::uint32_t kMaxSlotBits = 24;
+// Ids and ranks are packed into 16 bits each inside merge slots.
+inline constexpr std::uint32_t kMaxTokens = 0xFFFF;
+inline constexpr std::uint32_t kMaxMerges = 0xFFFF;
+
+// The pre-tokenisation classes of the GPT-2 pattern: \p{L}, \p{N}, White_Space, everything else.
+enum class CharClass : std::uint8_t { other = 0, letter = 1, number = 2, space = 3 };
+
+struct Header {
+    char magic[8];
+    std::uint32_t version;
+    std::uint32_t tokenCount;
+    std::uint32_t tokenByteCount;
+    std::uint32_t tokenSlotBits;
+    std::uint32_t mergeCount;
+    std::uint32_t mergeSlotBits;
+    std::uint32_t classBlockCount;
+    std::uint32_t totalSize;  // bytes of the whole blob, header included
+};
+
+struct MergeRule {
+    std::uint32_t left, right, result;  // token ids
+};
+
+struct MergeSlot {
+    std::uint32_t pair;           // pairKey(left, right), or kEmptySlot
+    std::uint32_t rankAndResult;  // rank << 16 | result id
+};
+
+constexpr std::uint32_t pairKey(std::uint32_t left, std::uint32_t right) noexcept { return left << 16 | right; }
+
+// Byte offsets of the sections; both the writer and the reader derive them from the header.
+struct Layout {
+    std::size_t tokenOffsets, tokenBytes, tokenSlots, merges, mergeSlots, classIndex, classBlocks, total;
+};
+
+constexpr std::size_t alignTo4(std::size_t n) noexcept { return (n + 3) & ~std::size_t{3}; }
+
+// Precondition: slot bits <= kMaxSlotBits (the reader checks before calling).
+constexpr Layout layoutOf(const Header& h) noexcept {
+    Layout l{};
+    l.tokenOffsets = sizeof(Header);
+    l.tokenBytes = l.tokenOffsets + (std::size_t{h.tokenCount} + 1) * sizeof(std::uint32_t);
+    l.tokenSlots = alignTo4(l.tokenBytes + h.tokenByteCount);
+    l.merges = l.tokenSlots + (std::size_t{1} << h.tokenSlotBits) * sizeof(std::uint32_t);
+    l.mergeSlots = l.merges + std::size_t{h.mergeCount} * sizeof(MergeRule);
+    l.classIndex = l.mergeSlots + (std::size_t{1} << h.mergeSlotBits) * sizeof(MergeSlot);
+    l.classBlocks = l.classIndex + kCodeSpaceBlocks * sizeof(std::uint16_t);
+    l.total = l.classBlocks + std::size_t{h.classBlockCount} * 256;
+    return l;
+}
+
+// Hash of a token's raw bytes. Writer and reader must agree; the slot is the top `bits` bits.
+inline std::uint32_t hashBytes(std::string_view s) noexcept {
+    std::uint64_t h = 0x9E3779B97F4A7C15ull ^ s.size();
+    const char* p = s.data();
+    std::size_t n = s.size();
+    for (; n >= 8; p += 8, n -= 8) {
+        std::uint64_t word;
+        std::memcpy(&word, p, 8);
+        h = (h ^ word) * 0xFF51AFD7ED558CCDull;
+        h ^= h >> 32;
+    }
+    std::uint64_t tail = 0;
+    std::memcpy(&tail, p, n);
+    h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
+    h ^= h >> 29;
+    return static_cast<std::uint32_t>((h * 0xFF51AFD7ED558CCDull) >> 32);
+}
+
+constexpr std::uint32_t hashPair(std::uint32_t key) noexcept { return key * 0x9E3779B1u; }
+
+constexpr std::uint32_t slotOf(std::uint32_t hash, std::uint32_t bits) noexcept { return hash >> (32 - bits); }
+
+}  // namespace gaugepoint::vocabulary_format
