@@ -1,7 +1,7 @@
 #pragma once
 
-// Word-at-a-time copies for the decoders' hot loops. Both may write up to 15 bytes past
-// dst + n and read up to 15 bytes past src + n; callers guarantee those bytes are allocated
+// Word-at-a-time copies for the decoders' hot loops. They may write up to 32 bytes past
+// dst + n and read up to 32 bytes past src + n; callers guarantee those bytes are allocated
 // (OutputBuffer::kSlack, literal buffer slack, or input bytes known to remain).
 
 #include <cstddef>
@@ -14,7 +14,7 @@ inline void copy16(std::uint8_t* dst, const std::uint8_t* src) noexcept {
     std::memcpy(dst, src, 16);
 }
 
-// Non-overlapping copy of n bytes in 16-byte steps.
+// Non-overlapping copy of n bytes in 16-byte steps (at least one step).
 inline void wildCopy(std::uint8_t* dst, const std::uint8_t* src, std::size_t n) noexcept {
     std::uint8_t* const end = dst + n;
     do {
@@ -28,6 +28,13 @@ inline void wildCopy(std::uint8_t* dst, const std::uint8_t* src, std::size_t n) 
 // point: distance 1 repeats the last byte n times.
 inline void copyMatch(std::uint8_t* dst, std::size_t distance, std::size_t n) noexcept {
     const std::uint8_t* src = dst - distance;
+    if (distance >= 32) {
+        // Most matches are short: one unconditional 32-byte step covers them without a
+        // loop exit to mispredict.
+        std::memcpy(dst, src, 32);
+        if (n > 32) wildCopy(dst + 32, src + 32, n - 32);
+        return;
+    }
     if (distance >= 16) {
         wildCopy(dst, src, n);
         return;

@@ -1,5 +1,6 @@
 // The stream driver of the decoder: walks the blocks up to the end marker.
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -42,10 +43,49 @@ std::size_t decodeRawBlock(std::span<const std::uint8_t> input, std::size_t offs
                                             ")" + detail::at(offset));
 }
 
+// Sum of the sizes the block headers announce, read without decoding anything; stops
+// quietly at the first block it cannot walk (decoding proper reports that). Used only as an
+// allocation hint.
+std::uint64_t announcedSize(std::span<const std::uint8_t> input) {
+    std::uint64_t total = 0;
+    std::size_t offset = 0;
+    const std::uint8_t* p = input.data();
+    while (input.size() - offset >= 8) {
+        const std::uint32_t magic = detail::load32(p + offset);
+        const std::uint32_t raw = detail::load32(p + offset + 4);
+        std::uint64_t blockBytes;
+        if (magic == detail::kMagicRaw) {
+            blockBytes = std::uint64_t{detail::kRawHeaderBytes} + raw;
+        } else if (magic == detail::kMagicLzvn && input.size() - offset >= detail::kLzvnHeaderBytes) {
+            blockBytes = std::uint64_t{detail::kLzvnHeaderBytes} + detail::load32(p + offset + 8);
+        } else if (magic == detail::kMagicV2 && input.size() - offset >= detail::kV2FixedHeaderBytes) {
+            const std::uint64_t w0 = detail::load64(p + offset + 8), w1 = detail::load64(p + offset + 16);
+            blockBytes = detail::load32(p + offset + 24) + ((w0 >> 20) & 0xFFFFF) + ((w1 >> 40) & 0xFFFFF);
+        } else if (magic == detail::kMagicV1 && input.size() - offset >= detail::kV1HeaderBytes) {
+            blockBytes = std::uint64_t{detail::kV1HeaderBytes} + detail::load32(p + offset + 20) +
+                         detail::load32(p + offset + 24);
+        } else {
+            break;
+        }
+        total += raw;
+        if (blockBytes > input.size() - offset) break;
+        offset += static_cast<std::size_t>(blockBytes);
+    }
+    return total;
+}
+
 }  // namespace
 
 std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> input, std::size_t maxOutputBytes) {
-    OutputBuffer out(maxOutputBytes);
+    std::vector<std::uint8_t> output;
+    decompressInto(input, output, maxOutputBytes);
+    return output;
+}
+
+void decompressInto(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& output,
+                    std::size_t maxOutputBytes) {
+    OutputBuffer out(maxOutputBytes, std::move(output));
+    out.expect(static_cast<std::size_t>(std::min<std::uint64_t>(announcedSize(input), maxOutputBytes)));
     std::unique_ptr<detail::LzfseBlockDecoder> lzfse;  // ~50 KiB of tables, made on first use
     std::size_t offset = 0;
     for (;;) {
@@ -57,7 +97,8 @@ std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> input, std::s
         const std::uint32_t magic = detail::load32(input.data() + offset);
         switch (magic) {
         case detail::kMagicEnd:
-            return std::move(out).release();
+            output = std::move(out).release();
+            return;
         case detail::kMagicRaw:
             offset = decodeRawBlock(input, offset, out);
             break;

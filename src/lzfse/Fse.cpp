@@ -15,17 +15,25 @@ bool sumsTo(const std::uint16_t* freq, unsigned symbols, unsigned states) {
     return sum == states;
 }
 
-// Calls fn(state, symbol, bits, base) for every state, per the decoding table rule: for
-// state c[s]+j, y = f+j is shifted by n bits into [N, 2N) and base = y*2^n - N.
+// Calls fn(state, symbol, bits, base) for every state. For state c[s]+j, y = f+j is
+// shifted by n bits into [N, 2N) and base = y*2^n - N; with k = log2(N) - floor(log2(f)) and
+// j0 = 2N/2^k - f that is n = k, base = (f+j)*2^k - N below j0, and n = k-1,
+// base = (j-j0)*2^(k-1) from j0 on.
 template <typename Fn>
 void forEachState(const std::uint16_t* freq, unsigned symbols, unsigned states, Fn fn) {
     const unsigned logN = log2Floor(states);
     unsigned state = 0;
     for (unsigned s = 0; s < symbols; ++s) {
-        for (unsigned j = 0; j < freq[s]; ++j, ++state) {
-            const unsigned y = freq[s] + j;
-            const unsigned n = logN - log2Floor(y);
-            fn(state, s, n, (y << n) - states);
+        const unsigned f = freq[s];
+        if (f == 0) continue;
+        const unsigned k = logN - log2Floor(f);
+        const unsigned j0 = ((2 * states) >> k) - f;
+        for (unsigned j = 0; j < f; ++j, ++state) {
+            if (j < j0) {
+                fn(state, s, k, ((f + j) << k) - states);
+            } else {
+                fn(state, s, k - 1, (j - j0) << (k - 1));
+            }
         }
     }
 }

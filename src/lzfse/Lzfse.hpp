@@ -32,6 +32,11 @@ std::vector<std::uint8_t> compress(std::span<const std::uint8_t> input);
 std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> input,
                                      std::size_t maxOutputBytes = kDefaultMaxOutputBytes);
 
+// As decompress(), but writes into `output` (replacing its contents, reusing its capacity),
+// for callers that decode many streams. On error `output` is left empty.
+void decompressInto(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& output,
+                    std::size_t maxOutputBytes = kDefaultMaxOutputBytes);
+
 // Conveniences for text payloads; same contracts as above.
 std::string compressString(std::string_view input);
 std::string decompressString(std::string_view input,

@@ -19,9 +19,11 @@ using Kind = lzfse::Error::Kind;
 
 // A well-formed stream is consumed exactly down to `floor`: bit 0 for literals, the top of
 // the 64 padding bits for the LMD stream.
-void checkFullyRead(const BitReader& in, std::int64_t floor, const char* stream, const char* block,
+// Takes the cursor by value: a reader whose address escaped could not live in registers
+// across the output stores (byte stores may alias anything).
+void checkFullyRead(std::int64_t cursor, std::int64_t floor, const char* stream, const char* block,
                     std::size_t offset) {
-    const std::int64_t left = in.cursor() - floor;
+    const std::int64_t left = cursor - floor;
     if (left < 0)
         blockError(Kind::BadPayload, block, offset,
                    std::string(stream) + " bit stream read " + std::to_string(-left) + " bits past its data");
@@ -70,7 +72,7 @@ void LzfseBlockDecoder::decodeLiterals(const std::uint8_t* payload, const LzfseH
         dst[i + 2] = decodeLiteral(q2, table, in);
         dst[i + 3] = decodeLiteral(q3, table, in);
     }
-    checkFullyRead(in, 0, "literal", kind, offset);
+    checkFullyRead(in.cursor(), 0, "literal", kind, offset);
 }
 
 void LzfseBlockDecoder::executeTriples(const std::uint8_t* payload, const LzfseHeader& h,
@@ -85,6 +87,7 @@ void LzfseBlockDecoder::executeTriples(const std::uint8_t* payload, const LzfseH
     std::size_t pos = out.size();
     std::size_t room = std::min(out.capacity(), blockEnd);  // allocated (plus slack)
     std::uint32_t distance = 0;     // unset until the first triple gives one
+    std::uint8_t* base = out.begin();
     for (std::uint32_t i = 0; i < h.matches; ++i) {
         // One triple takes at most 14 + 17 + 23 = 54 bits.
         in.refill();
@@ -109,8 +112,9 @@ void LzfseBlockDecoder::executeTriples(const std::uint8_t* payload, const LzfseH
             out.advance(pos - out.size());
             out.ensure(L + M);
             room = std::min(out.capacity(), blockEnd);
+            base = out.begin();
         }
-        std::uint8_t* dst = out.begin() + pos;
+        std::uint8_t* dst = base + pos;
         wildCopy(dst, lit, L);
         lit += L;
         copyMatch(dst + L, distance, M);
@@ -121,7 +125,7 @@ void LzfseBlockDecoder::executeTriples(const std::uint8_t* payload, const LzfseH
         blockError(Kind::SizeMismatch, kind, offset,
                    "triples produce " + std::to_string(pos - (blockEnd - h.rawBytes)) +
                        " bytes, the header says " + std::to_string(h.rawBytes));
-    checkFullyRead(in, 8 * kLmdPaddingBytes, "LMD", kind, offset);
+    checkFullyRead(in.cursor(), 8 * kLmdPaddingBytes, "LMD", kind, offset);
 }
 
 }  // namespace gaugepoint::lzfse::detail

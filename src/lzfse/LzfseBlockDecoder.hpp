@@ -29,7 +29,7 @@ private:
                         std::size_t offset, OutputBuffer& out);
 
     // The literal buffer keeps slack so literal copies may move 16 bytes at a time.
-    static constexpr std::size_t kLiteralSlack = 32;
+    static constexpr std::size_t kLiteralSlack = 64;
 
     std::array<LiteralEntry, kLiteralStates> literalTable_;
     std::array<ValueEntry, kLStates> lTable_;

@@ -13,9 +13,13 @@ class OutputBuffer {
 public:
     // Bytes past the logical end that are always allocated, so copies may move whole words
     // and overshoot the bytes they mean to write by up to this much.
-    static constexpr std::size_t kSlack = 32;
+    static constexpr std::size_t kSlack = 64;
 
-    explicit OutputBuffer(std::size_t limit) : buf_(kSlack), limit_(limit) {}
+    // Takes over `storage` (its contents are dropped, its capacity reused).
+    OutputBuffer(std::size_t limit, std::vector<std::uint8_t> storage = {})
+        : buf_(std::move(storage)), limit_(limit) {
+        buf_.resize(kSlack);
+    }
 
     std::size_t size() const noexcept { return pos_; }
     std::size_t limit() const noexcept { return limit_; }
