@@ -1,0 +1,24 @@
+// Arbitrary input through the encoder and back: the result must equal the input. The first
+// byte picks a repetition count so short fuzz inputs also reach the LZFSE size range.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <vector>
+
+#include "lzfse/Lzfse.hpp"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    std::vector<std::uint8_t> input;
+    if (size > 0) {
+        // Up to 64 back-to-back copies, at most about 256 KiB in all.
+        const std::size_t copies = std::min<std::size_t>(1 + (data[0] & 0x3F), 1 + (std::size_t{256} << 10) / size);
+        for (std::size_t i = 0; i < copies; ++i) input.insert(input.end(), data + 1, data + size);
+        // Vary the copies a little so the match finder sees near-repeats, not only repeats.
+        for (std::size_t i = size; i < input.size(); i += size + (data[0] >> 6)) input[i] ^= 0x5A;
+    }
+    const auto stream = gaugepoint::lzfse::compress(input);
+    if (gaugepoint::lzfse::decompress(stream, input.size()) != input) std::abort();
+    return 0;
+}
