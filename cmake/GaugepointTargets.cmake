@@ -42,7 +42,7 @@ function(gaugepoint_test name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} GTest::gtest GTest::gmock GTest::gtest_main gaugepoint_build_flags)
-  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
   target_compile_definitions(${name} PRIVATE GAUGEPOINT_TEST_DATA_DIR="${PROJECT_SOURCE_DIR}/tests/data")
   include(GoogleTest)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60

@@ -9,6 +9,8 @@
 //   - keys the type does not know are ignored.
 // A document with irregular keys specialises Coding<T> beside its type.
 
+#include <boost/describe/class.hpp>
+#include <boost/describe/enum.hpp>
 #include <boost/describe/enum_from_string.hpp>
 #include <boost/describe/enum_to_string.hpp>
 #include <boost/describe/enumerators.hpp>
@@ -160,12 +162,13 @@ struct Coding<T, std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bo
     static void write(JsonWriter& w, T v) { w.integer(static_cast<std::int64_t>(v)); }
     static T read(const boost::json::value& v, const Path& path) {
         const std::int64_t n = readInteger(v, path);
-        if constexpr (sizeof(T) < sizeof(std::int64_t) || std::is_unsigned_v<T>) {
-            if (n < std::int64_t(std::numeric_limits<T>::min()) ||
-                std::uint64_t(n) > std::uint64_t(std::numeric_limits<T>::max())) {
-                throw DecodingError(path.toString(), "integer out of range");
-            }
+        bool inRange = true;
+        if constexpr (std::is_unsigned_v<T>) {
+            inRange = n >= 0 && std::uint64_t(n) <= std::uint64_t(std::numeric_limits<T>::max());
+        } else if constexpr (sizeof(T) < sizeof(std::int64_t)) {
+            inRange = n >= std::int64_t(std::numeric_limits<T>::min()) && n <= std::int64_t(std::numeric_limits<T>::max());
         }
+        if (!inRange) throw DecodingError(path.toString(), "integer out of range");
         return static_cast<T>(n);
     }
 };

@@ -1,0 +1,30 @@
+#include <gtest/gtest.h>
+
+#include "gaugepoint/platform/Text.hpp"
+
+namespace gaugepoint {
+namespace {
+
+TEST(Text, TrimsUnicodeWhiteSpaceAndLineBreaksOnly) {
+    EXPECT_EQ(trimmed("  Pro \n"), "Pro");
+    EXPECT_EQ(trimmed("\u3000\u00a0\t Pro Max\u2029\u0085"), "Pro Max");
+    EXPECT_EQ(trimmed(" \r\n "), "");
+    EXPECT_EQ(trimmed("\u200bx\u200b"), "\u200bx\u200b");  // zero-width space is not white space
+    EXPECT_EQ(trimmed("\xe3\x80"), "\xe3\x80");             // a cut-off sequence is kept, not over-read
+}
+
+TEST(Text, LookupKeysAreTrimmedLowerCasedAndDashed) {
+    EXPECT_EQ(normalizedLookupKey(" Claude_Code "), "claude-code");
+    EXPECT_EQ(normalizedLookupKey("Claude Code"), "claude-code");
+    EXPECT_EQ(normalizedLookupKey("ÉCOLE_X"), "école-x");
+}
+
+TEST(Text, DisplayWidthCountsWideCharactersTwice) {
+    EXPECT_EQ(displayWidth("5h"), 2u);
+    EXPECT_EQ(displayWidth("剩余 58%"), 8u);
+    EXPECT_EQ(displayWidth("e\u0301"), 1u);
+    EXPECT_EQ(displayWidth("\xff"), 1u);
+}
+
+}  // namespace
+}  // namespace gaugepoint

@@ -1,0 +1,152 @@
+#include <gtest/gtest.h>
+
+#include "TestSupport.hpp"
+#include "gaugepoint/platform/Json.hpp"
+#include "gaugepoint/widgets/QuotaWidgetText.hpp"
+
+namespace gaugepoint {
+namespace {
+
+using testing::at;
+
+const Date kNow = at("2026-11-21T09:30:00Z");
+
+QuotaWindow timeWindow(std::string id, double used, std::int64_t minutes, std::int64_t importance, Date resetsAt) {
+    QuotaWindow w;
+    w.id = std::move(id);
+    w.label = w.id;
+    w.usedPercent = used;
+    w.windowMinutes = minutes;
+    w.importance = importance;
+    w.resetsAt = resetsAt;
+    w.semantic = minutes <= 360 ? QuotaWindowSemantic::rollingSession : QuotaWindowSemantic::fixedCycle;
+    return w;
+}
+
+ProviderQuota provider(std::string id, std::string name, std::vector<QuotaWindow> windows,
+                       std::optional<double> credits = std::nullopt) {
+    ProviderQuota p;
+    p.id = std::move(id);
+    p.displayName = std::move(name);
+    p.windows = std::move(windows);
+    p.creditsRemaining = credits;
+    p.quotaStrategy = QuotaProviderStrategy::multiWindow;
+    return p;
+}
+
+QuotaSnapshot sample() {
+    QuotaSnapshot s;
+    s.generatedAt = at("2026-11-21T09:28:00Z");
+    s.providers = {
+        // Stored with the weekly window first: the view keeps that order, the top window is the 5h one.
+        provider("claude", "Claude",
+                 {timeWindow("secondary", 63.5, 10080, 1, at("2026-11-24T08:00:00Z")),
+                  timeWindow("primary", 42, 300, 0, at("2026-11-21T11:15:00Z"))}),
+        provider("codex", "Codex", {timeWindow("primary", 12, 300, 0, at("2026-11-21T13:02:00Z"))}, 120),
+        provider("openrouter", "OpenRouter", {}, 18.42),
+    };
+    return s;
+}
+
+TEST(WidgetView, CarriesEveryTextInStoredOrder) {
+    const auto view = QuotaWidgetView::make(sample(), kNow, "en");
+    EXPECT_EQ(view.nextResetAt, at("2026-11-21T11:15:00Z"));
+    const auto& claude = view.providers.at(0);
+    EXPECT_EQ(claude.topWindowID, "primary");
+    EXPECT_EQ(claude.status, "5h 58% left");
+    ASSERT_EQ(claude.windows.size(), 2u);
+    const auto& week = claude.windows[0];
+    EXPECT_EQ(week.id, "secondary");
+    EXPECT_EQ(week.label, "1w");
+    EXPECT_EQ(week.detailLabel, "Cycle 1w");
+    EXPECT_EQ(week.usedText, "63.5%");
+    EXPECT_EQ(week.remainingText, "36.5%");
+    EXPECT_DOUBLE_EQ(week.progress, 0.635);
+    EXPECT_EQ(week.resetText, "refresh in 3d");
+    EXPECT_EQ(week.resetCompactText, "in 3d");
+    EXPECT_EQ(week.resetSummaryText, "refresh in 3d · 08:00");
+    EXPECT_EQ(view.providers[1].creditsText, "Credits 120");
+    EXPECT_FALSE(view.providers[1].balanceText);
+    EXPECT_EQ(view.providers[2].creditsText, "Credits 18.42");
+    EXPECT_TRUE(view.providers[2].balanceText);
+    EXPECT_FALSE(view.providers[2].topWindowID);
+
+    const auto chinese = QuotaWidgetView::make(sample(), kNow, "zh-Hans");
+    EXPECT_EQ(chinese.providers[0].windows[1].detailLabel, "会话 5h");
+    EXPECT_EQ(chinese.providers[0].windows[1].resetCompactText, "2 小时后");
+    EXPECT_EQ(chinese.providers[1].creditsText, "积分 120");
+}
+
+TEST(WidgetView, JsonHasTheRequiredKeysAndLeavesOutAbsentValues) {
+    auto snapshot = sample();
+    snapshot.providers[1].windows[0].resetsAt.reset();
+    const auto doc = json::parse(json::encode(QuotaWidgetView::make(snapshot, kNow, "en")));
+    const auto& root = doc.as_object();
+    for (const char* key : {"generatedAt", "nextResetAt", "providers"}) EXPECT_TRUE(root.contains(key)) << key;
+    const auto& claude = root.at("providers").as_array()[0].as_object();
+    for (const char* key : {"id", "displayName", "quotaStrategy", "status", "topWindowID", "windows"}) {
+        EXPECT_TRUE(claude.contains(key)) << key;
+    }
+    EXPECT_FALSE(claude.contains("creditsText"));
+    const auto& window = claude.at("windows").as_array()[0].as_object();
+    for (const char* key : {"id", "semantic", "label", "detailLabel", "usedPercent", "usedText", "remainingPercent",
+                            "remainingText", "progress", "resetsAt", "resetText", "resetCompactText", "resetSummaryText"}) {
+        EXPECT_TRUE(window.contains(key)) << key;
+    }
+    EXPECT_EQ(window.at("resetsAt").as_string(), "2026-11-24T08:00:00Z");
+    const auto& codexWindow = root.at("providers").as_array()[1].at("windows").as_array()[0].as_object();
+    EXPECT_FALSE(codexWindow.contains("resetsAt"));
+    EXPECT_EQ(codexWindow.at("resetText").as_string(), "-");
+}
+
+TEST(WidgetText, AlignsOneLinePerProvider) {
+    const auto lines = QuotaWidgetText::providerLines(QuotaWidgetView::make(sample(), kNow, "en"));
+    EXPECT_EQ(lines,
+              "Claude      5h  58% left  ·  refresh in 2h\n"
+              "Codex       5h  88% left  ·  refresh in 4h  ·  Credits 120\n"
+              "OpenRouter  Balance $18.42\n");
+    const auto chinese = QuotaWidgetText::providerLines(QuotaWidgetView::make(sample(), kNow, "zh-Hans"));
+    EXPECT_EQ(chinese,
+              "Claude      5h  剩余 58%  ·  2 小时后刷新\n"
+              "Codex       5h  剩余 88%  ·  4 小时后刷新  ·  积分 120\n"
+              "OpenRouter  余额 $18.42\n");
+}
+
+TEST(Waybar, ClassAndPercentageFollowTheLowestRemainingWindow) {
+    const std::pair<double, const char*> cases[] = {
+        {74, "ok"}, {75, "warning"}, {89.5, "warning"}, {90, "critical"}, {100, "critical"}, {130, "critical"}};
+    for (const auto& [used, cssClass] : cases) {
+        auto snapshot = sample();
+        snapshot.providers[1].windows[0].usedPercent = used;
+        const auto module = QuotaWidgetText::waybarModule(QuotaWidgetView::make(snapshot, kNow, "en"));
+        EXPECT_EQ(module.cssClass, cssClass) << used;
+        EXPECT_EQ(module.text, "Codex 5h " + QuotaFormatting::percent(std::max(0.0, 100 - used)));
+        EXPECT_EQ(module.percentage, int(std::round(std::max(0.0, 100 - used))));
+    }
+}
+
+TEST(Waybar, TooltipListsEveryProviderAndTheJsonIsOneLine) {
+    const auto module = QuotaWidgetText::waybarModule(QuotaWidgetView::make(sample(), kNow, "en"));
+    EXPECT_EQ(module.text, "Claude 1w 36.5%");
+    EXPECT_EQ(module.percentage, 37);
+    EXPECT_EQ(module.tooltip,
+              "Claude 5h 58% left · refresh in 2h\nCodex 5h 88% left · refresh in 4h · Credits 120\n"
+              "OpenRouter Balance $18.42");
+    const std::string line = QuotaWidgetText::waybarJSON(module);
+    EXPECT_EQ(line.find('\n'), std::string::npos);
+    EXPECT_EQ(json::parse(line).at("class").as_string(), "ok");
+}
+
+TEST(Waybar, WithoutWindowsThereIsNoPercentage) {
+    QuotaSnapshot s;
+    s.providers = {provider("openrouter", "OpenRouter", {}, 5)};
+    const auto module = QuotaWidgetText::waybarModule(QuotaWidgetView::make(s, kNow, "en"));
+    EXPECT_EQ(module.text, "OpenRouter Balance $5.00");
+    EXPECT_EQ(module.cssClass, "ok");
+    EXPECT_FALSE(module.percentage);
+    EXPECT_FALSE(json::parse(QuotaWidgetText::waybarJSON(module)).as_object().contains("percentage"));
+    EXPECT_EQ(QuotaWidgetText::waybarModule(QuotaWidgetView::make(QuotaSnapshot{}, kNow, "en")).text, "-");
+}
+
+}  // namespace
+}  // namespace gaugepoint
