@@ -5,6 +5,9 @@
 // observable by design: callers store values that depend only on the key.
 
 #include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <cstring>
 #include <concepts>
 #include <cstddef>
 #include <functional>
@@ -20,14 +23,33 @@
 
 namespace gaugepoint {
 
-// std::hash, made transparent for std::string keys so a lookup by std::string_view builds no string.
+// std::hash, except for std::string keys: a transparent hash (a lookup by std::string_view builds
+// no string) that is quick on short keys. It is deliberately not noexcept: libstdc++ then keeps
+// each node's hash, so walking a bucket compares stored hashes instead of rehashing keys.
 template <class Key>
 struct AtomicDictHash : std::hash<Key> {};
 
 template <>
 struct AtomicDictHash<std::string> {
     using is_transparent = void;
-    std::size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>{}(s); }
+    std::size_t operator()(std::string_view s) const {
+        std::uint64_t h = 0x9E3779B97F4A7C15ull ^ s.size();
+        std::size_t i = 0;
+        for (; i + 8 <= s.size(); i += 8) h = std::rotl((h ^ load(s.data() + i, 8)) * 0xFF51AFD7ED558CCDull, 29);
+        const std::size_t n = s.size() - i;  // the last 0-7 bytes, in at most two loads
+        const std::uint64_t tail = n >= 4 ? load(s.data() + i, 4) << 32 | load(s.data() + s.size() - 4, 4)
+                                 : n > 0  ? load(s.data() + i, 1) << 16 | load(s.data() + i + n / 2, 1) << 8 | load(s.data() + s.size() - 1, 1)
+                                          : 0;
+        h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
+        return static_cast<std::size_t>(h ^ (h >> 32));
+    }
+
+private:
+    static std::uint64_t load(const char* p, std::size_t n) {
+        std::uint64_t word = 0;
+        std::memcpy(&word, p, n);
+        return word;
+    }
 };
 
 template <class Key, class Value>

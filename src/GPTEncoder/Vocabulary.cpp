@@ -1,5 +1,6 @@
 #include "GPTEncoder/Vocabulary.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -46,6 +47,7 @@ Vocabulary::Vocabulary(std::string_view blob) : blob_(blob) {
     layout_ = fmt::layoutOf(header_);
     require(header_.totalSize == layout_.total && blob.size() == layout_.total, "size disagrees with its header");
     checkSections();
+    for (char32_t c = 0; c < 128; ++c) asciiClasses_[c] = classFromTables(c);
     constexpr ByteEncoder byteEncoder;
     constexpr ByteDecoder byteDecoder;
     for (unsigned b = 0; b < 256; ++b) {
@@ -68,7 +70,7 @@ void Vocabulary::checkSections() const {
     require(previous == header_.tokenByteCount, "token bytes do not add up");
     bool emptyToken = false, emptyMerge = false;  // probing stops only at an empty slot
     for (std::size_t slot = 0; slot < (std::size_t{1} << header_.tokenSlotBits); ++slot) {
-        const auto id = load32(layout_.tokenSlots + 4 * slot);
+        const auto id = load32(layout_.tokenSlots + slot * sizeof(fmt::TokenSlot));
         require(id == fmt::kEmptySlot || id < header_.tokenCount, "token slot out of range");
         emptyToken |= id == fmt::kEmptySlot;
     }
@@ -105,10 +107,14 @@ std::string_view Vocabulary::bytesOf(std::uint32_t id) const noexcept {
 
 std::optional<std::uint32_t> Vocabulary::idOf(std::string_view bytes) const noexcept {
     const std::uint32_t mask = (1u << header_.tokenSlotBits) - 1;
+    const auto length = static_cast<std::uint8_t>(std::min<std::size_t>(bytes.size(), 255));
     for (auto slot = fmt::slotOf(fmt::hashBytes(bytes), header_.tokenSlotBits);; slot = (slot + 1) & mask) {
-        const auto id = load32(layout_.tokenSlots + 4 * std::size_t{slot});
-        if (id == fmt::kEmptySlot) return std::nullopt;
-        if (bytesOf(id) == bytes) return id;
+        fmt::TokenSlot entry;
+        std::memcpy(&entry, blob_.data() + layout_.tokenSlots + std::size_t{slot} * sizeof entry, sizeof entry);
+        if (entry.id == fmt::kEmptySlot) return std::nullopt;
+        if (entry.length != length) continue;
+        if (bytes.size() <= fmt::kInlineTokenBytes ? std::memcmp(entry.prefix, bytes.data(), bytes.size()) == 0 : bytesOf(entry.id) == bytes)
+            return entry.id;
     }
 }
 
@@ -129,7 +135,7 @@ fmt::MergeRule Vocabulary::mergeAt(std::uint32_t rank) const noexcept {
     return rule;
 }
 
-Vocabulary::CharClass Vocabulary::classOf(char32_t c) const noexcept {
+Vocabulary::CharClass Vocabulary::classFromTables(char32_t c) const noexcept {
     if (c >= 0x110000) return CharClass::other;
     std::uint16_t block;
     std::memcpy(&block, blob_.data() + layout_.classIndex + 2 * std::size_t{c >> 8}, sizeof block);

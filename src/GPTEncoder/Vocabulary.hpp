@@ -48,16 +48,18 @@ public:
     vocabulary_format::MergeRule mergeAt(std::uint32_t rank) const noexcept;
 
     // The pre-tokenisation class of a code point (other for values beyond U+10FFFF).
-    CharClass classOf(char32_t c) const noexcept;
+    CharClass classOf(char32_t c) const noexcept { return c < 128 ? asciiClasses_[c] : classFromTables(c); }
 
 private:
     void checkSections() const;
+    CharClass classFromTables(char32_t c) const noexcept;
     std::uint32_t load32(std::size_t offset) const noexcept;
 
     std::string_view blob_;
     vocabulary_format::Header header_{};
     vocabulary_format::Layout layout_{};
     std::uint32_t byteIds_[256]{};
+    CharClass asciiClasses_[128]{};
 };
 
 }  // namespace gaugepoint

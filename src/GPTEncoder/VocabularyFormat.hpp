@@ -8,7 +8,7 @@
 //   Header
 //   u32 tokenOffsets[tokenCount + 1]      token id's raw bytes: tokenBytes[off[id] ..< off[id + 1]]
 //   u8  tokenBytes[tokenByteCount]        (padded to 4)
-//   u32 tokenSlots[2^tokenSlotBits]       open addressing on hashBytes(raw bytes) -> id, or kEmptySlot
+//   TokenSlot tokenSlots[2^tokenSlotBits] open addressing on hashBytes(raw bytes) -> id
 //   MergeRule merges[mergeCount]          in rank order (rank = index, counted from 0)
 //   MergeSlot mergeSlots[2^mergeSlotBits] open addressing on hashPair(pairKey) -> rank and result
 //   u16 classIndex[kCodeSpaceBlocks]      code point >> 8 -> class block
@@ -22,7 +22,7 @@
 namespace gaugepoint::vocabulary_format {
 
 inline constexpr char kMagic[8] = {'G', 'P', 'T', '2', 'B', 'P', 'E', '\0'};
-inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint32_t kVersion = 3;
 inline constexpr std::uint32_t kEmptySlot = 0xFFFFFFFFu;
 inline constexpr std::uint32_t kCodeSpaceBlocks = 0x110000 / 256;
 inline constexpr std::uint32_t kMaxSlotBits = 24;
@@ -44,6 +44,14 @@ struct Header {
     std::uint32_t classBlockCount;
     std::uint32_t totalSize;  // bytes of the whole blob, header included
 };
+
+// A token's id with its length and first bytes inline, so most lookups touch one cache line.
+struct TokenSlot {
+    std::uint32_t id;      // or kEmptySlot
+    std::uint8_t length;   // byte length, 255 for 255 and more
+    char prefix[11];       // the first bytes, zero-padded
+};
+inline constexpr std::size_t kInlineTokenBytes = sizeof(TokenSlot::prefix);
 
 struct MergeRule {
     std::uint32_t left, right, result;  // token ids
@@ -69,12 +77,25 @@ constexpr Layout layoutOf(const Header& h) noexcept {
     l.tokenOffsets = sizeof(Header);
     l.tokenBytes = l.tokenOffsets + (std::size_t{h.tokenCount} + 1) * sizeof(std::uint32_t);
     l.tokenSlots = alignTo4(l.tokenBytes + h.tokenByteCount);
-    l.merges = l.tokenSlots + (std::size_t{1} << h.tokenSlotBits) * sizeof(std::uint32_t);
+    l.merges = l.tokenSlots + (std::size_t{1} << h.tokenSlotBits) * sizeof(TokenSlot);
     l.mergeSlots = l.merges + std::size_t{h.mergeCount} * sizeof(MergeRule);
     l.classIndex = l.mergeSlots + (std::size_t{1} << h.mergeSlotBits) * sizeof(MergeSlot);
     l.classBlocks = l.classIndex + kCodeSpaceBlocks * sizeof(std::uint16_t);
     l.total = l.classBlocks + std::size_t{h.classBlockCount} * 256;
     return l;
+}
+
+// The last 1-7 bytes of s as one word, read with at most two loads (no byte loop).
+inline std::uint64_t tailWord(const char* p, std::size_t n) noexcept {
+    std::uint32_t a = 0, b = 0;
+    if (n >= 4) {
+        std::memcpy(&a, p, 4);
+        std::memcpy(&b, p + n - 4, 4);
+    } else if (n > 0) {
+        a = static_cast<unsigned char>(p[0]) | static_cast<unsigned char>(p[n / 2]) << 8;
+        b = static_cast<unsigned char>(p[n - 1]);
+    }
+    return std::uint64_t{a} << 32 | b;
 }
 
 // Hash of a token's raw bytes. Writer and reader must agree; the slot is the top `bits` bits.
@@ -88,9 +109,7 @@ inline std::uint32_t hashBytes(std::string_view s) noexcept {
         h = (h ^ word) * 0xFF51AFD7ED558CCDull;
         h ^= h >> 32;
     }
-    std::uint64_t tail = 0;
-    std::memcpy(&tail, p, n);
-    h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
+    h = (h ^ tailWord(p, n)) * 0xC4CEB9FE1A85EC53ull;
     h ^= h >> 29;
     return static_cast<std::uint32_t>((h * 0xFF51AFD7ED558CCDull) >> 32);
 }

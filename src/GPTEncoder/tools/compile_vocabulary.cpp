@@ -97,15 +97,18 @@ std::uint32_t slotBitsFor(std::size_t count) {  // load factor at most one half
     return std::max<std::uint32_t>(4, std::bit_width(count * 2 - 1));
 }
 
-std::vector<std::uint32_t> tokenSlots(const Tables& t, std::uint32_t bits) {
-    std::vector<std::uint32_t> slots(std::size_t{1} << bits, fmt::kEmptySlot);
+std::vector<fmt::TokenSlot> tokenSlots(const Tables& t, std::uint32_t bits) {
+    std::vector<fmt::TokenSlot> slots(std::size_t{1} << bits, fmt::TokenSlot{fmt::kEmptySlot, 0, {}});
     for (std::uint32_t id = 0; id < t.tokens.size(); ++id) {
-        auto slot = fmt::slotOf(fmt::hashBytes(t.tokens[id]), bits);
-        while (slots[slot] != fmt::kEmptySlot) {
-            if (t.tokens[slots[slot]] == t.tokens[id]) throw std::runtime_error("two ids share the bytes of id " + std::to_string(id));
+        const std::string& token = t.tokens[id];
+        auto slot = fmt::slotOf(fmt::hashBytes(token), bits);
+        while (slots[slot].id != fmt::kEmptySlot) {
+            if (t.tokens[slots[slot].id] == token) throw std::runtime_error("two ids share the bytes of id " + std::to_string(id));
             slot = (slot + 1) & (slots.size() - 1);
         }
-        slots[slot] = id;
+        slots[slot].id = id;
+        slots[slot].length = static_cast<std::uint8_t>(std::min<std::size_t>(token.size(), 255));
+        token.copy(slots[slot].prefix, fmt::kInlineTokenBytes);
     }
     return slots;
 }
