@@ -60,7 +60,9 @@ std::uint64_t announcedSize(std::span<const std::uint8_t> input) {
             blockBytes = std::uint64_t{detail::kLzvnHeaderBytes} + detail::load32(p + offset + 8);
         } else if (magic == detail::kMagicV2 && input.size() - offset >= detail::kV2FixedHeaderBytes) {
             const std::uint64_t w0 = detail::load64(p + offset + 8), w1 = detail::load64(p + offset + 16);
-            blockBytes = detail::load32(p + offset + 24) + ((w0 >> 20) & 0xFFFFF) + ((w1 >> 40) & 0xFFFFF);
+            const std::uint32_t headerBytes = detail::load32(p + offset + 24);
+            if (headerBytes < detail::kV2FixedHeaderBytes) break;  // else no progress
+            blockBytes = std::uint64_t{headerBytes} + ((w0 >> 20) & 0xFFFFF) + ((w1 >> 40) & 0xFFFFF);
         } else if (magic == detail::kMagicV1 && input.size() - offset >= detail::kV1HeaderBytes) {
             blockBytes = std::uint64_t{detail::kV1HeaderBytes} + detail::load32(p + offset + 20) +
                          detail::load32(p + offset + 24);

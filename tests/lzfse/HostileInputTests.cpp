@@ -82,6 +82,8 @@ std::vector<Case> cases() {
         {"lzvn_bytes_after_end_instruction", lzvnBlock(3, kAbc + kEndInstruction + Bytes{0}) + kEnd, Kind::BadPayload, "1 payload bytes follow the end instruction"},
         {"v2_truncated", Bytes(v2.begin(), v2.begin() + 500), Kind::Truncated, "bvx2 block (header and payloads) needs"},
         {"v2_header_size_past_end", v2With(2, 0, 32, 100000), Kind::Truncated, "bvx2 block header with frequency tables needs 100000 bytes"},
+        {"v2_header_size_zero", v2With(2, 0, 32, 0), Kind::BadHeader, "header size 0 is below 32"},
+        {"v2_all_zero_header", text("bvx2") + Bytes(28, 0) + kEnd, Kind::BadHeader, "header size 0 is below 32"},
         {"v2_no_frequency_tables", v2With(2, 0, 32, 32), Kind::BadTable, "has no frequency tables"},
         {"v2_too_many_literals", v2With(0, 0, 20, 40004), Kind::BadHeader, "40004 literals"},
         {"v2_literal_count_not_multiple_of_4", v2With(0, 0, 20, 1001), Kind::BadHeader, "not a multiple of 4"},
