@@ -1,0 +1,84 @@
+#include "gaugepoint/pricing/QuotaTokenEstimator.hpp"
+
+#include <unicode/uchar.h>
+#include <unicode/utf8.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "gaugepoint/pricing/TextClassifier.hpp"
+
+namespace gaugepoint {
+
+namespace {
+
+// ceil(value * numerator / denominator) for value >= 0; stops the program past int64.
+std::int64_t scaledUp(std::int64_t value, std::int64_t numerator, std::int64_t denominator) {
+    std::int64_t product = 0, rounded = 0;
+    if (__builtin_mul_overflow(value, numerator, &product) || __builtin_add_overflow(product, denominator - 1, &rounded)) {
+        std::fprintf(stderr, "gaugepoint: token estimate overflows int64\n");
+        std::abort();
+    }
+    return rounded / denominator;
+}
+
+// text without White_Space (and line breaks) at either end.
+std::string_view trimmed(std::string_view text) {
+    const auto* s = reinterpret_cast<const std::uint8_t*>(text.data());
+    std::int32_t start = 0, end = static_cast<std::int32_t>(text.size());
+    while (start < end) {
+        std::int32_t next = start;
+        UChar32 c;
+        U8_NEXT(s, next, end, c);
+        if (c < 0 || !u_isUWhiteSpace(c)) break;
+        start = next;
+    }
+    while (end > start) {
+        std::int32_t previous = end;
+        UChar32 c;
+        U8_PREV(s, start, previous, c);
+        if (c < 0 || !u_isUWhiteSpace(c)) break;
+        end = previous;
+    }
+    return text.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(end - start));
+}
+
+}  // namespace
+
+std::string_view methodName(EstimationMethod method) noexcept {
+    switch (method) {
+        case EstimationMethod::ideographic: return "ideographic";
+        case EstimationMethod::code: return "code";
+        case EstimationMethod::bpe: break;
+    }
+    return "bpe";
+}
+
+QuotaTokenEstimator& QuotaTokenEstimator::shared() {
+    static QuotaTokenEstimator estimator;
+    return estimator;
+}
+
+TokenEstimate QuotaTokenEstimator::estimate(std::string_view text) {
+    text = trimmed(text);
+    if (text.empty()) return {};
+    const TextProfile profile = profileText(text);
+    TokenEstimate result;
+    switch (classifyText(profile)) {
+        case TextKind::code:
+            result = {0, EstimationMethod::code, scaledUp(profile.scalars, 2, 7)};
+            break;
+        case TextKind::ideographic:
+            result = {0, EstimationMethod::ideographic, scaledUp(profile.scalars, 3, 2)};
+            break;
+        case TextKind::plain: {
+            std::lock_guard lock(encoderLock);
+            result = {0, EstimationMethod::bpe, static_cast<std::int64_t>(encoder.encode(text).size())};
+            break;
+        }
+    }
+    result.tokens = scaledUp(result.rawCount, 6, 5);
+    return result;
+}
+
+}  // namespace gaugepoint

@@ -1,0 +1,45 @@
+#pragma once
+
+// Token estimates for session records that carry text but no token counts.
+//
+// The trimmed text (White_Space cut at both ends) is classified (TextClassifier.hpp) and counted:
+// plain text by the GPT-2 tokenizer, ideographic text as characters x 1.5, source code as
+// characters / 3.5, each rounded up, where characters are Unicode scalars. A count above zero is
+// then multiplied by 1.2 and rounded up, in exact integer arithmetic (5 gives 6, not 7).
+
+#include <cstdint>
+#include <mutex>
+#include <string_view>
+
+#include "GPTEncoder/GPTEncoder.hpp"
+
+namespace gaugepoint {
+
+enum class EstimationMethod { bpe, ideographic, code };
+
+// "bpe", "ideographic" or "code".
+std::string_view methodName(EstimationMethod method) noexcept;
+
+struct TokenEstimate {
+    std::int64_t tokens = 0;    // the estimate, safety factor included
+    EstimationMethod method = EstimationMethod::bpe;
+    std::int64_t rawCount = 0;  // the count before the 1.2 factor
+};
+
+class QuotaTokenEstimator {
+public:
+    // The one instance the application shares.
+    static QuotaTokenEstimator& shared();
+
+    // The estimated token count of text; 0 for empty or all-blank text. Thread-safe. An estimate
+    // beyond int64 (impossible for text that fits in memory) stops the program.
+    std::int64_t estimateTokens(std::string_view text) { return estimate(text).tokens; }
+
+    // The same, with the method used and the count before the safety factor.
+    TokenEstimate estimate(std::string_view text);
+
+    std::mutex encoderLock;  // guards encoder
+    GPTEncoder encoder;
+};
+
+}  // namespace gaugepoint
