@@ -49,6 +49,12 @@ Bytes v2With(std::size_t word, unsigned from, unsigned width, std::uint64_t valu
     return b;
 }
 
+Bytes v1WithInt(std::size_t at, std::int32_t value) {
+    Bytes b = readVector("v1-prose-20k.lzfse");
+    for (int i = 0; i < 4; ++i) b.at(at + i) = static_cast<std::uint8_t>(static_cast<std::uint32_t>(value) >> (8 * i));
+    return b;
+}
+
 struct Case {
     const char* name;
     Bytes stream;
@@ -91,6 +97,15 @@ std::vector<Case> cases() {
         {"v2_l_state_out_of_range", v2With(2, 32, 10, 64), Kind::BadHeader, "L/M/D states 64/"},
         {"v2_lmd_payload_too_short", v2With(1, 40, 20, 5), Kind::BadHeader, "shorter than its 8-byte minimum"},
         {"v2_raw_size_differs", rawSizeOff, Kind::SizeMismatch, "the header says"},
+        {"v2_bits_above_stream_end", v2With(0, 60, 3, 0), Kind::BadPayload, "literal bit stream has non-zero bits above its end"},
+        {"v1_literal_bits_positive", v1WithInt(28, 1), Kind::BadHeader, "not in -8..0"},
+        {"v1_lmd_bits_below_range", v1WithInt(40, -9), Kind::BadHeader, "not in -8..0"},
+        {"v1_too_many_matches", v1WithInt(16, 10001), Kind::BadHeader, "10001 matches"},
+        {"v1_payload_past_end", v1WithInt(20, 1 << 30), Kind::Truncated, "bvx1 block (header and payloads) needs"},
+        // Distances reach into earlier blocks, but the LZVN previous distance does not carry over.
+        {"lzvn_previous_distance_reset_per_block",
+         lzvnBlock(6, kAbc + Bytes{0x00, 3} + kEndInstruction) + lzvnBlock(3, Bytes{0xF3} + kEndInstruction) + kEnd,
+         Kind::BadDistance, "match without a distance"},
         {"v2_corrupt_frequency_table", badTable, Kind::BadTable, "frequency table"},
     };
 }
@@ -109,6 +124,14 @@ TEST_P(HostileInput, FailsWithKindAndMessage) {
 
 INSTANTIATE_TEST_SUITE_P(Streams, HostileInput, testing::ValuesIn(cases()),
                          [](const auto& info) { return std::string(info.param.name); });
+
+TEST(HostileInputBoundaries, MatchesMayReachTheFirstByteOfEarlierBlocks) {
+    // Raw "abc", then an LZVN block copying 3 bytes from distance 3 (the stream's first byte)
+    // and, in a further block, 6 from distance 6 (again the first byte).
+    const Bytes stream = rawBlock(3, text("abc")) + lzvnBlock(3, Bytes{0x00, 3} + kEndInstruction) +
+                         lzvnBlock(6, Bytes{0x18, 6} + kEndInstruction) + kEnd;
+    EXPECT_EQ(lzfse::decompress(stream), text("abcabcabcabc"));
+}
 
 TEST(HostileInputLimits, OutputLimitIsExactAndEnforcedBeforeAllocation) {
     const Bytes stream = readVector("json-200k.lzfse");
