@@ -7,5 +7,6 @@
 namespace gaugepoint::cli {
 
 void registerWidgetCommand(CLI::App& root, GlobalOptions& globals);
+void registerTokensCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

@@ -23,6 +23,7 @@ int main(int argc, char** argv) {
     root.add_flag("--json", globals.json, "Print data as one JSON document")->group("Global options");
 
     registerWidgetCommand(root, globals);
+    registerTokensCommand(root, globals);
 
     try {
         root.parse(argc, argv);
