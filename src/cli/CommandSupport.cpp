@@ -14,6 +14,12 @@ CLI::App* addGroup(CLI::App& parent, const std::string& name, const std::string&
     return parent.add_subcommand(name, description);  // inherits fallthrough from the root
 }
 
+void addStreamOptions(CLI::App& command, StreamOptions& options) {
+    command.add_option("-i,--input", options.input, "Read from FILE (default: standard input)")->option_text("FILE");
+    command.add_option("-o,--output", options.output, "Write to FILE, replaced whole (default: standard output)")
+        ->option_text("FILE");
+}
+
 Date resolveNow(const GlobalOptions& globals) {
     if (globals.now.empty()) return Date{std::chrono::system_clock::now()};
     if (auto date = parseISO8601(globals.now)) return *date;

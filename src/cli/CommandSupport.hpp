@@ -27,6 +27,13 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// -i IN / -o OUT of the byte-stream commands; empty or "-" means stdin / stdout.
+struct StreamOptions {
+    std::string input;
+    std::string output;
+};
+void addStreamOptions(CLI::App& command, StreamOptions& options);
+
 // Adds a command group or verb that inherits the global options and prints help when incomplete.
 CLI::App* addGroup(CLI::App& parent, const std::string& name, const std::string& description);
 

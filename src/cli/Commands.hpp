@@ -7,6 +7,8 @@
 namespace gaugepoint::cli {
 
 void registerWidgetCommand(CLI::App& root, GlobalOptions& globals);
+void registerLzfseCommand(CLI::App& root, GlobalOptions& globals);
+void registerBlobCommand(CLI::App& root, GlobalOptions& globals);
 void registerTokensCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

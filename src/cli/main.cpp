@@ -23,6 +23,8 @@ int main(int argc, char** argv) {
     root.add_flag("--json", globals.json, "Print data as one JSON document")->group("Global options");
 
     registerWidgetCommand(root, globals);
+    registerLzfseCommand(root, globals);
+    registerBlobCommand(root, globals);
     registerTokensCommand(root, globals);
 
     try {

@@ -98,6 +98,12 @@ T decode(std::string_view text) {
     return fromValue<T>(parse(text));
 }
 
+// The raw value of a described enumerator: its name, as JSON writes it.
+template <class E>
+std::string_view rawValue(E value) {
+    return boost::describe::enum_to_string(value, "");
+}
+
 // ---- building blocks ----
 
 template <class T>
