@@ -42,9 +42,10 @@ unsigned equalLowBytes(std::uint32_t a, std::uint32_t b) {
 class Encoder {
 public:
     explicit Encoder(std::span<const std::uint8_t> input)
-        : in_(input.data()), n_(input.size()), table_(std::make_unique<Line[]>(std::size_t{1} << kHashBits)) {
+        : in_(input.data()), n_(input.size()),
+          table_(std::make_unique_for_overwrite<Line[]>(std::size_t{1} << kHashBits)) {
         const Slot first{0, load32(in_)};
-        std::fill_n(table_.get(), std::size_t{1} << kHashBits, Line{first, first, first, first});
+        initialLine_ = {first, first, first, first};
     }
 
     std::vector<std::uint8_t> run();
@@ -66,7 +67,11 @@ private:
 
     const std::uint8_t* in_;
     std::size_t n_;
+    // Every line starts as initialLine_; lines never written are read as that instead of
+    // filling 512 KiB per call for inputs of at most 4 KiB.
     std::unique_ptr<Line[]> table_;
+    std::array<std::uint64_t, (std::size_t{1} << kHashBits) / 64> written_{};
+    Line initialLine_;
     std::vector<std::uint8_t> out_;
     std::size_t lit_ = 0;
     std::size_t previousDistance_ = 0;
@@ -188,7 +193,9 @@ void Encoder::emit(const Match& m) {
 std::vector<std::uint8_t> Encoder::run() {
     for (std::size_t p = 0; p + 8 < n_; ++p) {
         const std::uint32_t x = load32(in_ + p);
-        Line& line = table_[hash(x)];
+        const unsigned h = hash(x);
+        const std::uint64_t bit = std::uint64_t{1} << (h % 64);
+        const Line& line = (written_[h / 64] & bit) != 0 ? table_[h] : initialLine_;
         const Line updated = {Slot{static_cast<std::int32_t>(p), x}, line[0], line[1], line[2]};
         if (p >= lit_) {
             Match best;
@@ -201,7 +208,8 @@ std::vector<std::uint8_t> Encoder::run() {
             }
             step(p, best);
         }
-        line = updated;
+        table_[h] = updated;
+        written_[h / 64] |= bit;
     }
     // A match still pending at the end is dropped: its bytes go out as literals.
     emitLiterals(n_ - lit_);
