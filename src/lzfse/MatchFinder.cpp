@@ -32,16 +32,17 @@ struct Match {
     std::int64_t end() const { return start + length; }
 };
 
-constexpr Slot kEmptySlot = {static_cast<std::int32_t>(kNoPosition), 0};
-constexpr Line kEmptyLine = {kEmptySlot, kEmptySlot, kEmptySlot, kEmptySlot};
-
 unsigned hash(std::uint32_t x) { return (x * 2654435761u) >> (32 - kHashBits); }
 
 class Encoder {
 public:
     Encoder(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& out)
         : in_(input.data()), n_(static_cast<std::int64_t>(input.size())), back_(out),
-          table_(std::make_unique_for_overwrite<Line[]>(std::size_t{1} << kHashBits)) {}
+          table_(std::make_unique_for_overwrite<Line[]>(std::size_t{1} << kHashBits)) {
+        std::fill_n(table_.get(), std::size_t{1} << kHashBits,
+                    Line{{{static_cast<std::int32_t>(kNoPosition), 0}, {static_cast<std::int32_t>(kNoPosition), 0},
+                          {static_cast<std::int32_t>(kNoPosition), 0}, {static_cast<std::int32_t>(kNoPosition), 0}}});
+    }
 
     void run();
 
@@ -55,10 +56,7 @@ private:
     const std::uint8_t* in_;
     std::int64_t n_;
     BlockEncoder back_;
-    // Lines never written read as kEmptyLine; tracking that costs 2 KiB of bits instead of
-    // filling 512 KiB per call, which dominated small inputs.
     std::unique_ptr<Line[]> table_;
-    std::array<std::uint64_t, (std::size_t{1} << kHashBits) / 64> written_{};
     std::int64_t lit_ = 0;  // first byte not yet covered by an emitted triple
     Match pending_;
 };
@@ -133,15 +131,10 @@ void Encoder::step(std::int64_t p, Match incoming) {
 void Encoder::run() {
     for (std::int64_t p = 0; p < n_ - 8; ++p) {
         const std::uint32_t x = load32(in_ + p);
-        const unsigned h = hash(x);
-        // The table (512 KiB) misses cache on most lookups: start fetching the next line now.
-        __builtin_prefetch(&table_[hash(load32(in_ + p + 1))]);
-        const std::uint64_t bit = std::uint64_t{1} << (h % 64);
-        const Line& line = (written_[h / 64] & bit) != 0 ? table_[h] : kEmptyLine;
+        Line& line = table_[hash(x)];
         const Line updated = {Slot{static_cast<std::int32_t>(p), x}, line[0], line[1], line[2]};
         if (p >= lit_) step(p, bestAt(p, x, line));
-        table_[h] = updated;
-        written_[h / 64] |= bit;
+        line = updated;
     }
     if (pending_.length != 0) emit(pending_);
     if (lit_ < n_) emitLiterals(n_ - lit_);
