@@ -10,5 +10,7 @@ void registerWidgetCommand(CLI::App& root, GlobalOptions& globals);
 void registerLzfseCommand(CLI::App& root, GlobalOptions& globals);
 void registerBlobCommand(CLI::App& root, GlobalOptions& globals);
 void registerTokensCommand(CLI::App& root, GlobalOptions& globals);
+void registerHistoryCommand(CLI::App& root, GlobalOptions& globals);
+void registerSourcesCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

@@ -1,11 +1,9 @@
 // gaugepoint widget: the quota of every provider as widget texts, from the sibling app's
-// snapshot file.
-
-#include <iostream>
+// snapshot file or from the newest snapshot in the source snapshot store.
 
 #include "Commands.hpp"
-#include "gaugepoint/platform/Json.hpp"
-#include "gaugepoint/widgets/QuotaWidgetText.hpp"
+#include "SnapshotOutput.hpp"
+#include "gaugepoint/stores/QuotaSourceSnapshotStore.hpp"
 #include "gaugepoint/widgets/TallybarSnapshotImporter.hpp"
 
 namespace gaugepoint::cli {
@@ -14,25 +12,29 @@ namespace {
 struct WidgetOptions {
     std::string snapshotPath;
     std::string format = "text";
+    bool fromSources = false;
+    std::string sourceID;
 };
 
-void render(const QuotaSnapshot& snapshot, const WidgetOptions& options, const GlobalOptions& globals) {
-    const std::string format = globals.json ? "json" : options.format;
-    const QuotaWidgetView view = QuotaWidgetView::make(snapshot, resolveNow(globals), resolveLanguage(globals));
-    if (format == "json") {
-        writeOutput("-", json::encode(view, true) + "\n");
-    } else if (format == "waybar") {
-        writeOutput("-", QuotaWidgetText::waybarJSON(QuotaWidgetText::waybarModule(view)) + "\n");
-    } else {
-        writeOutput("-", QuotaWidgetText::providerLines(view));
+// The newest stored snapshot, or the newest of one source (by record id or source id).
+QuotaSnapshot storedSnapshot(const WidgetOptions& options, const GlobalOptions& globals) {
+    const QuotaSourceSnapshotStore store{resolveConfiguration(globals)};
+    const auto registry = store.load();
+    for (const auto& record : registry.entries) {
+        if (options.sourceID.empty() || record.id == options.sourceID || record.sourceID == options.sourceID) {
+            return record.snapshot;
+        }
     }
+    if (!options.sourceID.empty()) throw Error("no stored snapshot of source \"" + options.sourceID + "\"");
+    throw Error("no stored source snapshots in " + store.databaseURL().string());
 }
 
 void run(const WidgetOptions& options, const GlobalOptions& globals) {
     resolveNow(globals);  // a malformed --now is a usage error before any file is touched
-    const std::filesystem::path path =
-        options.snapshotPath.empty() ? TallybarSnapshotImporter::defaultSourceURL() : std::filesystem::path(options.snapshotPath);
-    render(TallybarSnapshotImporter{}.loadAndNormalize(path), options, globals);
+    if (!options.sourceID.empty() && !options.fromSources) throw UsageError("--source needs --from-sources");
+    const QuotaSnapshot snapshot =
+        options.fromSources ? storedSnapshot(options, globals) : readSiblingSnapshot(options.snapshotPath);
+    printWidget(snapshot, globals.json ? "json" : options.format, globals);
 }
 
 }  // namespace
@@ -40,10 +42,14 @@ void run(const WidgetOptions& options, const GlobalOptions& globals) {
 void registerWidgetCommand(CLI::App& root, GlobalOptions& globals) {
     auto options = std::make_shared<WidgetOptions>();
     CLI::App* widget = addGroup(root, "widget", "Show every provider's quota as widget texts");
-    widget->add_option("--snapshot", options->snapshotPath,
-                       "The sibling app's widget snapshot file (default: " +
-                           TallybarSnapshotImporter::defaultSourceURL().string() + ")")
-        ->option_text("FILE");
+    auto* snapshot = widget->add_option("--snapshot", options->snapshotPath,
+                                        "The sibling app's widget snapshot file (default: " +
+                                            TallybarSnapshotImporter::defaultSourceURL().string() + ")")
+                         ->option_text("FILE");
+    widget->add_flag("--from-sources", options->fromSources, "Use the newest snapshot in the source snapshot store")
+        ->excludes(snapshot);
+    widget->add_option("--source", options->sourceID, "With --from-sources: that source's snapshot (record or source id)")
+        ->option_text("ID");
     widget->add_option("--format", options->format, "text (aligned lines), json, or waybar (a status-bar module)")
         ->check(CLI::IsMember({"text", "json", "waybar"}))
         ->option_text("FORMAT");

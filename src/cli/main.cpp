@@ -26,6 +26,8 @@ int main(int argc, char** argv) {
     registerLzfseCommand(root, globals);
     registerBlobCommand(root, globals);
     registerTokensCommand(root, globals);
+    registerHistoryCommand(root, globals);
+    registerSourcesCommand(root, globals);
 
     try {
         root.parse(argc, argv);

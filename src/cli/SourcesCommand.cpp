@@ -1,0 +1,115 @@
+// gaugepoint sources: the latest snapshot of every publishing source.
+
+#include "Commands.hpp"
+#include "SnapshotOutput.hpp"
+#include "gaugepoint/stores/QuotaSourceSnapshotStore.hpp"
+
+namespace gaugepoint::cli {
+namespace {
+
+struct SourcesOptions {
+    std::string snapshotPath;
+    std::string siblingPath;
+    std::optional<std::string> pairingToken;
+    std::string channel = "kvs";
+    std::string id;
+    std::string sourceID;
+    double olderThanSeconds = 0;
+};
+
+QuotaSourceSnapshotStore openStore(const GlobalOptions& globals) {
+    return QuotaSourceSnapshotStore{resolveConfiguration(globals)};
+}
+
+void upsert(const SourcesOptions& options, bool fromSibling, const GlobalOptions& globals) {
+    const QuotaSnapshot snapshot =
+        fromSibling ? readSiblingSnapshot(options.siblingPath) : readSnapshotDocument(options.snapshotPath);
+    const auto channel = options.channel == "pairing" ? QuotaSourceSyncChannel::pairing : QuotaSourceSyncChannel::kvs;
+    const auto record = openStore(globals).upsert(snapshot, options.pairingToken, channel);
+    if (globals.json) return printJson(record);
+    writeOutput("-", "stored " + record.id + " (" + record.sourceName + ") received by " +
+                         std::string(json::rawValue(record.channel)) + "\n");
+}
+
+void list(const GlobalOptions& globals) {
+    const auto store = openStore(globals);
+    store.databaseURL();  // a missing container is an error, not an empty list
+    const auto registry = store.load();
+    if (globals.json) return printJson(registry);
+    std::vector<std::vector<std::string>> rows;
+    const std::string language = resolveLanguage(globals);
+    for (const auto& record : registry.entries) {
+        rows.push_back({record.id, record.sourceName, std::string(json::rawValue(record.channel)),
+                        formatISO8601(record.receivedAt), snapshotSummary(record.snapshot, language)});
+    }
+    writeOutput("-", alignedRows(rows) + counted(std::int64_t(registry.entries.size()), "source") + "\n");
+}
+
+void show(const SourcesOptions& options, const GlobalOptions& globals) {
+    const auto record = openStore(globals).loadRecord(options.id);
+    if (!record) throw Error("no source snapshot record \"" + options.id + "\"");
+    if (globals.json) return printJson(*record);
+    std::string header = record->id + " · " + record->sourceName;
+    if (record->platformLabel) header += " · " + *record->platformLabel;
+    header += " · received " + formatISO8601(record->receivedAt) + " by " + std::string(json::rawValue(record->channel));
+    writeOutput("-", header + "\n");
+    printWidget(record->snapshot, "text", globals);
+}
+
+void remove(const SourcesOptions& options, const GlobalOptions& globals) {
+    const int given = int(!options.id.empty()) + int(!options.sourceID.empty()) + int(options.pairingToken.has_value());
+    if (given != 1) throw UsageError("sources remove needs exactly one of ID, --source-id ID or --pairing-token T");
+    const auto store = openStore(globals);
+    const std::int64_t removed = !options.id.empty()         ? store.remove(options.id)
+                                 : !options.sourceID.empty() ? store.removeRecordsWithSourceID(options.sourceID)
+                                                             : store.removeRecordsWithPairingToken(*options.pairingToken);
+    printRemovedCount(removed, "record", globals);
+}
+
+}  // namespace
+
+void registerSourcesCommand(CLI::App& root, GlobalOptions& globals) {
+    auto options = std::make_shared<SourcesOptions>();
+    CLI::App* group = addGroup(root, "sources", "The latest snapshot of every publishing source");
+    group->require_subcommand(1);
+
+    CLI::App* add = addGroup(*group, "upsert", "Store a snapshot as the newest record of its source");
+    auto* snapshot = add->add_option("--snapshot", options->snapshotPath, "A quota snapshot JSON document ('-': stdin)")
+                         ->option_text("FILE");
+    auto* sibling = add->add_option("--sibling", options->siblingPath, "Import a sibling widget snapshot file instead")
+                        ->option_text("FILE");
+    snapshot->excludes(sibling);
+    add->add_option("--pairing-token", options->pairingToken, "The pairing token it arrived with")->option_text("T");
+    add->add_option("--channel", options->channel, "kvs (default) or pairing")
+        ->check(CLI::IsMember({"kvs", "pairing"}))
+        ->option_text("CHANNEL");
+    add->callback([options, snapshot, sibling, &globals] {
+        if (!*snapshot && !*sibling) throw UsageError("sources upsert needs --snapshot FILE or --sibling FILE");
+        upsert(*options, bool(*sibling), globals);
+    });
+
+    addGroup(*group, "list", "Show every source's record, newest first")->callback([&globals] { list(globals); });
+
+    CLI::App* showCommand = addGroup(*group, "show", "Show one record");
+    showCommand->add_option("id", options->id, "The record id")->required();
+    showCommand->callback([options, &globals] { show(*options, globals); });
+
+    CLI::App* removeCommand = addGroup(*group, "remove", "Delete records by id, source id or pairing token");
+    removeCommand->add_option("id", options->id, "The record id");
+    removeCommand->add_option("--source-id", options->sourceID, "Every record of this source")->option_text("ID");
+    removeCommand->add_option("--pairing-token", options->pairingToken, "Every record with this token")->option_text("T");
+    removeCommand->callback([options, &globals] { remove(*options, globals); });
+
+    CLI::App* trim = addGroup(*group, "trim", "Delete old records, keeping the newest of every source");
+    trim->add_option("--older-than", options->olderThanSeconds, "Age in seconds")
+        ->option_text("SECONDS")->required()->check(CLI::NonNegativeNumber);
+    trim->callback([options, &globals] {
+        printRemovedCount(openStore(globals).trimOldEntries(options->olderThanSeconds), "record", globals);
+    });
+
+    addGroup(*group, "clear", "Delete every record")->callback([&globals] {
+        printRemovedCount(openStore(globals).clear(), "record", globals);
+    });
+}
+
+}  // namespace gaugepoint::cli

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "gaugepoint/platform/Clock.hpp"
+#include "gaugepoint/platform/UserDefaults.hpp"
+
+namespace gaugepoint {
+
+// Where the shared stores live and what they take from their surroundings: the App Group
+// directory, the clock, the standard user defaults and the optional ubiquity directory (the
+// cloud documents folder that earlier versions kept data in, read once for legacy imports).
+struct QuotaSyncConfiguration {
+    // The App Group identifier; names the directory on macOS.
+    std::string appGroupIdentifier = "group.gaugepoint.shared";
+    // An explicit App Group directory; wins over everything else.
+    std::optional<std::filesystem::path> appGroupDirectory;
+    // Absent: there is nothing to import from earlier versions.
+    std::optional<std::filesystem::path> ubiquityDirectory;
+    Clock clock;
+    std::shared_ptr<UserDefaults> userDefaults = std::make_shared<InMemoryUserDefaults>();
+
+    // The configuration of this user: defaults in FileUserDefaults::standardLocation(), the
+    // ubiquity directory from GAUGEPOINT_UBIQUITY_DIR, the system clock.
+    static QuotaSyncConfiguration standard();
+
+    // The App Group directory, created when missing: appGroupDirectory, else
+    // GAUGEPOINT_APP_GROUP_DIR, else on macOS ~/Library/Group Containers/<appGroupIdentifier>,
+    // elsewhere $XDG_DATA_HOME/gaugepoint (default ~/.local/share/gaugepoint). None when it
+    // cannot be resolved or created.
+    std::optional<std::filesystem::path> resolvedAppGroupDirectory() const;
+};
+
+}  // namespace gaugepoint

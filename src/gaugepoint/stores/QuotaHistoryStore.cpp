@@ -1,0 +1,248 @@
+#include "gaugepoint/stores/QuotaHistoryStore.hpp"
+
+#include "gaugepoint/platform/Files.hpp"
+#include "gaugepoint/platform/Json.hpp"
+#include "gaugepoint/stores/SnapshotBlob.hpp"
+
+namespace gaugepoint {
+namespace {
+
+constexpr const char* kSchema =
+    "CREATE TABLE IF NOT EXISTS snapshot_history (\n"
+    "    id TEXT PRIMARY KEY,\n"
+    "    source_id TEXT NOT NULL DEFAULT '',\n"
+    "    source_name TEXT,\n"
+    "    generated_at REAL NOT NULL,\n"
+    "    snapshot_json BLOB NOT NULL,\n"
+    "    snapshot_encoding TEXT NOT NULL DEFAULT 'plain'\n"
+    ");\n"
+    "CREATE INDEX IF NOT EXISTS idx_sh_generated_at ON snapshot_history(generated_at DESC);\n"
+    "CREATE INDEX IF NOT EXISTS idx_sh_source_id ON snapshot_history(source_id);";
+
+constexpr const char* kInsert =
+    "INSERT OR REPLACE INTO snapshot_history (\n    id,\n    source_id,\n    source_name,\n    generated_at,\n"
+    "    snapshot_json,\n    snapshot_encoding\n) VALUES (?, ?, ?, ?, ?, ?)";
+constexpr const char* kRetention = "DELETE FROM snapshot_history WHERE generated_at < ?";
+constexpr const char* kRemoveBySource = "DELETE FROM snapshot_history WHERE source_id = ?";
+constexpr const char* kSelectAll =
+    "SELECT source_id, source_name, generated_at, snapshot_json, snapshot_encoding FROM snapshot_history "
+    "ORDER BY generated_at ASC";
+constexpr const char* kSelectSince =
+    "SELECT source_id, source_name, generated_at, snapshot_json, snapshot_encoding FROM snapshot_history "
+    "WHERE generated_at >= ? ORDER BY generated_at ASC";
+constexpr const char* kSelectNewestFirst =
+    "SELECT snapshot_json, snapshot_encoding FROM snapshot_history ORDER BY generated_at DESC";
+constexpr const char* kClear = "DELETE FROM snapshot_history";
+constexpr const char* kTableInfo = "PRAGMA table_info(snapshot_history);";
+constexpr const char* kAddEncoding = "ALTER TABLE snapshot_history ADD COLUMN snapshot_encoding TEXT DEFAULT 'plain'";
+
+constexpr double kSecondsPerDay = 24 * 60 * 60;
+
+// Rows written before snapshots were compressed have no encoding column; they read as plain.
+void addEncodingColumnWhenMissing(sqlite::Connection& connection) {
+    bool found = false;
+    {
+        sqlite::Statement info{connection, kTableInfo, "prepare snapshot_history pragma",
+                               "prepare snapshot_history pragma"};
+        while (info.step()) {
+            if (info.text(1) == "snapshot_encoding") found = true;
+        }
+    }
+    if (!found) connection.exec(kAddEncoding, "alter snapshot_history add snapshot_encoding");
+}
+
+// Binds one snapshot to the insert statement: id = source + "_" + its second in UTC.
+void bindRow(sqlite::Statement& insert, const QuotaSnapshot& snapshot) {
+    const SnapshotBlob blob = encodeSnapshotBlob(snapshot);
+    const std::string sourceID = snapshot.source ? snapshot.source->sourceID : "unknown";
+    insert.bind(1, sourceID + "_" + formatInternetDateTime(snapshot.generatedAt))
+        .bind(2, std::string_view(sourceID))
+        .bind(3, snapshot.source ? std::optional(snapshot.source->sourceName) : std::nullopt)
+        .bind(4, secondsSince1970(snapshot.generatedAt))
+        .bindBlob(5, blob.bytes)
+        .bind(6, json::rawValue(blob.encoding));
+}
+
+void insertAll(sqlite::Connection& connection, const std::vector<QuotaSnapshot>& snapshots, std::string_view operation) {
+    sqlite::Transaction transaction{connection, operation};
+    sqlite::Statement insert{connection, kInsert, "prepare " + std::string(operation), "execute " + std::string(operation)};
+    for (const auto& snapshot : snapshots) {
+        insert.reset();
+        bindRow(insert, snapshot);
+        insert.run();
+    }
+    transaction.commit();
+}
+
+QuotaHistoryTimeline readTimeline(sqlite::Statement& select) {
+    QuotaHistoryTimeline timeline;
+    while (select.step()) {
+        if (auto snapshot = decodeSnapshotBlob(select.blob(3), select.text(4))) {
+            timeline.snapshots.push_back(std::move(*snapshot));
+        }
+    }
+    return timeline;
+}
+
+QuotaHistoryTimeline selectAll(sqlite::Connection& connection) {
+    sqlite::Statement select{connection, kSelectAll, "prepare loadTimeline", "execute loadTimeline"};
+    return readTimeline(select);
+}
+
+std::int64_t deleteOlderThan(sqlite::Connection& connection, Date cutoff, std::string_view operation) {
+    sqlite::Statement trim{connection, kRetention, "prepare " + std::string(operation), "execute " + std::string(operation)};
+    trim.bind(1, secondsSince1970(cutoff)).run();
+    return connection.changes();
+}
+
+// The earlier document in the ubiquity directory, looked for in its Documents folder and at
+// its top. None when there is none or it does not decode (it is left where it is).
+std::optional<QuotaHistoryTimeline> readLegacyTimeline(const QuotaSyncConfiguration& configuration) {
+    if (!configuration.ubiquityDirectory) return std::nullopt;
+    const auto& base = *configuration.ubiquityDirectory;
+    for (const auto& file : {base / "Documents" / QuotaHistoryStore::legacyHistoryFilename,
+                             base / QuotaHistoryStore::legacyHistoryFilename}) {
+        std::error_code error;
+        if (!std::filesystem::is_regular_file(file, error)) continue;
+        try {
+            return json::decode<QuotaHistoryTimeline>(readWholeFile(file));
+        } catch (const Error&) {
+            return std::nullopt;
+        }
+    }
+    return std::nullopt;
+}
+
+void setMarker(const QuotaSyncConfiguration& configuration) {
+    try {
+        configuration.userDefaults->setBool(QuotaHistoryStore::migrationMarkerKey, true);
+    } catch (const Error&) {
+        // Without the marker the check runs again next time, and then finds the database.
+    }
+}
+
+}  // namespace
+
+QuotaHistoryStore::QuotaHistoryStore(QuotaSyncConfiguration configuration)
+    : configuration_(std::move(configuration)), file_(databaseURL(configuration_)) {
+    if (file_) connectionHolder_ = SQLiteConnectionHolder::shared(*file_);
+}
+
+std::optional<std::filesystem::path> QuotaHistoryStore::databaseURL(const QuotaSyncConfiguration& configuration) {
+    const auto directory = configuration.resolvedAppGroupDirectory();
+    if (!directory) return std::nullopt;
+    return *directory / defaultHistoryFilename;
+}
+
+std::filesystem::path QuotaHistoryStore::historyURL() const {
+    if (!file_) throw QuotaHistoryStoreError::missingLocalStorageContainer();
+    return *file_;
+}
+
+// Opens on first use (bringing the earlier cloud document over once), runs `operation`, and
+// reports SQLite failures as this store's error.
+template <class Operation>
+auto QuotaHistoryStore::run(Operation&& operation) const {
+    const std::filesystem::path file = historyURL();
+    std::optional<QuotaHistoryTimeline> legacy;
+    const auto beforeOpen = [&] {
+        if (configuration_.userDefaults->boolValue(migrationMarkerKey)) return;
+        std::error_code error;
+        if (std::filesystem::exists(file, error) || !(legacy = readLegacyTimeline(configuration_))) {
+            setMarker(configuration_);
+        }
+    };
+    const SQLiteStoreSetup setup{"Unable to open history database at ", kSchema, [&](sqlite::Connection& connection) {
+                                     addEncodingColumnWhenMissing(connection);
+                                     if (!legacy) return;
+                                     insertAll(connection, legacy->snapshots, "legacy import");
+                                     setMarker(configuration_);
+                                 }};
+    try {
+        return connectionHolder_->withConnection(setup, operation, beforeOpen);
+    } catch (const sqlite::Failure& failure) {
+        throw QuotaHistoryStoreError::sqliteFailure(failure.what());
+    }
+}
+
+QuotaHistoryTimeline QuotaHistoryStore::loadTimeline() const { return run(selectAll); }
+
+QuotaHistoryTimeline QuotaHistoryStore::loadTimeline(double days) const {
+    const Date cutoff = configuration_.clock.now() - std::chrono::duration<double>(days * kSecondsPerDay);
+    return run([&](sqlite::Connection& connection) {
+        sqlite::Statement select{connection, kSelectSince, "prepare loadTimeline(days)", "execute loadTimeline(days)"};
+        select.bind(1, secondsSince1970(cutoff));
+        return readTimeline(select);
+    });
+}
+
+QuotaHistoryTimeline QuotaHistoryStore::loadTimelineOrEmpty() const noexcept {
+    try {
+        return loadTimeline();
+    } catch (...) {
+        return QuotaHistoryTimeline::empty();
+    }
+}
+
+std::optional<QuotaSnapshot> QuotaHistoryStore::latestSnapshot() const noexcept {
+    try {
+        return run([](sqlite::Connection& connection) -> std::optional<QuotaSnapshot> {
+            sqlite::Statement select{connection, kSelectNewestFirst, "prepare latestSnapshot", "execute latestSnapshot"};
+            while (select.step()) {
+                if (auto snapshot = decodeSnapshotBlob(select.blob(0), select.text(1))) return snapshot;
+            }
+            return std::nullopt;
+        });
+    } catch (...) {
+        return std::nullopt;
+    }
+}
+
+void QuotaHistoryStore::record(const QuotaSnapshot& snapshot, double retentionDays) const {
+    const Date cutoff = configuration_.clock.now() - std::chrono::duration<double>(retentionDays * kSecondsPerDay);
+    run([&](sqlite::Connection& connection) {
+        sqlite::Statement insert{connection, kInsert, "prepare append", "execute append"};
+        bindRow(insert, snapshot);
+        insert.run();
+        deleteOlderThan(connection, cutoff, "retention trim");
+    });
+}
+
+QuotaHistoryTimeline QuotaHistoryStore::append(const QuotaSnapshot& snapshot, double retentionDays) const {
+    record(snapshot, retentionDays);
+    return loadTimeline();
+}
+
+void QuotaHistoryStore::saveTimeline(const QuotaHistoryTimeline& timeline) const {
+    run([&](sqlite::Connection& connection) { insertAll(connection, timeline.snapshots, "saveTimeline"); });
+}
+
+QuotaHistoryTimeline QuotaHistoryStore::removeSnapshots(std::string_view sourceID) const {
+    return run([&](sqlite::Connection& connection) {
+        sqlite::Statement remove{connection, kRemoveBySource, "prepare removeSnapshots", "execute removeSnapshots"};
+        remove.bind(1, sourceID).run();
+        return selectAll(connection);
+    });
+}
+
+std::int64_t QuotaHistoryStore::trimOlderThan(double days) const {
+    const Date cutoff = configuration_.clock.now() - std::chrono::duration<double>(days * 86400.0);
+    return run([&](sqlite::Connection& connection) { return deleteOlderThan(connection, cutoff, "trimOlderThan"); });
+}
+
+std::int64_t QuotaHistoryStore::clear() const {
+    return run([](sqlite::Connection& connection) {
+        sqlite::Statement clear{connection, kClear, "prepare clear", "execute clear"};
+        clear.run();
+        return connection.changes();
+    });
+}
+
+void QuotaHistoryStore::walCheckpoint() const noexcept {
+    try {
+        run([](sqlite::Connection& connection) { connection.checkpointQuietly(); });
+    } catch (...) {
+    }
+}
+
+}  // namespace gaugepoint

@@ -1,0 +1,116 @@
+#include "gaugepoint/stores/SQLite.hpp"
+
+#include <sqlite3.h>
+
+namespace gaugepoint::sqlite {
+
+void Connection::fail(std::string_view label) const {
+    std::string message{label};
+    message += ": ";
+    message += sqlite3_errmsg(db_);
+    throw Failure(message);
+}
+
+void Connection::exec(const char* sql, std::string_view label) {
+    if (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) fail(label);
+}
+
+std::int64_t Connection::changes() const { return sqlite3_changes64(db_); }
+
+void Connection::checkpointQuietly() noexcept {
+    sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+}
+
+Statement::Statement(Connection& connection, const char* sql, std::string_view prepareLabel, std::string executeLabel)
+    : connection_(connection), executeLabel_(std::move(executeLabel)) {
+    if (sqlite3_prepare_v2(connection.handle(), sql, -1, &statement_, nullptr) != SQLITE_OK) {
+        sqlite3_finalize(statement_);  // may be null; finalizing null is a no-op
+        statement_ = nullptr;
+        connection.fail(prepareLabel);
+    }
+}
+
+Statement::~Statement() { sqlite3_finalize(statement_); }
+
+Statement& Statement::bind(int index, std::string_view text) {
+    if (sqlite3_bind_text64(statement_, index, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8) != SQLITE_OK) {
+        connection_.fail(executeLabel_);
+    }
+    return *this;
+}
+
+Statement& Statement::bind(int index, const std::optional<std::string>& text) {
+    if (text) return bind(index, std::string_view(*text));
+    if (sqlite3_bind_null(statement_, index) != SQLITE_OK) connection_.fail(executeLabel_);
+    return *this;
+}
+
+Statement& Statement::bind(int index, double value) {
+    if (sqlite3_bind_double(statement_, index, value) != SQLITE_OK) connection_.fail(executeLabel_);
+    return *this;
+}
+
+Statement& Statement::bind(int index, std::int64_t value) {
+    if (sqlite3_bind_int64(statement_, index, value) != SQLITE_OK) connection_.fail(executeLabel_);
+    return *this;
+}
+
+Statement& Statement::bindBlob(int index, std::span<const std::uint8_t> bytes) {
+    // A zero-length blob must still be a blob, not NULL: SQLite binds NULL for a null pointer.
+    static const std::uint8_t empty = 0;
+    const void* data = bytes.empty() ? &empty : bytes.data();
+    if (sqlite3_bind_blob64(statement_, index, data, bytes.size(), SQLITE_TRANSIENT) != SQLITE_OK) {
+        connection_.fail(executeLabel_);
+    }
+    return *this;
+}
+
+bool Statement::step() {
+    const int result = sqlite3_step(statement_);
+    if (result == SQLITE_ROW) return true;
+    if (result == SQLITE_DONE) return false;
+    connection_.fail(executeLabel_);
+}
+
+void Statement::run() {
+    while (step()) {
+    }
+}
+
+void Statement::reset() {
+    sqlite3_reset(statement_);
+    sqlite3_clear_bindings(statement_);
+}
+
+std::optional<std::string_view> Statement::text(int column) const {
+    if (sqlite3_column_type(statement_, column) != SQLITE_TEXT) return std::nullopt;
+    const auto* data = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
+    return std::string_view(data, std::size_t(sqlite3_column_bytes(statement_, column)));
+}
+
+double Statement::real(int column) const { return sqlite3_column_double(statement_, column); }
+
+std::int64_t Statement::integer(int column) const { return sqlite3_column_int64(statement_, column); }
+
+std::span<const std::uint8_t> Statement::blob(int column) const {
+    const auto* data = static_cast<const std::uint8_t*>(sqlite3_column_blob(statement_, column));
+    const auto size = std::size_t(sqlite3_column_bytes(statement_, column));
+    return data ? std::span(data, size) : std::span<const std::uint8_t>{};
+}
+
+bool Statement::isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
+
+Transaction::Transaction(Connection& connection, std::string_view label) : connection_(connection), label_(label) {
+    connection_.exec("BEGIN IMMEDIATE", "begin " + label_);
+}
+
+Transaction::~Transaction() {
+    if (open_) sqlite3_exec(connection_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
+void Transaction::commit() {
+    connection_.exec("COMMIT", "commit " + label_);
+    open_ = false;
+}
+
+}  // namespace gaugepoint::sqlite

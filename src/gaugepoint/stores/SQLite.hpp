@@ -1,0 +1,99 @@
+#pragma once
+
+// The one thin layer over the SQLite C API that every store uses: labelled failures,
+// multi-statement execution, and prepared statements that are always finalized.
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "gaugepoint/platform/Error.hpp"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace gaugepoint::sqlite {
+
+// A failed SQLite step: what() is the step's label, ": ", then SQLite's message.
+class Failure : public Error {
+public:
+    using Error::Error;
+};
+
+// A borrowed open connection (the holder owns it).
+class Connection {
+public:
+    explicit Connection(sqlite3* db) : db_(db) {}
+
+    // Runs one or more statements. Throws Failure("<label>: <message>").
+    void exec(const char* sql, std::string_view label);
+    // Rows changed by the last statement.
+    std::int64_t changes() const;
+    // Copies the write-ahead log into the database without waiting for readers; errors ignored.
+    void checkpointQuietly() noexcept;
+    // Throws Failure with `label` and the connection's current error message.
+    [[noreturn]] void fail(std::string_view label) const;
+
+    sqlite3* handle() const { return db_; }
+
+private:
+    sqlite3* db_;
+};
+
+// A prepared statement, finalized when it goes out of scope (on error paths too).
+class Statement {
+public:
+    // Prepares `sql` (NUL-terminated, length -1). Throws Failure(prepareLabel).
+    Statement(Connection& connection, const char* sql, std::string_view prepareLabel, std::string executeLabel);
+    ~Statement();
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    // Parameters count from 1. Throw Failure(executeLabel).
+    Statement& bind(int index, std::string_view text);
+    Statement& bind(int index, const std::string& text) { return bind(index, std::string_view(text)); }
+    Statement& bind(int index, const char* text) { return bind(index, std::string_view(text)); }
+    Statement& bind(int index, const std::optional<std::string>& text);  // none binds NULL
+    Statement& bind(int index, double value);
+    Statement& bind(int index, std::int64_t value);
+    Statement& bindBlob(int index, std::span<const std::uint8_t> bytes);
+
+    // Advances: true when a row is ready, false when done. Throws Failure(executeLabel).
+    bool step();
+    // Steps to the end, for statements that return no rows.
+    void run();
+    // Resets and clears the bindings, ready for the next row of a batch.
+    void reset();
+
+    // Columns of the current row, counting from 0. text() is none for NULL (and for a column
+    // that is not text); blob() is empty for NULL.
+    std::optional<std::string_view> text(int column) const;
+    double real(int column) const;
+    std::int64_t integer(int column) const;
+    std::span<const std::uint8_t> blob(int column) const;
+    bool isNull(int column) const;
+
+private:
+    Connection& connection_;
+    sqlite3_stmt* statement_ = nullptr;
+    std::string executeLabel_;
+};
+
+// BEGIN IMMEDIATE ... COMMIT around a batch; rolls back when left without commit().
+class Transaction {
+public:
+    Transaction(Connection& connection, std::string_view label);
+    ~Transaction();
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+    void commit();
+
+private:
+    Connection& connection_;
+    std::string label_;
+    bool open_ = true;
+};
+
+}  // namespace gaugepoint::sqlite

@@ -1,0 +1,50 @@
+#include "gaugepoint/stores/SQLiteConnectionHolder.hpp"
+
+#include <sqlite3.h>
+
+#include <map>
+
+namespace gaugepoint {
+
+std::shared_ptr<SQLiteConnectionHolder> SQLiteConnectionHolder::shared(const std::filesystem::path& file) {
+    static std::mutex registryLock;
+    static std::map<std::filesystem::path, std::weak_ptr<SQLiteConnectionHolder>> registry;
+    std::lock_guard guard{registryLock};
+    auto& slot = registry[file];
+    if (auto existing = slot.lock()) return existing;
+    auto holder = std::make_shared<SQLiteConnectionHolder>(file);
+    slot = holder;
+    return holder;
+}
+
+SQLiteConnectionHolder::~SQLiteConnectionHolder() { close(); }
+
+void SQLiteConnectionHolder::close() {
+    sqlite3_close_v2(db_);
+    db_ = nullptr;
+    didSetup_ = false;
+}
+
+void SQLiteConnectionHolder::open(const SQLiteStoreSetup& setup) {
+    close();
+    constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX;  // 0x10006
+    if (sqlite3_open_v2(file_.c_str(), &db_, kFlags, nullptr) != SQLITE_OK) {
+        close();
+        throw sqlite::Failure(setup.openFailurePrefix + file_.string());
+    }
+    try {
+        sqlite::Connection connection{db_};
+        if (sqlite3_busy_timeout(db_, 2000) != SQLITE_OK) connection.fail("set busy timeout");
+        connection.exec("PRAGMA journal_mode=WAL", "set journal mode");
+        connection.exec("PRAGMA synchronous=NORMAL", "set synchronous");
+        connection.exec("PRAGMA mmap_size=268435456", "set mmap size");
+        connection.exec(setup.schemaScript, "ensure schema");
+        if (setup.migrate) setup.migrate(connection);
+    } catch (...) {
+        close();  // nothing stays half-open; the next call opens again
+        throw;
+    }
+    didSetup_ = true;
+}
+
+}  // namespace gaugepoint

@@ -1,0 +1,33 @@
+#include "gaugepoint/stores/SnapshotBlob.hpp"
+
+#include "gaugepoint/platform/Json.hpp"
+#include "lzfse/Lzfse.hpp"
+
+namespace gaugepoint {
+
+SnapshotBlob encodeSnapshotBlob(const QuotaSnapshot& snapshot) {
+    const std::string text = json::encode(snapshot);
+    const std::span bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+    try {
+        return {lzfse::compress(bytes), SnapshotEncoding::lzfse};
+    } catch (const std::exception&) {
+        return {{bytes.begin(), bytes.end()}, SnapshotEncoding::plain};  // the compressor's reason is dropped
+    }
+}
+
+std::optional<QuotaSnapshot> decodeSnapshotBlob(std::span<const std::uint8_t> bytes,
+                                                std::optional<std::string_view> encoding) {
+    try {
+        if (encoding == "lzfse") {
+            const std::vector<std::uint8_t> json = lzfse::decompress(bytes);
+            return json::decode<QuotaSnapshot>({reinterpret_cast<const char*>(json.data()), json.size()});
+        }
+        return json::decode<QuotaSnapshot>({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    } catch (const lzfse::Error&) {
+    } catch (const json::DecodingError&) {
+    } catch (const std::bad_alloc&) {
+    }
+    return std::nullopt;
+}
+
+}  // namespace gaugepoint

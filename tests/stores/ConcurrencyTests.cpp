@@ -1,0 +1,131 @@
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "StoreTestSupport.hpp"
+#include "gaugepoint/stores/QuotaHistoryStore.hpp"
+
+namespace gaugepoint {
+namespace {
+
+using testing::at;
+using testing::configurationIn;
+using testing::RawDatabase;
+using testing::ScratchDirectory;
+using testing::snapshotOf;
+
+const Date kStart = at("2026-11-21T00:00:00Z");
+
+// Appends `count` snapshots of `source`, one second apart, reading the timeline back every tenth.
+// Returns how many calls failed.
+int appendMany(const QuotaHistoryStore& store, const std::string& source, int count) {
+    int failures = 0;
+    for (int i = 0; i < count; ++i) {
+        try {
+            const auto snapshot = snapshotOf(source, kStart + std::chrono::seconds(i), i % 100);
+            if (i % 10 == 0) {
+                store.append(snapshot, 365);
+            } else {
+                store.record(snapshot, 365);
+            }
+        } catch (const Error&) {
+            ++failures;
+        }
+    }
+    return failures;
+}
+
+// Runs `child` in a forked process; its return value is the exit status.
+pid_t inChildProcess(const std::function<int()>& child) {
+    const pid_t pid = ::fork();
+    if (pid == 0) ::_exit(child());
+    return pid;
+}
+
+int exitStatus(pid_t pid) {
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+}
+
+TEST(Concurrency, ThreadsSharingOneStoreLoseNothing) {
+    ScratchDirectory dir;
+    const QuotaHistoryStore store{configurationIn(dir)};
+    std::vector<std::thread> threads;
+    std::atomic<int> failures{0};
+    for (int t = 0; t < 6; ++t) {
+        threads.emplace_back([&, t, copy = store] { failures += appendMany(copy, "thread-" + std::to_string(t), 40); });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(store.loadTimeline().snapshots.size(), 240u);
+}
+
+TEST(Concurrency, TwoProcessesAppendingAndReadingLoseNothing) {
+    ScratchDirectory dir;
+    const auto config = configurationIn(dir);
+    // Each process opens its own connection after the fork; none is carried across it.
+    const pid_t child = inChildProcess([&] { return appendMany(QuotaHistoryStore{config}, "child", 150) == 0 ? 0 : 1; });
+    const QuotaHistoryStore store{config};
+    EXPECT_EQ(appendMany(store, "parent", 150), 0);
+    EXPECT_EQ(exitStatus(child), 0);
+    const auto timeline = store.loadTimeline();
+    EXPECT_EQ(timeline.snapshots.size(), 300u);
+}
+
+// A second process holds the write lock for `holdMilliseconds`; returns the pipe it signals on
+// once the lock is held.
+pid_t holdWriteLock(const std::filesystem::path& file, int holdMilliseconds, int signalPipe) {
+    return inChildProcess([=] {
+        RawDatabase raw{file};
+        if (!raw.exec("BEGIN IMMEDIATE; DELETE FROM snapshot_history WHERE id = 'none';").empty()) return 1;
+        (void)::write(signalPipe, "x", 1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(holdMilliseconds));
+        return raw.exec("COMMIT").empty() ? 0 : 2;
+    });
+}
+
+TEST(Concurrency, WritersWaitForALockHeldShorterThanTheBusyTimeout) {
+    ScratchDirectory dir;
+    const QuotaHistoryStore store{configurationIn(dir)};
+    store.append(snapshotOf("a", kStart), 365);
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    const pid_t child = holdWriteLock(store.historyURL(), 800, fds[1]);
+    char signal;
+    ASSERT_EQ(::read(fds[0], &signal, 1), 1);
+    EXPECT_EQ(store.loadTimeline().snapshots.size(), 1u);  // readers are not blocked by the writer
+    EXPECT_NO_THROW(store.append(snapshotOf("a", kStart + std::chrono::seconds(1)), 365));
+    EXPECT_EQ(exitStatus(child), 0);
+    EXPECT_EQ(store.loadTimeline().snapshots.size(), 2u);
+    ::close(fds[0]);
+    ::close(fds[1]);
+}
+
+TEST(Concurrency, AWriterGivesUpAfterTheBusyTimeout) {
+    ScratchDirectory dir;
+    const QuotaHistoryStore store{configurationIn(dir)};
+    store.append(snapshotOf("a", kStart), 365);
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    const pid_t child = holdWriteLock(store.historyURL(), 3000, fds[1]);
+    char signal;
+    ASSERT_EQ(::read(fds[0], &signal, 1), 1);
+    const auto started = std::chrono::steady_clock::now();
+    try {
+        store.append(snapshotOf("a", kStart + std::chrono::seconds(1)), 365);
+        FAIL() << "expected the write to time out";
+    } catch (const QuotaHistoryStoreError& e) {
+        EXPECT_STREQ(e.what(), "execute append: database is locked");
+    }
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(1900));
+    EXPECT_EQ(exitStatus(child), 0);
+    ::close(fds[0]);
+    ::close(fds[1]);
+}
+
+}  // namespace
+}  // namespace gaugepoint
