@@ -46,7 +46,8 @@ function(gaugepoint_test name)
   target_compile_definitions(${name} PRIVATE GAUGEPOINT_TEST_DATA_DIR="${PROJECT_SOURCE_DIR}/tests/data")
   include(GoogleTest)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
-    PROPERTIES ENVIRONMENT "TZ=UTC;LC_ALL=C.UTF-8;GAUGEPOINT_APP_GROUP_DIR=/nonexistent/gaugepoint-test")
+    PROPERTIES ENVIRONMENT
+      "TZ=UTC;LC_ALL=C.UTF-8;GAUGEPOINT_APP_GROUP_DIR=${PROJECT_BINARY_DIR}/test-home/group;XDG_CONFIG_HOME=${PROJECT_BINARY_DIR}/test-home/config;XDG_DATA_HOME=${PROJECT_BINARY_DIR}/test-home/data")
 endfunction()
 
 # gaugepoint_bench(<name> SOURCES ... DEPENDS ...): one Google Benchmark program.

@@ -1,0 +1,80 @@
+#include <gtest/gtest.h>
+
+#include "CommandRunner.hpp"
+#include "gaugepoint/platform/Json.hpp"
+
+namespace gaugepoint {
+namespace {
+
+using testing::CommandResult;
+using testing::ScratchDirectory;
+
+const std::string kExample = std::string(GAUGEPOINT_EXAMPLES_DIR) + "/widget-snapshot.json";
+constexpr const char* kSnapshot =
+    R"({"version":1,"generatedAt":"2026-11-21T09:00:00Z","source":{"sourceID":"mac-studio","sourceName":"Studio",)"
+    R"("hostName":"studio.local","platformLabel":"macOS"},"providers":[{"id":"claude","displayName":"Claude",)"
+    R"("quotaStrategy":"multiWindow","windows":[{"id":"primary","label":"Session","usedPercent":42,)"
+    R"("resetsAt":"2026-11-21T11:00:00Z","windowMinutes":300,"importance":0,"semantic":"rollingSession"}]}]})";
+
+// Runs gaugepoint against the store directory of `dir` with a pinned clock.
+CommandResult run(const ScratchDirectory& dir, std::vector<std::string> args, const std::string& input = {}) {
+    args.insert(args.end(), {"--app-group-dir", (dir / "group").string(), "--now", "2026-11-21T09:30:00Z"});
+    ::setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
+    return testing::gaugepoint(args, input);
+}
+
+TEST(HistoryCommand, AppendsListsAndClears) {
+    ScratchDirectory dir;
+    EXPECT_EQ(run(dir, {"history", "append", "--snapshot", "-"}, kSnapshot).out,
+              "stored the snapshot of mac-studio (Studio) generated 2026-11-21T09:00:00Z; 1 snapshot kept\n");
+    ASSERT_EQ(run(dir, {"history", "append", "--sibling", kExample}).exitCode, 0);
+    const auto list = run(dir, {"history", "list"});
+    EXPECT_EQ(list.out.substr(0, list.out.find('\n')), "2026-11-21T09:00:00Z  mac-studio (Studio)  Claude 58%");
+    const auto timeline = json::parse(run(dir, {"history", "list", "--json"}).out);
+    EXPECT_EQ(timeline.at("snapshots").as_array().size(), 2u);
+    EXPECT_EQ(json::parse(run(dir, {"history", "latest", "--json"}).out).at("providers").as_array().size(), 6u);
+    EXPECT_EQ(run(dir, {"history", "remove", "--source", "unknown"}).out, "removed the snapshots of unknown; 1 snapshot left\n");
+    EXPECT_EQ(run(dir, {"history", "trim", "--days", "1"}).out, "0 snapshots removed\n");
+    EXPECT_EQ(run(dir, {"history", "clear", "--json"}).out, "{\"removed\":1}\n");
+    const auto empty = run(dir, {"history", "latest"});
+    EXPECT_EQ(empty.exitCode, 1);
+    EXPECT_EQ(empty.err.rfind("gaugepoint: no snapshots in ", 0), 0u);
+}
+
+TEST(HistoryCommand, RejectsBadInputWithOneLine) {
+    ScratchDirectory dir;
+    EXPECT_EQ(run(dir, {"history", "append"}).exitCode, 2);
+    const auto bad = run(dir, {"history", "append", "--snapshot", "-"}, R"({"version":1})");
+    EXPECT_EQ(bad.exitCode, 1);
+    EXPECT_EQ(bad.err, "gaugepoint: cannot decode standard input: generatedAt: required key is missing\n");
+    testing::writeFile(dir / "junk.sqlite", std::string(4096, 'x'));
+    std::filesystem::create_directories(dir / "group");
+    std::filesystem::rename(dir / "junk.sqlite", dir / "group" / "quota-history.sqlite");
+    const auto hostile = run(dir, {"history", "append", "--snapshot", "-"}, kSnapshot);
+    EXPECT_EQ(hostile.exitCode, 1);
+    EXPECT_EQ(hostile.err, "gaugepoint: set journal mode: file is not a database\n");
+}
+
+TEST(SourcesCommand, UpsertsShowsRemovesAndFeedsTheWidget) {
+    ScratchDirectory dir;
+    EXPECT_EQ(run(dir, {"sources", "upsert", "--snapshot", "-"}, kSnapshot).out, "stored mac-studio (Studio) received by kvs\n");
+    EXPECT_EQ(run(dir, {"sources", "upsert", "--sibling", kExample, "--pairing-token", "tok", "--channel", "pairing"}).out,
+              "stored tok (Unknown Source) received by pairing\n");
+    const auto registry = json::parse(run(dir, {"sources", "list", "--json"}).out);
+    EXPECT_EQ(registry.at("entries").as_array().size(), 2u);
+    EXPECT_EQ(json::parse(run(dir, {"sources", "show", "tok", "--json"}).out).at("channel").as_string(), "pairing");
+    EXPECT_EQ(run(dir, {"sources", "show", "nobody"}).exitCode, 1);
+
+    const auto widget = run(dir, {"widget", "--from-sources", "--source", "mac-studio"});
+    EXPECT_EQ(widget.out, "Claude  5h  58% left  ·  refresh in 2h\n");
+    EXPECT_EQ(run(dir, {"widget", "--from-sources", "--source", "nobody"}).exitCode, 1);
+
+    EXPECT_EQ(run(dir, {"sources", "remove", "--pairing-token", "tok"}).out, "1 record removed\n");
+    EXPECT_EQ(run(dir, {"sources", "remove", "mac-studio", "--source-id", "x"}).exitCode, 2);
+    EXPECT_EQ(run(dir, {"sources", "trim", "--older-than", "60"}).out, "0 records removed\n");
+    EXPECT_EQ(run(dir, {"sources", "clear"}).out, "1 record removed\n");
+    EXPECT_EQ(run(dir, {"widget", "--from-sources"}).exitCode, 1);
+}
+
+}  // namespace
+}  // namespace gaugepoint
