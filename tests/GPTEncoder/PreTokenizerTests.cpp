@@ -55,7 +55,7 @@ std::vector<std::string> scannerPieces(std::string_view text) {
     return pieces;
 }
 
-// Characters from every class, weighted toward the ones the pattern treats specially.
+// Characters from every class, weighted toward the ones with rules of their own in the pattern.
 const std::vector<std::string> kAlphabet = {
     " ", " ", " ", "  ", "\t", "\n", "\r\n", "\x0B", "\f", "\u0085", "\u00A0", "\u1680", "\u2003", "\u200A", "\u2028", "\u2029",
     "\u202F", "\u205F", "\u3000", "\uFEFF", "\u200B", "\u180E", "\x1C", "\x1F", "'", "'", "'", "s", "t", "re", "ve", "m", "ll",
