@@ -40,10 +40,11 @@ std::string positionText(std::string_view text, std::size_t offset) {
 
 }  // namespace
 
-boost::json::value parse(std::string_view text) {
+boost::json::value parse(std::string_view text, boost::json::storage_ptr storage) {
     boost::json::parse_options options;
     options.max_depth = 64;  // documents here are shallow; deep nesting is hostile input
     boost::json::parser parser{{}, options};
+    parser.reset(std::move(storage));
     boost::system::error_code ec;
     const std::size_t consumed = parser.write_some(text.data(), text.size(), ec);
     if (!ec && consumed < text.size()) ec = boost::json::error::extra_data;

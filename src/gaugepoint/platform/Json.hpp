@@ -15,6 +15,7 @@
 #include <boost/describe/enum_to_string.hpp>
 #include <boost/describe/enumerators.hpp>
 #include <boost/describe/members.hpp>
+#include <boost/json/monotonic_resource.hpp>
 #include <boost/json/value.hpp>
 #include <boost/mp11/algorithm.hpp>
 
@@ -65,8 +66,9 @@ public:
     using Error::Error;
 };
 
-// Parses text into a DOM. Throws DecodingError with the line and column of the first fault.
-boost::json::value parse(std::string_view text);
+// Parses text into a DOM allocated from `storage` (default: the heap). Throws DecodingError with
+// the line and column of the first fault.
+boost::json::value parse(std::string_view text, boost::json::storage_ptr storage = {});
 
 // "a string", "a number", "null", ... for error messages.
 std::string_view kindName(const boost::json::value& value);
@@ -95,7 +97,11 @@ T fromValue(const boost::json::value& value, const Path& path = {}) {
 // A value from JSON text. Throws DecodingError.
 template <class T>
 T decode(std::string_view text) {
-    return fromValue<T>(parse(text));
+    // The DOM lives only for the mapping, so it comes from one arena freed in a single step
+    // rather than from a heap allocation per node.
+    unsigned char initial[4096];
+    boost::json::monotonic_resource arena{initial, sizeof initial};
+    return fromValue<T>(parse(text, &arena));
 }
 
 // The raw value of a described enumerator: its name, as JSON writes it.
