@@ -18,6 +18,7 @@ struct Shape {
     unsigned states;
     unsigned maxCount;
     unsigned used;  // symbols with a non-zero count
+    friend void PrintTo(const Shape& s, std::ostream* out) { *out << s.name; }
 };
 
 class Normalise : public testing::TestWithParam<Shape> {};

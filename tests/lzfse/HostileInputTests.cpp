@@ -60,6 +60,7 @@ struct Case {
     Bytes stream;
     Kind kind;
     const char* message;  // must appear in what()
+    friend void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
 };
 
 std::vector<Case> cases() {

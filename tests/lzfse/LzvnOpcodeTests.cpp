@@ -19,6 +19,7 @@ struct Case {
     Bytes prefix;        // output of an earlier raw block, for distances to reach into
     Bytes instructions;  // without the end instruction
     std::string expected;  // output of the LZVN block alone
+    friend void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
 };
 
 Bytes rawAndLzvn(const Case& c, std::size_t rawBytes) {

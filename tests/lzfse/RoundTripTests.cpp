@@ -56,6 +56,7 @@ const std::size_t kSizes[] = {0,     1,     7,     8,     9,     15,    16,    1
 struct Case {
     Shape shape;
     std::size_t size;
+    friend void PrintTo(const Case& c, std::ostream* out) { *out << int(c.shape) << "/" << c.size; }
 };
 
 std::vector<Case> allCases() {

@@ -18,6 +18,7 @@ namespace lzfse = gaugepoint::lzfse;
 struct Vector {
     const char* name;
     bool assembled;  // hand-assembled from reference blocks: decode only
+    friend void PrintTo(const Vector& v, std::ostream* out) { *out << v.name; }
 };
 
 const Vector kVectors[] = {

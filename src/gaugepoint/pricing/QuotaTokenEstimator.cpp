@@ -45,15 +45,6 @@ std::string_view trimmed(std::string_view text) {
 
 }  // namespace
 
-std::string_view methodName(EstimationMethod method) noexcept {
-    switch (method) {
-        case EstimationMethod::ideographic: return "ideographic";
-        case EstimationMethod::code: return "code";
-        case EstimationMethod::bpe: break;
-    }
-    return "bpe";
-}
-
 QuotaTokenEstimator& QuotaTokenEstimator::shared() {
     static QuotaTokenEstimator estimator;
     return estimator;

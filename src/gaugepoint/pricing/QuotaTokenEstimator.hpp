@@ -7,6 +7,9 @@
 // characters / 3.5, each rounded up, where characters are Unicode scalars. A count above zero is
 // then multiplied by 1.2 and rounded up, in exact integer arithmetic (5 gives 6, not 7).
 
+#include <boost/describe/class.hpp>
+#include <boost/describe/enum.hpp>
+
 #include <cstdint>
 #include <mutex>
 #include <string_view>
@@ -15,16 +18,16 @@
 
 namespace gaugepoint {
 
+// How a text was counted; JSON writes "bpe", "ideographic" or "code".
 enum class EstimationMethod { bpe, ideographic, code };
-
-// "bpe", "ideographic" or "code".
-std::string_view methodName(EstimationMethod method) noexcept;
+BOOST_DESCRIBE_ENUM(EstimationMethod, bpe, ideographic, code)
 
 struct TokenEstimate {
     std::int64_t tokens = 0;    // the estimate, safety factor included
     EstimationMethod method = EstimationMethod::bpe;
     std::int64_t rawCount = 0;  // the count before the 1.2 factor
 };
+BOOST_DESCRIBE_STRUCT(TokenEstimate, (), (tokens, method, rawCount))
 
 class QuotaTokenEstimator {
 public:
