@@ -27,7 +27,7 @@ void encode(const BlobOptions& options, const GlobalOptions& globals) {
     const auto blob = QuotaCloudBlobCodec::encode(readInput(options.stream.input));
     writeOutput(options.stream.output, textOf(blob.data));
     if (globals.json) {
-        json::JsonWriter w{true};
+        json::JsonWriter w;
         w.beginObject();
         json::writeMember(w, "encoding", blob.encoding);
         json::writeMember(w, "originalBytes", blob.originalBytes);
