@@ -11,7 +11,10 @@
 namespace gaugepoint::cli {
 
 CLI::App* addGroup(CLI::App& parent, const std::string& name, const std::string& description) {
-    return parent.add_subcommand(name, description);  // inherits fallthrough from the root
+    CLI::App* command = parent.add_subcommand(name, description);  // inherits fallthrough from the root
+    command->footer(
+        "Global options, before or after the command words: --app-group-dir DIR, --lang CODE, --now ISO8601, --json");
+    return command;
 }
 
 void addStreamOptions(CLI::App& command, StreamOptions& options) {

@@ -8,9 +8,7 @@ namespace gaugepoint::cli {
 namespace {
 
 struct HistoryOptions {
-    std::string snapshotPath;
-    std::string siblingPath;
-    bool fromSibling = false;
+    SnapshotInput input;
     double retentionDays = 30;
     std::optional<double> days;
     std::string sourceID;
@@ -34,8 +32,7 @@ void printTimeline(const QuotaHistoryTimeline& timeline, const GlobalOptions& gl
 }
 
 void append(const HistoryOptions& options, const GlobalOptions& globals) {
-    const QuotaSnapshot snapshot =
-        options.fromSibling ? readSiblingSnapshot(options.siblingPath) : readSnapshotDocument(options.snapshotPath);
+    const QuotaSnapshot snapshot = options.input.read("history append");
     const QuotaHistoryTimeline timeline = openStore(globals).append(snapshot, options.retentionDays);
     if (globals.json) return printJson(timeline);
     writeOutput("-", "stored the snapshot of " + sourceLabel(snapshot) + " generated " +
@@ -61,18 +58,10 @@ void registerHistoryCommand(CLI::App& root, GlobalOptions& globals) {
     group->require_subcommand(1);
 
     CLI::App* add = addGroup(*group, "append", "Store one snapshot and trim what is older than the retention");
-    auto* snapshot = add->add_option("--snapshot", options->snapshotPath, "A quota snapshot JSON document ('-': stdin)")
-                         ->option_text("FILE");
-    auto* sibling = add->add_option("--sibling", options->siblingPath, "Import a sibling widget snapshot file instead")
-                        ->option_text("FILE");
-    snapshot->excludes(sibling);
+    options->input.addOptions(*add);
     add->add_option("--retention-days", options->retentionDays, "Keep this many days (default 30)")
         ->option_text("N")->check(CLI::NonNegativeNumber);
-    add->callback([options, sibling, snapshot, &globals] {
-        if (!*snapshot && !*sibling) throw UsageError("history append needs --snapshot FILE or --sibling FILE");
-        options->fromSibling = bool(*sibling);
-        append(*options, globals);
-    });
+    add->callback([options, &globals] { append(*options, globals); });
 
     CLI::App* list = addGroup(*group, "list", "Show the stored snapshots, oldest first");
     list->add_option("--days", options->days, "Only the last N days")->option_text("N")->check(CLI::NonNegativeNumber);

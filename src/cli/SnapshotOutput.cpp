@@ -24,6 +24,20 @@ QuotaSnapshot readSiblingSnapshot(const std::string& path) {
     return TallybarSnapshotImporter{}.loadAndNormalize(file);
 }
 
+void SnapshotInput::addOptions(CLI::App& command) {
+    snapshotOption = command.add_option("--snapshot", snapshotPath, "A quota snapshot JSON document ('-': stdin)")
+                         ->option_text("FILE");
+    siblingOption = command.add_option("--sibling", siblingPath, "Import a sibling widget snapshot file instead")
+                        ->option_text("FILE");
+    snapshotOption->excludes(siblingOption);
+}
+
+QuotaSnapshot SnapshotInput::read(std::string_view commandName) const {
+    if (*siblingOption) return readSiblingSnapshot(siblingPath);
+    if (*snapshotOption) return readSnapshotDocument(snapshotPath);
+    throw UsageError(std::string(commandName) + " needs --snapshot FILE or --sibling FILE");
+}
+
 void printWidget(const QuotaSnapshot& snapshot, std::string_view format, const GlobalOptions& globals) {
     const QuotaWidgetView view = QuotaWidgetView::make(snapshot, resolveNow(globals), resolveLanguage(globals));
     if (format == "json") {

@@ -20,6 +20,20 @@ QuotaSnapshot readSnapshotDocument(const std::string& path);
 // The sibling app's widget snapshot file, imported (default location when `path` is empty).
 QuotaSnapshot readSiblingSnapshot(const std::string& path);
 
+// Where a command reads the snapshot it stores: --snapshot FILE (a quota snapshot document, "-"
+// for stdin) or --sibling FILE (the sibling app's widget file, imported).
+struct SnapshotInput {
+    std::string snapshotPath;
+    std::string siblingPath;
+    CLI::Option* snapshotOption = nullptr;
+    CLI::Option* siblingOption = nullptr;
+
+    // Adds the two options to `command`; they exclude each other.
+    void addOptions(CLI::App& command);
+    // The snapshot named on the command line. Throws UsageError when neither option was given.
+    QuotaSnapshot read(std::string_view commandName) const;
+};
+
 // Prints `snapshot` as widget texts: "text" (aligned lines), "json" or "waybar".
 void printWidget(const QuotaSnapshot& snapshot, std::string_view format, const GlobalOptions& globals);
 

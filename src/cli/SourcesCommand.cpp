@@ -8,8 +8,7 @@ namespace gaugepoint::cli {
 namespace {
 
 struct SourcesOptions {
-    std::string snapshotPath;
-    std::string siblingPath;
+    SnapshotInput input;
     std::optional<std::string> pairingToken;
     std::string channel = "kvs";
     std::string id;
@@ -21,9 +20,8 @@ QuotaSourceSnapshotStore openStore(const GlobalOptions& globals) {
     return QuotaSourceSnapshotStore{resolveConfiguration(globals)};
 }
 
-void upsert(const SourcesOptions& options, bool fromSibling, const GlobalOptions& globals) {
-    const QuotaSnapshot snapshot =
-        fromSibling ? readSiblingSnapshot(options.siblingPath) : readSnapshotDocument(options.snapshotPath);
+void upsert(const SourcesOptions& options, const GlobalOptions& globals) {
+    const QuotaSnapshot snapshot = options.input.read("sources upsert");
     const auto channel = options.channel == "pairing" ? QuotaSourceSyncChannel::pairing : QuotaSourceSyncChannel::kvs;
     const auto record = openStore(globals).upsert(snapshot, options.pairingToken, channel);
     if (globals.json) return printJson(record);
@@ -74,19 +72,12 @@ void registerSourcesCommand(CLI::App& root, GlobalOptions& globals) {
     group->require_subcommand(1);
 
     CLI::App* add = addGroup(*group, "upsert", "Store a snapshot as the newest record of its source");
-    auto* snapshot = add->add_option("--snapshot", options->snapshotPath, "A quota snapshot JSON document ('-': stdin)")
-                         ->option_text("FILE");
-    auto* sibling = add->add_option("--sibling", options->siblingPath, "Import a sibling widget snapshot file instead")
-                        ->option_text("FILE");
-    snapshot->excludes(sibling);
+    options->input.addOptions(*add);
     add->add_option("--pairing-token", options->pairingToken, "The pairing token it arrived with")->option_text("T");
     add->add_option("--channel", options->channel, "kvs (default) or pairing")
         ->check(CLI::IsMember({"kvs", "pairing"}))
         ->option_text("CHANNEL");
-    add->callback([options, snapshot, sibling, &globals] {
-        if (!*snapshot && !*sibling) throw UsageError("sources upsert needs --snapshot FILE or --sibling FILE");
-        upsert(*options, bool(*sibling), globals);
-    });
+    add->callback([options, &globals] { upsert(*options, globals); });
 
     addGroup(*group, "list", "Show every source's record, newest first")->callback([&globals] { list(globals); });
 

@@ -76,55 +76,53 @@ TEST(Concurrency, TwoProcessesAppendingAndReadingLoseNothing) {
     EXPECT_EQ(timeline.snapshots.size(), 300u);
 }
 
-// A second process holds the write lock for `holdMilliseconds`; returns the pipe it signals on
-// once the lock is held.
-pid_t holdWriteLock(const std::filesystem::path& file, int holdMilliseconds, int signalPipe) {
-    return inChildProcess([=] {
+// Runs `whileHeld` while a second process holds the write lock of `file` for `holdMilliseconds`;
+// returns the second process's exit status (0 when it committed).
+int whileAnotherProcessHoldsTheWriteLock(const std::filesystem::path& file, int holdMilliseconds,
+                                         const std::function<void()>& whileHeld) {
+    int fds[2];
+    if (::pipe(fds) != 0) return -1;
+    const pid_t child = inChildProcess([&] {
         RawDatabase raw{file};
         if (!raw.exec("BEGIN IMMEDIATE; DELETE FROM snapshot_history WHERE id = 'none';").empty()) return 1;
-        (void)::write(signalPipe, "x", 1);
+        (void)::write(fds[1], "x", 1);
         std::this_thread::sleep_for(std::chrono::milliseconds(holdMilliseconds));
         return raw.exec("COMMIT").empty() ? 0 : 2;
     });
+    char signal;
+    if (::read(fds[0], &signal, 1) == 1) whileHeld();
+    ::close(fds[0]);
+    ::close(fds[1]);
+    return exitStatus(child);
 }
 
 TEST(Concurrency, WritersWaitForALockHeldShorterThanTheBusyTimeout) {
     ScratchDirectory dir;
     const QuotaHistoryStore store{configurationIn(dir)};
     store.append(snapshotOf("a", kStart), 365);
-    int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
-    const pid_t child = holdWriteLock(store.historyURL(), 800, fds[1]);
-    char signal;
-    ASSERT_EQ(::read(fds[0], &signal, 1), 1);
-    EXPECT_EQ(store.loadTimeline().snapshots.size(), 1u);  // readers are not blocked by the writer
-    EXPECT_NO_THROW(store.append(snapshotOf("a", kStart + std::chrono::seconds(1)), 365));
-    EXPECT_EQ(exitStatus(child), 0);
+    const int holder = whileAnotherProcessHoldsTheWriteLock(store.historyURL(), 800, [&] {
+        EXPECT_EQ(store.loadTimeline().snapshots.size(), 1u);  // readers are not blocked by the writer
+        EXPECT_NO_THROW(store.append(snapshotOf("a", kStart + std::chrono::seconds(1)), 365));
+    });
+    EXPECT_EQ(holder, 0);
     EXPECT_EQ(store.loadTimeline().snapshots.size(), 2u);
-    ::close(fds[0]);
-    ::close(fds[1]);
 }
 
 TEST(Concurrency, AWriterGivesUpAfterTheBusyTimeout) {
     ScratchDirectory dir;
     const QuotaHistoryStore store{configurationIn(dir)};
     store.append(snapshotOf("a", kStart), 365);
-    int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
-    const pid_t child = holdWriteLock(store.historyURL(), 3000, fds[1]);
-    char signal;
-    ASSERT_EQ(::read(fds[0], &signal, 1), 1);
-    const auto started = std::chrono::steady_clock::now();
-    try {
-        store.append(snapshotOf("a", kStart + std::chrono::seconds(1)), 365);
-        FAIL() << "expected the write to time out";
-    } catch (const QuotaHistoryStoreError& e) {
-        EXPECT_STREQ(e.what(), "execute append: database is locked");
-    }
-    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(1900));
-    EXPECT_EQ(exitStatus(child), 0);
-    ::close(fds[0]);
-    ::close(fds[1]);
+    const int holder = whileAnotherProcessHoldsTheWriteLock(store.historyURL(), 3000, [&] {
+        const auto started = std::chrono::steady_clock::now();
+        try {
+            store.append(snapshotOf("a", kStart + std::chrono::seconds(1)), 365);
+            ADD_FAILURE() << "expected the write to time out";
+        } catch (const QuotaHistoryStoreError& e) {
+            EXPECT_STREQ(e.what(), "execute append: database is locked");
+        }
+        EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(1900));
+    });
+    EXPECT_EQ(holder, 0);
 }
 
 }  // namespace
