@@ -80,7 +80,12 @@ std::string providerLines(const QuotaWidgetView& view, bool aligned) {
     std::array<std::size_t, 5> widths{};
     for (const auto& provider : view.providers) {
         rows.push_back(rowFor(provider, view.language));
-        for (std::size_t i = 0; i < widths.size(); ++i) widths[i] = std::max(widths[i], displayWidth(rows.back()[i]));
+        const Row& row = rows.back();
+        for (std::size_t i = 0; i < widths.size(); ++i) {
+            // The reset column is padded only to line up the credit texts that follow it.
+            if (i == 3 && row[4].empty()) continue;
+            widths[i] = std::max(widths[i], displayWidth(row[i]));
+        }
     }
     std::string text;
     for (const auto& row : rows) text += render(row, widths, aligned) + "\n";
