@@ -1,0 +1,75 @@
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "TestSupport.hpp"
+#include "gaugepoint/platform/QuotaSyncConfiguration.hpp"
+#include "gaugepoint/platform/UserDefaults.hpp"
+
+namespace gaugepoint {
+namespace {
+
+using testing::ScratchDirectory;
+
+TEST(FileUserDefaults, TwoProcessesWritingDifferentKeysKeepBoth) {
+    ScratchDirectory dir;
+    const auto file = dir / "config" / "defaults.json";
+    const pid_t child = ::fork();
+    if (child == 0) {
+        FileUserDefaults defaults{file};
+        for (int i = 0; i < 100; ++i) defaults.setValue("child." + std::to_string(i), i);
+        ::_exit(0);
+    }
+    FileUserDefaults defaults{file};
+    for (int i = 0; i < 100; ++i) defaults.setValue("parent." + std::to_string(i), i);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(defaults.value("child." + std::to_string(i)), boost::json::value(i));
+        EXPECT_EQ(defaults.value("parent." + std::to_string(i)), boost::json::value(i));
+    }
+}
+
+TEST(FileUserDefaults, ADamagedFileReadsAsEmptyAndIsReplacedOnWrite) {
+    ScratchDirectory dir;
+    testing::writeFile(dir / "defaults.json", "{\"quota.marker\": tru");
+    FileUserDefaults defaults{dir / "defaults.json"};
+    EXPECT_FALSE(defaults.boolValue("quota.marker"));
+    defaults.setBool("quota.marker", true);
+    EXPECT_TRUE(FileUserDefaults{dir / "defaults.json"}.boolValue("quota.marker"));
+    defaults.removeValue("quota.marker");
+    EXPECT_FALSE(defaults.value("quota.marker"));
+    defaults.setValue("name", "not a bool");
+    EXPECT_FALSE(defaults.boolValue("name"));
+}
+
+TEST(QuotaSyncConfiguration, AppGroupDirectoryIsExplicitThenEnvironmentThenPlatformDefault) {
+    ScratchDirectory dir;
+    const char* savedGroup = std::getenv("GAUGEPOINT_APP_GROUP_DIR");
+    const char* savedData = std::getenv("XDG_DATA_HOME");
+    const std::string group = savedGroup ? savedGroup : "", data = savedData ? savedData : "";
+    ::setenv("GAUGEPOINT_APP_GROUP_DIR", (dir / "from-env").c_str(), 1);
+    ::setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);
+
+    QuotaSyncConfiguration configuration;
+    configuration.appGroupDirectory = dir / "explicit";
+    EXPECT_EQ(configuration.resolvedAppGroupDirectory(), dir / "explicit");
+    EXPECT_TRUE(std::filesystem::is_directory(dir / "explicit"));  // created on first use
+    configuration.appGroupDirectory.reset();
+    EXPECT_EQ(configuration.resolvedAppGroupDirectory(), dir / "from-env");
+    ::unsetenv("GAUGEPOINT_APP_GROUP_DIR");
+#if !defined(__APPLE__)
+    EXPECT_EQ(configuration.resolvedAppGroupDirectory(), dir / "data" / "gaugepoint");
+#endif
+    testing::writeFile(dir / "blocker", "");
+    configuration.appGroupDirectory = dir / "blocker" / "group";
+    EXPECT_FALSE(configuration.resolvedAppGroupDirectory());
+
+    if (savedGroup) ::setenv("GAUGEPOINT_APP_GROUP_DIR", group.c_str(), 1);
+    if (savedData) ::setenv("XDG_DATA_HOME", data.c_str(), 1); else ::unsetenv("XDG_DATA_HOME");
+}
+
+}  // namespace
+}  // namespace gaugepoint
