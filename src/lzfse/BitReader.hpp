@@ -20,7 +20,7 @@ public:
     // After refill() at least this many bits can be read.
     static constexpr unsigned kRefillBits = 56;
 
-    // `adjustment` is in -7..0; returns false when the bits above T are not zero.
+    // `adjustment` is in -8..0; returns false when the bits above T are not zero.
     bool init(const std::uint8_t* payload, std::size_t bytes, int adjustment) noexcept {
         base_ = payload;
         pos_ = bytes;
@@ -31,25 +31,30 @@ public:
         return true;
     }
 
-    // Tops the accumulator up to at least kRefillBits bits.
+    // Tops the accumulator up to 56..63 bits. In the payload's body this is one 8-byte load
+    // ending at the first byte not yet taken and no data-dependent branch: as many whole
+    // bytes as fit are shifted in below the unread bits.
     void refill() noexcept {
-        if (bits_ > 55) return;
-        const unsigned bytes = (63 - bits_) >> 3;
-        if (pos_ >= 8) {
+        if (pos_ >= 8) [[likely]] {
             const std::uint64_t word = load64(base_ + pos_ - 8);
+            const unsigned bytes = (63 - bits_) >> 3;  // 0..7
             pos_ -= bytes;
-            accum_ = (accum_ << (bytes * 8)) | (word >> (64 - bytes * 8));
-            bits_ += bytes * 8;
+            // (word >> 1) >> (63 - 8 bytes) is word's top `bytes` bytes, also for bytes = 0.
+            accum_ = (accum_ << (8 * bytes)) | ((word >> 1) >> (63 - 8 * bytes));
+            bits_ |= 56;  // = bits_ + 8 * bytes
             return;
         }
-        refillSlow(bytes);
+        refillSlow();
     }
 
-    // Takes the next `n` bits (0 <= n <= bits available since the last refill).
-    std::uint32_t read(unsigned n) noexcept {
+    // Takes the next `n` bits (0 <= n <= bits available since the last refill); `mask` is
+    // (1 << n) - 1, precomputed by the caller's tables.
+    std::uint32_t read(unsigned n, std::uint32_t mask) noexcept {
         bits_ -= n;
-        return static_cast<std::uint32_t>((accum_ >> bits_) & ((std::uint64_t{1} << n) - 1));
+        return static_cast<std::uint32_t>(accum_ >> bits_) & mask;
     }
+
+    std::uint32_t read(unsigned n) noexcept { return read(n, (std::uint32_t{1} << n) - 1); }
 
     // Bits left above bit 0; negative once the stream was read below its start.
     std::int64_t cursor() const noexcept {
@@ -57,8 +62,9 @@ public:
     }
 
 private:
-    void refillSlow(unsigned bytes) noexcept {
-        for (; bytes != 0; --bytes) {
+    // The last bytes of the payload (its first ones in memory), then zeros past its start.
+    void refillSlow() noexcept {
+        for (unsigned bytes = (63 - bits_) >> 3; bytes != 0; --bytes) {
             std::uint8_t b = 0;
             if (pos_ != 0) {
                 b = base_[--pos_];

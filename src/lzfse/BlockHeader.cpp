@@ -1,5 +1,6 @@
 #include "lzfse/BlockHeader.hpp"
 
+#include <array>
 #include <string>
 
 #include "lzfse/ByteOrder.hpp"
@@ -48,40 +49,64 @@ void checkFields(const LzfseHeader& h, const char* kind, std::size_t offset, std
                       static_cast<std::size_t>(total), available);
 }
 
+// One frequency code, identified by its first (up to) 5 bits: the value is
+// `value + ((bits >> 4) & mask)`, the code `length` bits long.
+struct FrequencyCode {
+    std::uint8_t length;
+    std::uint16_t value;
+    std::uint16_t mask;
+};
+
+constexpr std::array<FrequencyCode, 32> makeFrequencyCodes() {
+    std::array<FrequencyCode, 32> t{};
+    for (unsigned b = 0; b < 32; ++b) {
+        if ((b & 1) == 0) {
+            t[b] = {2, static_cast<std::uint16_t>((b >> 1) & 1), 0};
+        } else if ((b & 2) == 0) {
+            t[b] = {3, static_cast<std::uint16_t>(2 + ((b >> 2) & 1)), 0};
+        } else if ((b & 4) == 0) {
+            t[b] = {5, static_cast<std::uint16_t>(4 + ((b >> 3) & 3)), 0};
+        } else if ((b & 8) == 0) {
+            t[b] = {8, 8, 15};
+        } else {
+            t[b] = {14, 24, 1023};
+        }
+    }
+    return t;
+}
+
+constexpr std::array<FrequencyCode, 32> kFrequencyCodes = makeFrequencyCodes();
+
 // Reads the 360 prefix-coded frequencies of a bvx2 header from bytes [32, headerBytes).
+// `accum` holds `held` unread bits; bits above them are zero or the stream's own next bits.
 void readFrequencies(const std::uint8_t* block, std::size_t headerBytes, std::size_t offset,
                      std::uint16_t* freq) {
     if (headerBytes == kV2FixedHeaderBytes)
         fail(Kind::BadTable, "LZFSE bvx2 block" + at(offset) + " has no frequency tables");
     std::size_t pos = kV2FixedHeaderBytes;
-    std::uint32_t accum = 0;
+    std::uint64_t accum = 0;
     unsigned held = 0;
     for (unsigned i = 0; i < kFrequencyCount; ++i) {
-        while (held <= 24 && pos < headerBytes) {
-            accum |= std::uint32_t{block[pos++]} << held;
-            held += 8;
+        if (held < 14) {  // the longest code
+            if (headerBytes - pos >= 8) {
+                accum |= load64(block + pos) << held;
+                const unsigned bytes = (63 - held) >> 3;
+                pos += bytes;
+                held += 8 * bytes;
+            } else {
+                for (; held <= 56 && pos < headerBytes; held += 8) accum |= std::uint64_t{block[pos++]} << held;
+            }
         }
-        unsigned len;
-        std::uint32_t value;
-        if ((accum & 1) == 0) {
-            len = 2, value = (accum >> 1) & 1;
-        } else if ((accum & 2) == 0) {
-            len = 3, value = 2 + ((accum >> 2) & 1);
-        } else if ((accum & 4) == 0) {
-            len = 5, value = 4 + ((accum >> 3) & 3);
-        } else if ((accum & 8) == 0) {
-            len = 8, value = 8 + ((accum >> 4) & 15);
-        } else {
-            len = 14, value = 24 + ((accum >> 4) & 1023);
-        }
-        if (len > held)
+        const FrequencyCode code = kFrequencyCodes[accum & 31];
+        if (code.length > held)
             fail(Kind::BadTable, "LZFSE bvx2 block" + at(offset) + ": frequency table runs past its " +
                                      std::to_string(headerBytes) + "-byte header (value " + std::to_string(i) + ")");
-        freq[i] = static_cast<std::uint16_t>(value);
-        accum >>= len;
-        held -= len;
+        freq[i] = static_cast<std::uint16_t>(code.value + ((accum >> 4) & code.mask));
+        accum >>= code.length;
+        held -= code.length;
     }
-    if (pos != headerBytes || held >= 8)
+    // The table must end in the header's last byte: fewer than 8 bits left unread.
+    if (8 * (headerBytes - pos) + held >= 8)
         fail(Kind::BadTable, "LZFSE bvx2 block" + at(offset) + ": frequency table ends before its " +
                                  std::to_string(headerBytes) + "-byte header does");
 }

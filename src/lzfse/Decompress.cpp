@@ -86,8 +86,8 @@ std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> input, std::s
 
 void decompressInto(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& output,
                     std::size_t maxOutputBytes) {
-    OutputBuffer out(maxOutputBytes, std::move(output));
-    out.expect(static_cast<std::size_t>(std::min<std::uint64_t>(announcedSize(input), maxOutputBytes)));
+    OutputBuffer out(maxOutputBytes, std::move(output),
+                     static_cast<std::size_t>(std::min<std::uint64_t>(announcedSize(input), maxOutputBytes)));
     std::unique_ptr<detail::LzfseBlockDecoder> lzfse;  // ~50 KiB of tables, made on first use
     std::size_t offset = 0;
     for (;;) {
@@ -112,7 +112,7 @@ void decompressInto(std::span<const std::uint8_t> input, std::vector<std::uint8_
             const bool v2 = magic == detail::kMagicV2;
             const detail::LzfseHeader h = v2 ? detail::parseV2Header(input, offset)
                                              : detail::parseV1Header(input, offset);
-            if (!lzfse) lzfse = std::make_unique<detail::LzfseBlockDecoder>();
+            if (!lzfse) lzfse = std::make_unique_for_overwrite<detail::LzfseBlockDecoder>();
             offset = lzfse->decode(input, offset, v2 ? "bvx2" : "bvx1", h, out);
             break;
         }

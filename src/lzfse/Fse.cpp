@@ -28,13 +28,8 @@ void forEachState(const std::uint16_t* freq, unsigned symbols, unsigned states, 
         if (f == 0) continue;
         const unsigned k = logN - log2Floor(f);
         const unsigned j0 = ((2 * states) >> k) - f;
-        for (unsigned j = 0; j < f; ++j, ++state) {
-            if (j < j0) {
-                fn(state, s, k, ((f + j) << k) - states);
-            } else {
-                fn(state, s, k - 1, (j - j0) << (k - 1));
-            }
-        }
+        for (unsigned j = 0; j < j0; ++j) fn(state++, s, k, ((f + j) << k) - states);
+        for (unsigned j = 0; j < f - j0; ++j) fn(state++, s, k - 1, j << (k - 1));
     }
 }
 
@@ -81,20 +76,21 @@ bool buildLiteralTable(const std::uint16_t* freq, LiteralEntry* table) {
     if (!sumsTo(freq, kLiteralSymbols, kLiteralStates)) return false;
     forEachState(freq, kLiteralSymbols, kLiteralStates,
                  [&](unsigned state, unsigned s, unsigned n, unsigned base) {
-                     table[state] = {static_cast<std::uint8_t>(n), static_cast<std::uint8_t>(s),
-                                     static_cast<std::uint16_t>(base)};
+                     table[state] = {static_cast<std::uint16_t>(base), static_cast<std::uint8_t>(n),
+                                     static_cast<std::uint8_t>(s), (1u << n) - 1};
                  });
     return true;
 }
 
 bool buildValueTable(const std::uint16_t* freq, const ValueCode& code, unsigned states,
-                     ValueEntry* table) {
+                     ValueEntry* table, unsigned firstState) {
     if (!sumsTo(freq, code.symbols, states)) return false;
     forEachState(freq, code.symbols, states,
                  [&](unsigned state, unsigned s, unsigned n, unsigned base) {
-                     table[state] = {static_cast<std::uint8_t>(n + code.extraBits[s]),
-                                     code.extraBits[s], static_cast<std::uint16_t>(base),
-                                     code.base[s]};
+                     const unsigned total = n + code.extraBits[s];
+                     table[state] = {static_cast<std::uint8_t>(total), code.extraBits[s],
+                                     static_cast<std::uint16_t>(firstState + base), code.base[s],
+                                     (1u << total) - 1, (1u << code.extraBits[s]) - 1};
                  });
     return true;
 }

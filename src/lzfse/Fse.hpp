@@ -19,11 +19,13 @@ namespace gaugepoint::lzfse::detail {
 void normaliseCounts(const std::uint32_t* counts, unsigned symbols, unsigned states,
                      std::uint16_t* freq);
 
-// Decoding entry of the literal table: read `bits`, the next state is base + those bits.
+// Decoding entry of the literal table: read `bits` (under `mask`), the next state is base
+// plus those bits.
 struct LiteralEntry {
+    std::uint16_t base;
     std::uint8_t bits;
     std::uint8_t symbol;
-    std::uint16_t base;
+    std::uint32_t mask;  // (1 << bits) - 1
 };
 
 // Decoding entry of the L, M and D tables: `totalBits` = state bits + extra bits, read in
@@ -33,26 +35,30 @@ struct ValueEntry {
     std::uint8_t extraBits;
     std::uint16_t stateBase;
     std::uint32_t valueBase;
+    std::uint32_t totalMask;  // (1 << totalBits) - 1
+    std::uint32_t extraMask;  // (1 << extraBits) - 1
 };
 
 // Build decoding tables of `states` entries. Return false unless the frequencies sum to
-// exactly `states` (a smaller sum would leave states without a symbol).
+// exactly `states` (a smaller sum would leave states without a symbol). Value tables may sit
+// at `firstState` within a larger array that holds several; their next-state bases then
+// include that offset.
 bool buildLiteralTable(const std::uint16_t* freq, LiteralEntry* table);
 bool buildValueTable(const std::uint16_t* freq, const ValueCode& code, unsigned states,
-                     ValueEntry* table);
+                     ValueEntry* table, unsigned firstState = 0);
 
 inline std::uint8_t decodeLiteral(unsigned& state, const LiteralEntry* table,
                                   BitReader& in) noexcept {
     const LiteralEntry e = table[state];
-    state = e.base + in.read(e.bits);
+    state = e.base + in.read(e.bits, e.mask);
     return e.symbol;
 }
 
 inline std::uint32_t decodeValue(unsigned& state, const ValueEntry* table, BitReader& in) noexcept {
     const ValueEntry e = table[state];
-    const std::uint32_t bits = in.read(e.totalBits);
+    const std::uint32_t bits = in.read(e.totalBits, e.totalMask);
     state = e.stateBase + (bits >> e.extraBits);
-    return e.valueBase + (bits & ((1u << e.extraBits) - 1));
+    return e.valueBase + (bits & e.extraMask);
 }
 
 // Encoding entry of one symbol: below `threshold` the state sheds k-1 bits, else k.

@@ -32,6 +32,30 @@ void checkFullyRead(std::int64_t cursor, std::int64_t floor, const char* stream,
                    std::string(stream) + " bit stream has " + std::to_string(left) + " unread bits");
 }
 
+// Failures of the triple loop, kept out of line so the loop carries no message building.
+[[noreturn, gnu::cold, gnu::noinline]] void failLiterals(const char* block, std::size_t offset,
+                                                         std::uint32_t triple, std::uint32_t literals) {
+    blockError(Kind::BadPayload, block, offset,
+               "triple " + std::to_string(triple) + " uses more literals than the block's " +
+                   std::to_string(literals));
+}
+
+[[noreturn, gnu::cold, gnu::noinline]] void failDistance(const char* block, std::size_t offset,
+                                                         std::uint32_t triple, std::size_t distance,
+                                                         std::size_t available) {
+    blockError(Kind::BadDistance, block, offset,
+               distance == 0 ? "first triple repeats a distance that was never set"
+                             : "triple " + std::to_string(triple) + " distance " + std::to_string(distance) +
+                                   " reaches before the start of the output (" + std::to_string(available) +
+                                   " bytes)");
+}
+
+[[noreturn, gnu::cold, gnu::noinline]] void failTooLong(const char* block, std::size_t offset,
+                                                        std::uint32_t rawBytes) {
+    blockError(Kind::SizeMismatch, block, offset,
+               "triples produce more than the header's " + std::to_string(rawBytes) + " bytes");
+}
+
 }  // namespace
 
 std::size_t LzfseBlockDecoder::decode(std::span<const std::uint8_t> input, std::size_t offset,
@@ -46,9 +70,10 @@ std::size_t LzfseBlockDecoder::decode(std::span<const std::uint8_t> input, std::
 }
 
 void LzfseBlockDecoder::buildTables(const LzfseHeader& h, const char* kind, std::size_t offset) {
-    const bool ok = buildValueTable(h.lFreq(), kLCode, kLStates, lTable_.data()) &&
-                    buildValueTable(h.mFreq(), kMCode, kMStates, mTable_.data()) &&
-                    buildValueTable(h.dFreq(), kDCode, kDStates, dTable_.data()) &&
+    ValueEntry* lmd = lmdTable_.data();
+    const bool ok = buildValueTable(h.lFreq(), kLCode, kLStates, lmd) &&
+                    buildValueTable(h.mFreq(), kMCode, kMStates, lmd + kMFirst, kMFirst) &&
+                    buildValueTable(h.dFreq(), kDCode, kDStates, lmd + kDFirst, kDFirst) &&
                     buildLiteralTable(h.literalFreq(), literalTable_.data());
     if (!ok)
         blockError(Kind::BadTable, kind, offset,
@@ -80,46 +105,50 @@ void LzfseBlockDecoder::executeTriples(const std::uint8_t* payload, const LzfseH
     BitReader in;
     if (!in.init(payload, h.lmdPayloadBytes, h.lmdBits))
         blockError(Kind::BadPayload, kind, offset, "LMD bit stream has non-zero bits above its end");
-    unsigned l = h.lState, m = h.mState, d = h.dState;
+    // States index lmdTable_ as a whole.
+    unsigned l = h.lState, m = kMFirst + h.mState, d = kDFirst + h.dState;
+    const ValueEntry* const table = lmdTable_.data();
     const std::uint8_t* lit = literals_.data();
     const std::uint8_t* const litEnd = lit + h.literals;
     const std::size_t blockEnd = out.size() + h.rawBytes;
-    std::size_t pos = out.size();
-    std::size_t room = std::min(out.capacity(), blockEnd);  // allocated (plus slack)
-    std::uint32_t distance = 0;     // unset until the first triple gives one
+    // Pointers into the output; byte stores may alias anything, so nothing in the loop is
+    // re-read from `out`.
     std::uint8_t* base = out.begin();
-    for (std::uint32_t i = 0; i < h.matches; ++i) {
+    std::uint8_t* dst = out.end();
+    std::uint8_t* room = base + std::min(out.capacity(), blockEnd);  // allocated (plus slack)
+    std::size_t distance = 0;  // unset until the first triple gives one
+    for (std::uint32_t left = h.matches; left != 0; --left) {
         // One triple takes at most 14 + 17 + 23 = 54 bits.
         in.refill();
-        const std::uint32_t L = decodeValue(l, lTable_.data(), in);
-        const std::uint32_t M = decodeValue(m, mTable_.data(), in);
-        const std::uint32_t D = decodeValue(d, dTable_.data(), in);
-        if (D != 0) distance = D;
-        if (L > static_cast<std::size_t>(litEnd - lit))
-            blockError(Kind::BadPayload, kind, offset,
-                       "triple " + std::to_string(i) + " uses more literals than the block's " +
-                           std::to_string(h.literals));
-        if (distance == 0 || distance > pos + L)
-            blockError(Kind::BadDistance, kind, offset,
-                       distance == 0 ? "first triple repeats a distance that was never set"
-                                     : "triple " + std::to_string(i) + " distance " + std::to_string(distance) +
-                                           " reaches before the start of the output (" +
-                                           std::to_string(pos + L) + " bytes)");
-        if (pos + L + M > room) {
-            if (L + M > blockEnd - pos)
-                blockError(Kind::SizeMismatch, kind, offset,
-                           "triples produce more than the header's " + std::to_string(h.rawBytes) + " bytes");
+        const std::size_t L = decodeValue(l, table, in);
+        const std::size_t M = decodeValue(m, table, in);
+        const std::size_t D = decodeValue(d, table, in);
+        distance = D != 0 ? D : distance;
+        if (L > static_cast<std::size_t>(litEnd - lit)) [[unlikely]]
+            failLiterals(kind, offset, h.matches - left, h.literals);
+        // An unset distance (0) wraps around and fails too.
+        const std::size_t produced = static_cast<std::size_t>(dst - base) + L;
+        if (distance - 1 >= produced) [[unlikely]]
+            failDistance(kind, offset, h.matches - left, distance, produced);
+        if (L + M > static_cast<std::size_t>(room - dst)) [[unlikely]] {
+            const std::size_t pos = static_cast<std::size_t>(dst - base);
+            if (L + M > blockEnd - pos) failTooLong(kind, offset, h.rawBytes);
             out.advance(pos - out.size());
             out.ensure(L + M);
-            room = std::min(out.capacity(), blockEnd);
             base = out.begin();
+            dst = base + pos;
+            room = base + std::min(out.capacity(), blockEnd);
         }
-        std::uint8_t* dst = base + pos;
-        wildCopy(dst, lit, L);
+        // The literal buffer's slack covers the first step's overread.
+        copy16(dst, lit);
+        if (L > 16) [[unlikely]]
+            wildCopy(dst + 16, lit + 16, L - 16);
         lit += L;
-        copyMatch(dst + L, distance, M);
-        pos += L + M;
+        dst += L;
+        copyMatch(dst, distance, M);
+        dst += M;
     }
+    const std::size_t pos = static_cast<std::size_t>(dst - base);
     out.advance(pos - out.size());
     if (pos != blockEnd)
         blockError(Kind::SizeMismatch, kind, offset,

@@ -32,9 +32,11 @@ private:
     static constexpr std::size_t kLiteralSlack = 64;
 
     std::array<LiteralEntry, kLiteralStates> literalTable_;
-    std::array<ValueEntry, kLStates> lTable_;
-    std::array<ValueEntry, kMStates> mTable_;
-    std::array<ValueEntry, kDStates> dTable_;
+    // The L, M and D tables in one array (in that order), so the triple loop addresses all
+    // three from one register; their states are indices into the whole array.
+    static constexpr unsigned kMFirst = kLStates;
+    static constexpr unsigned kDFirst = kLStates + kMStates;
+    std::array<ValueEntry, kLStates + kMStates + kDStates> lmdTable_;
     std::array<std::uint8_t, kMaxLiterals + kLiteralSlack> literals_;
 };
 
