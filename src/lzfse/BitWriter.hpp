@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 #include "lzfse/ByteOrder.hpp"
 
@@ -13,46 +12,47 @@ namespace gaugepoint::lzfse::detail {
 
 class BitWriter {
 public:
-    // Appends to `out`; `maxBytes` must bound the payload this writer will produce.
-    BitWriter(std::vector<std::uint8_t>& out, std::size_t maxBytes)
-        : out_(out), start_(out.size()), pos_(out.size()) {
-        out_.resize(start_ + maxBytes + 8);
-    }
+    // Most bits write() may add between two flush() calls.
+    static constexpr unsigned kFlushBits = 56;
 
-    // Appends the low `n` bits of `value` (n <= 32; higher bits of value must be zero).
-    void write(std::uint32_t value, unsigned n) noexcept {
-        accum_ |= std::uint64_t{value} << bits_;
+    // Writes the payload from `out` on, which must have room for it plus 8 bytes (flush()
+    // always stores a whole 8-byte word).
+    explicit BitWriter(std::uint8_t* out) noexcept : start_(out), next_(out) {}
+
+    // Appends the low `n` bits of `value` (higher bits of value must be zero). At most
+    // kFlushBits bits in all between flushes.
+    void write(std::uint64_t value, unsigned n) noexcept {
+        accum_ |= value << bits_;
         bits_ += n;
-        dataBits_ += n;
-        if (bits_ >= 32) {
-            storeLe<std::uint32_t>(out_.data() + pos_, static_cast<std::uint32_t>(accum_));
-            pos_ += 4;
-            accum_ >>= 32;
-            bits_ -= 32;
-        }
     }
 
-    // Pads the last byte with zero bits and trims `out`. Returns the adjustment T - 8B, in
-    // -7..0, that the header records.
-    int finish() {
-        for (; bits_ > 0; bits_ = bits_ > 8 ? bits_ - 8 : 0) {
-            out_[pos_++] = static_cast<std::uint8_t>(accum_);
-            accum_ >>= 8;
-        }
-        out_.resize(pos_);
-        return static_cast<int>(static_cast<std::int64_t>(dataBits_) -
-                                static_cast<std::int64_t>(8 * bytes()));
+    // Moves the complete bytes out: one store, no branch. Leaves fewer than 8 bits pending.
+    void flush() noexcept {
+        storeLe<std::uint64_t>(next_, accum_);
+        const unsigned whole = bits_ & ~7u;
+        next_ += whole / 8;
+        accum_ >>= whole;
+        bits_ -= whole;
     }
 
-    std::size_t bytes() const noexcept { return pos_ - start_; }
+    // Pads the last byte with zero bits. Returns the adjustment T - 8B, in -7..0, that the
+    // header records.
+    int finish() noexcept {
+        flush();  // the partial byte, if any, is stored too
+        const int adjustment = bits_ == 0 ? 0 : static_cast<int>(bits_) - 8;
+        if (bits_ != 0) ++next_;
+        accum_ = 0;
+        bits_ = 0;
+        return adjustment;
+    }
+
+    std::size_t bytes() const noexcept { return static_cast<std::size_t>(next_ - start_); }
 
 private:
-    std::vector<std::uint8_t>& out_;
-    std::size_t start_;
-    std::size_t pos_;
-    std::uint64_t accum_ = 0;
+    std::uint8_t* start_;
+    std::uint8_t* next_;
+    std::uint64_t accum_ = 0;  // the low bits_ bits are pending
     unsigned bits_ = 0;
-    std::size_t dataBits_ = 0;
 };
 
 }  // namespace gaugepoint::lzfse::detail

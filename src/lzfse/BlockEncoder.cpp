@@ -2,6 +2,7 @@
 
 #include <array>
 #include <bit>
+#include <cstring>
 
 #include "lzfse/BitWriter.hpp"
 #include "lzfse/BlockHeader.hpp"
@@ -11,11 +12,6 @@
 namespace gaugepoint::lzfse::detail {
 
 namespace {
-
-// Block fill limits: the decoder allows 10000 triples and 40000 literals; these margins
-// (the platform encoder's) leave it 8 triples and 16 literals to spare.
-constexpr std::size_t kTripleMargin = 8;
-constexpr std::size_t kLiteralMargin = 16;
 
 unsigned lSymbol(std::uint32_t v) {
     if (v < 16) return v;
@@ -34,10 +30,6 @@ unsigned dSymbol(std::uint32_t v) {
     return 4 * g + ((x >> g) - 4);
 }
 
-struct Coded {
-    std::uint8_t l, m, d;
-};
-
 // Everything needed to entropy-code one block's symbols.
 struct Tables {
     std::array<EncoderEntry, kLSymbols> l;
@@ -46,143 +38,167 @@ struct Tables {
     std::array<EncoderEntry, kLiteralSymbols> literal;
 };
 
-void buildTables(LzfseHeader& h, const std::vector<Coded>& coded, const std::vector<std::uint8_t>& literals,
-                 Tables& t) {
+// Byte histogram in four interleaved parts, so runs of one byte value do not serialise on
+// a single counter.
+void countBytes(const std::uint8_t* bytes, std::size_t n, std::uint32_t* counts) {
+    std::array<std::array<std::uint32_t, 256>, 4> part{};
+    std::size_t i = 0;
+    for (; i + 4 <= n; i += 4) {
+        ++part[0][bytes[i]];
+        ++part[1][bytes[i + 1]];
+        ++part[2][bytes[i + 2]];
+        ++part[3][bytes[i + 3]];
+    }
+    for (; i < n; ++i) ++part[0][bytes[i]];
+    for (unsigned b = 0; b < 256; ++b) counts[b] = part[0][b] + part[1][b] + part[2][b] + part[3][b];
+}
+
+// Literals are coded in the reverse of decoding order: last group of four first, and
+// within a group literal 4g+3 (state q3) down to 4g (state q0). A group is at most 40 bits.
+void writeLiterals(LzfseHeader& h, const std::uint8_t* literals, std::size_t count, const Tables& t,
+                   std::uint8_t* out) {
+    BitWriter w(out);
+    unsigned q0 = 0, q1 = 0, q2 = 0, q3 = 0;
+    for (std::size_t i = count; i != 0; i -= 4) {
+        encodeSymbol(q3, kLiteralStates, t.literal[literals[i - 1]], w);
+        encodeSymbol(q2, kLiteralStates, t.literal[literals[i - 2]], w);
+        encodeSymbol(q1, kLiteralStates, t.literal[literals[i - 3]], w);
+        encodeSymbol(q0, kLiteralStates, t.literal[literals[i - 4]], w);
+        w.flush();
+    }
+    h.literalBits = w.finish();
+    h.literalPayloadBytes = static_cast<std::uint32_t>(w.bytes());
+    h.literalStates = {static_cast<std::uint16_t>(q0), static_cast<std::uint16_t>(q1),
+                       static_cast<std::uint16_t>(q2), static_cast<std::uint16_t>(q3)};
+}
+
+}  // namespace
+
+BlockEncoder::BlockEncoder(std::vector<std::uint8_t>& out, const std::uint8_t* inputEnd)
+    : out_(out), inputEnd_(inputEnd),
+      triple_(std::make_unique_for_overwrite<Triple[]>(kMaxMatches)),
+      literal_(std::make_unique_for_overwrite<std::uint8_t[]>(kMaxLiterals + 16)) {}
+
+void BlockEncoder::append(const std::uint8_t* literals, std::uint32_t L, std::uint32_t M,
+                          std::uint32_t D) noexcept {
+    triple_[triples_++] = {L, M, D};
+    std::uint8_t* dst = literal_.get() + literalCount_;
+    // fits() keeps 16 bytes of the buffer free, so a short run may be moved as one word.
+    if (L <= 16 && inputEnd_ - literals >= 16) {
+        std::memcpy(dst, literals, 16);
+    } else {
+        std::memcpy(dst, literals, L);
+    }
+    literalCount_ += L;
+}
+
+bool BlockEncoder::tryAddMatch(const std::uint8_t* literals, std::uint32_t L, std::uint32_t M,
+                               std::uint32_t D) {
+    while (L > kMaxL) {
+        if (!fits(kMaxL)) return false;
+        append(literals, kMaxL, 0, 1);
+        literals += kMaxL;
+        L -= kMaxL;
+    }
+    while (M > kMaxM) {
+        if (!fits(L)) return false;
+        append(literals, L, kMaxM, D);
+        literals += L;
+        L = 0;
+        M -= kMaxM;
+    }
+    if (L == 0 && M == 0) return true;
+    if (!fits(L)) return false;
+    append(literals, L, M, D);
+    return true;
+}
+
+void BlockEncoder::addMatchSlow(const std::uint8_t* literals, std::uint32_t L, std::uint32_t M,
+                                std::uint32_t D) {
+    const std::size_t triples = triples_, bytes = literalCount_;
+    if (tryAddMatch(literals, L, M, D)) return;
+    triples_ = triples;
+    literalCount_ = bytes;
+    flush();
+    tryAddMatch(literals, L, M, D);
+}
+
+void BlockEncoder::flush() {
+    if (triples_ == 0 && literalCount_ == 0) return;
+    while (literalCount_ % 4 != 0) literal_[literalCount_++] = 0;
+    LzfseHeader h;
+    h.literals = static_cast<std::uint32_t>(literalCount_);
+    h.matches = static_cast<std::uint32_t>(triples_);
+
+    // Distances equal to the previous triple's are sent as 0 ("same again"); count symbols.
     std::array<std::uint32_t, kLSymbols> lCount{};
     std::array<std::uint32_t, kMSymbols> mCount{};
     std::array<std::uint32_t, kDSymbols> dCount{};
-    std::array<std::uint32_t, kLiteralSymbols> litCount{};
-    for (const Coded& c : coded) {
-        ++lCount[c.l];
-        ++mCount[c.m];
-        ++dCount[c.d];
+    std::array<std::uint32_t, kLiteralSymbols> literalCount{};
+    std::uint64_t raw = 0;
+    std::uint32_t previous = 0;
+    for (std::size_t i = 0; i < triples_; ++i) {
+        Triple& t = triple_[i];
+        raw += t.L + t.M;
+        const std::uint32_t D = t.D == previous ? 0 : t.D;
+        previous = t.D;
+        t.D = D;
+        ++lCount[lSymbol(t.L)];
+        ++mCount[mSymbol(t.M)];
+        ++dCount[dSymbol(D)];
     }
-    for (std::uint8_t b : literals) ++litCount[b];
+    countBytes(literal_.get(), literalCount_, literalCount.data());
+    h.rawBytes = static_cast<std::uint32_t>(raw);
     std::uint16_t* f = h.freq.data();
     normaliseCounts(lCount.data(), kLSymbols, kLStates, f);
     normaliseCounts(mCount.data(), kMSymbols, kMStates, f + kLSymbols);
     normaliseCounts(dCount.data(), kDSymbols, kDStates, f + kLSymbols + kMSymbols);
-    normaliseCounts(litCount.data(), kLiteralSymbols, kLiteralStates, f + kLSymbols + kMSymbols + kDSymbols);
+    normaliseCounts(literalCount.data(), kLiteralSymbols, kLiteralStates, f + kLSymbols + kMSymbols + kDSymbols);
+    Tables t;
     buildEncoderTable(h.lFreq(), kLSymbols, kLStates, t.l.data());
     buildEncoderTable(h.mFreq(), kMSymbols, kMStates, t.m.data());
     buildEncoderTable(h.dFreq(), kDSymbols, kDStates, t.d.data());
     buildEncoderTable(h.literalFreq(), kLiteralSymbols, kLiteralStates, t.literal.data());
-}
 
-// Literals are coded in the reverse of decoding order: last group of four first, and
-// within a group literal 4g+3 (state q3) down to 4g (state q0).
-void writeLiterals(LzfseHeader& h, const std::vector<std::uint8_t>& literals, const Tables& t,
-                   std::vector<std::uint8_t>& out) {
-    BitWriter w(out, literals.size() * 10 / 8 + 8);
-    std::array<unsigned, 4> q{};
-    for (std::size_t i = literals.size(); i != 0; i -= 4) {
-        for (unsigned j = 4; j-- != 0;) encodeSymbol(q[j], kLiteralStates, t.literal[literals[i - 4 + j]], w);
-    }
-    h.literalBits = w.finish();
-    h.literalPayloadBytes = static_cast<std::uint32_t>(w.bytes());
-    for (unsigned j = 0; j < 4; ++j) h.literalStates[j] = static_cast<std::uint16_t>(q[j]);
-}
+    // The block is written in place: header size first (it depends only on the
+    // frequencies), then both payloads, then the header with their sizes and final states.
+    // Room: literals take at most 10 bits each, a triple at most 54 bits, and each writer
+    // may store 8 bytes past its end.
+    h.headerBytes = v2HeaderBytes(h);
+    const std::size_t start = out_.size();
+    const std::size_t room = h.headerBytes + literalCount_ * 10 / 8 + 1 + kLmdPaddingBytes + triples_ * 7 + 8;
+    out_.resize(start + room);
+    std::uint8_t* const block = out_.data() + start;
+    writeLiterals(h, literal_.get(), literalCount_, t, block + h.headerBytes);
 
-// Triples are coded last to first, each as D, M, L (value extra bits, then the symbol), so
-// the decoder reads L, M, D of the first triple first.
-void writeLmd(LzfseHeader& h, const std::vector<std::pair<std::uint32_t, std::uint32_t>>& lm,
-              const std::vector<std::uint32_t>& ds, const std::vector<Coded>& coded, const Tables& t,
-              std::vector<std::uint8_t>& out) {
-    BitWriter w(out, kLmdPaddingBytes + coded.size() * 7 + 8);
+    // Triples are coded last to first, each as D, M, L (value extra bits, then the symbol),
+    // so the decoder reads L, M, D of the first triple first.
+    BitWriter w(block + h.headerBytes + h.literalPayloadBytes);
     w.write(0, 32);
+    w.flush();
     w.write(0, 32);
+    w.flush();
     unsigned l = 0, m = 0, d = 0;
-    for (std::size_t i = coded.size(); i-- != 0;) {
-        const Coded c = coded[i];
-        w.write(ds[i] - kDCode.base[c.d], kDCode.extraBits[c.d]);
-        encodeSymbol(d, kDStates, t.d[c.d], w);
-        w.write(lm[i].second - kMCode.base[c.m], kMCode.extraBits[c.m]);
-        encodeSymbol(m, kMStates, t.m[c.m], w);
-        w.write(lm[i].first - kLCode.base[c.l], kLCode.extraBits[c.l]);
-        encodeSymbol(l, kLStates, t.l[c.l], w);
+    for (std::size_t i = triples_; i-- != 0;) {
+        const Triple tr = triple_[i];
+        const unsigned ds = dSymbol(tr.D), ms = mSymbol(tr.M), ls = lSymbol(tr.L);
+        w.write(tr.D - kDCode.base[ds], kDCode.extraBits[ds]);
+        encodeSymbol(d, kDStates, t.d[ds], w);
+        w.write(tr.M - kMCode.base[ms], kMCode.extraBits[ms]);
+        encodeSymbol(m, kMStates, t.m[ms], w);
+        w.write(tr.L - kLCode.base[ls], kLCode.extraBits[ls]);
+        encodeSymbol(l, kLStates, t.l[ls], w);
+        w.flush();
     }
     h.lmdBits = w.finish();
     h.lmdPayloadBytes = static_cast<std::uint32_t>(w.bytes());
     h.lState = static_cast<std::uint16_t>(l);
     h.mState = static_cast<std::uint16_t>(m);
     h.dState = static_cast<std::uint16_t>(d);
-}
-
-}  // namespace
-
-void BlockEncoder::reset() {
-    triples_.clear();
-    literals_.clear();
-}
-
-bool BlockEncoder::tryAddTriple(const std::uint8_t* literals, std::uint32_t L, std::uint32_t M,
-                                std::uint32_t D) {
-    if (triples_.size() + 1 + kTripleMargin > kMaxMatches) return false;
-    if (literals_.size() + L + kLiteralMargin > kMaxLiterals) return false;
-    triples_.push_back({L, M, D});
-    literals_.insert(literals_.end(), literals, literals + L);
-    return true;
-}
-
-bool BlockEncoder::tryAddMatch(const std::uint8_t* literals, std::uint32_t L, std::uint32_t M,
-                               std::uint32_t D) {
-    while (L > kMaxL) {
-        if (!tryAddTriple(literals, kMaxL, 0, 1)) return false;
-        literals += kMaxL;
-        L -= kMaxL;
-    }
-    while (M > kMaxM) {
-        if (!tryAddTriple(literals, L, kMaxM, D)) return false;
-        literals += L;
-        L = 0;
-        M -= kMaxM;
-    }
-    return (L == 0 && M == 0) || tryAddTriple(literals, L, M, D);
-}
-
-void BlockEncoder::addMatch(const std::uint8_t* literals, std::uint32_t L, std::uint32_t M,
-                            std::uint32_t D) {
-    const std::size_t triples = triples_.size(), bytes = literals_.size();
-    if (tryAddMatch(literals, L, M, D)) return;
-    triples_.resize(triples);
-    literals_.resize(bytes);
-    flush();
-    tryAddMatch(literals, L, M, D);
-}
-
-void BlockEncoder::flush() {
-    if (triples_.empty() && literals_.empty()) return;
-    LzfseHeader h;
-    std::uint64_t raw = 0;
-    std::vector<Coded> coded(triples_.size());
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> lm(triples_.size());
-    std::vector<std::uint32_t> ds(triples_.size());
-    std::uint32_t previous = 0;
-    for (std::size_t i = 0; i < triples_.size(); ++i) {
-        const Triple& tr = triples_[i];
-        raw += tr.L + tr.M;
-        // A distance equal to the previous triple's is sent as 0 ("same again").
-        const std::uint32_t D = tr.D == previous ? 0 : tr.D;
-        previous = tr.D;
-        coded[i] = {static_cast<std::uint8_t>(lSymbol(tr.L)), static_cast<std::uint8_t>(mSymbol(tr.M)),
-                    static_cast<std::uint8_t>(dSymbol(D))};
-        lm[i] = {tr.L, tr.M};
-        ds[i] = D;
-    }
-    while (literals_.size() % 4 != 0) literals_.push_back(0);
-    h.rawBytes = static_cast<std::uint32_t>(raw);
-    h.literals = static_cast<std::uint32_t>(literals_.size());
-    h.matches = static_cast<std::uint32_t>(triples_.size());
-
-    Tables t;
-    buildTables(h, coded, literals_, t);
-    std::vector<std::uint8_t> literalPayload, lmdPayload;
-    writeLiterals(h, literals_, t, literalPayload);
-    writeLmd(h, lm, ds, coded, t, lmdPayload);
-    writeV2Header(h, out_);
-    out_.insert(out_.end(), literalPayload.begin(), literalPayload.end());
-    out_.insert(out_.end(), lmdPayload.begin(), lmdPayload.end());
-    reset();
+    writeV2Header(h, block);
+    out_.resize(start + h.headerBytes + h.literalPayloadBytes + h.lmdPayloadBytes);
+    triples_ = 0;
+    literalCount_ = 0;
 }
 
 }  // namespace gaugepoint::lzfse::detail

@@ -5,34 +5,56 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
+
+#include "lzfse/Format.hpp"
 
 namespace gaugepoint::lzfse::detail {
 
 class BlockEncoder {
 public:
-    explicit BlockEncoder(std::vector<std::uint8_t>& out) : out_(out) { reset(); }
+    // Literals handed to addMatch() lie inside [input, inputEnd).
+    BlockEncoder(std::vector<std::uint8_t>& out, const std::uint8_t* inputEnd);
 
     // Takes one match: L literals starting at `literals`, then M bytes from distance D.
     // Splits it into triples within the per-triple limits; when the block cannot take them
     // all, writes the block and starts a new one with the whole match.
-    void addMatch(const std::uint8_t* literals, std::uint32_t L, std::uint32_t M, std::uint32_t D);
+    void addMatch(const std::uint8_t* literals, std::uint32_t L, std::uint32_t M, std::uint32_t D) {
+        // Most matches are one triple that fits: no splitting, no taking back.
+        if (L <= kMaxL && M <= kMaxM && (L | M) != 0 && fits(L)) [[likely]] {
+            append(literals, L, M, D);
+            return;
+        }
+        addMatchSlow(literals, L, M, D);
+    }
 
     // Writes the block in progress, if it holds anything.
     void flush();
 
 private:
+    // Block fill limits: the decoder allows 10000 triples and 40000 literals; these margins
+    // (the platform encoder's) leave it 8 triples and 16 literals to spare.
+    static constexpr std::size_t kTripleMargin = 8;
+    static constexpr std::size_t kLiteralMargin = 16;
+
     struct Triple {
         std::uint32_t L, M, D;
     };
 
+    bool fits(std::uint32_t L) const noexcept {
+        return triples_ + 1 + kTripleMargin <= kMaxMatches && literalCount_ + L + kLiteralMargin <= kMaxLiterals;
+    }
+    void append(const std::uint8_t* literals, std::uint32_t L, std::uint32_t M, std::uint32_t D) noexcept;
     bool tryAddMatch(const std::uint8_t* literals, std::uint32_t L, std::uint32_t M, std::uint32_t D);
-    bool tryAddTriple(const std::uint8_t* literals, std::uint32_t L, std::uint32_t M, std::uint32_t D);
-    void reset();
+    void addMatchSlow(const std::uint8_t* literals, std::uint32_t L, std::uint32_t M, std::uint32_t D);
 
     std::vector<std::uint8_t>& out_;
-    std::vector<Triple> triples_;
-    std::vector<std::uint8_t> literals_;
+    const std::uint8_t* inputEnd_;
+    std::unique_ptr<Triple[]> triple_;      // kMaxMatches
+    std::unique_ptr<std::uint8_t[]> literal_;  // kMaxLiterals plus copy slack
+    std::size_t triples_ = 0;
+    std::size_t literalCount_ = 0;
 };
 
 }  // namespace gaugepoint::lzfse::detail

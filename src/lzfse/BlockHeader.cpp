@@ -169,32 +169,40 @@ LzfseHeader parseV1Header(std::span<const std::uint8_t> input, std::size_t offse
     return h;
 }
 
-void writeV2Header(const LzfseHeader& h, std::vector<std::uint8_t>& out) {
-    const std::size_t start = out.size();
-    out.resize(start + kV2FixedHeaderBytes);
+std::size_t v2HeaderBytes(const LzfseHeader& h) {
+    std::size_t bits = 0;
+    for (unsigned i = 0; i < kFrequencyCount; ++i) {
+        unsigned len;
+        frequencyCode(h.freq[i], len);
+        bits += len;
+    }
+    return kV2FixedHeaderBytes + (bits + 7) / 8;
+}
+
+void writeV2Header(const LzfseHeader& h, std::uint8_t* out) {
+    std::uint8_t* p = out + kV2FixedHeaderBytes;
     std::uint64_t accum = 0;
     unsigned held = 0;
     for (unsigned i = 0; i < kFrequencyCount; ++i) {
         unsigned len;
         accum |= std::uint64_t{frequencyCode(h.freq[i], len)} << held;
         held += len;
-        for (; held >= 8; held -= 8, accum >>= 8) out.push_back(static_cast<std::uint8_t>(accum));
+        for (; held >= 8; held -= 8, accum >>= 8) *p++ = static_cast<std::uint8_t>(accum);
     }
-    if (held > 0) out.push_back(static_cast<std::uint8_t>(accum));
+    if (held > 0) *p = static_cast<std::uint8_t>(accum);
 
     const std::uint64_t w0 = std::uint64_t{h.literals} | std::uint64_t{h.literalPayloadBytes} << 20 |
                              std::uint64_t{h.matches} << 40 |
                              static_cast<std::uint64_t>(h.literalBits + 7) << 60;
     std::uint64_t w1 = std::uint64_t{h.lmdPayloadBytes} << 40 | static_cast<std::uint64_t>(h.lmdBits + 7) << 60;
     for (unsigned i = 0; i < 4; ++i) w1 |= std::uint64_t{h.literalStates[i]} << (10 * i);
-    const std::uint64_t w2 = std::uint64_t{out.size() - start} | std::uint64_t{h.lState} << 32 |
+    const std::uint64_t w2 = std::uint64_t{h.headerBytes} | std::uint64_t{h.lState} << 32 |
                              std::uint64_t{h.mState} << 42 | std::uint64_t{h.dState} << 52;
-    std::uint8_t* p = out.data() + start;
-    storeLe<std::uint32_t>(p, kMagicV2);
-    storeLe<std::uint32_t>(p + 4, h.rawBytes);
-    storeLe<std::uint64_t>(p + 8, w0);
-    storeLe<std::uint64_t>(p + 16, w1);
-    storeLe<std::uint64_t>(p + 24, w2);
+    storeLe<std::uint32_t>(out, kMagicV2);
+    storeLe<std::uint32_t>(out + 4, h.rawBytes);
+    storeLe<std::uint64_t>(out + 8, w0);
+    storeLe<std::uint64_t>(out + 16, w1);
+    storeLe<std::uint64_t>(out + 24, w2);
 }
 
 }  // namespace gaugepoint::lzfse::detail

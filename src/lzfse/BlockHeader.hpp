@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <vector>
 
 #include "lzfse/Format.hpp"
 
@@ -40,7 +39,11 @@ struct LzfseHeader {
 LzfseHeader parseV2Header(std::span<const std::uint8_t> input, std::size_t offset);
 LzfseHeader parseV1Header(std::span<const std::uint8_t> input, std::size_t offset);
 
-// Appends a complete bvx2 header (magic, packed words, frequency tables) for `h`.
-void writeV2Header(const LzfseHeader& h, std::vector<std::uint8_t>& out);
+// Bytes of the bvx2 header that carries h.freq (fixed fields and frequency tables).
+std::size_t v2HeaderBytes(const LzfseHeader& h);
+
+// Writes the complete bvx2 header for `h` (magic, packed words, frequency tables) at `out`:
+// h.headerBytes (= v2HeaderBytes(h)) bytes.
+void writeV2Header(const LzfseHeader& h, std::uint8_t* out);
 
 }  // namespace gaugepoint::lzfse::detail

@@ -23,7 +23,12 @@ struct Slot {
     std::int32_t pos;
     std::uint32_t value;  // the 4 input bytes at pos
 };
-using Line = std::array<Slot, 4>;
+
+// One hash line, newest slot first. Aligned so that a line never straddles two cache lines:
+// the 512 KiB table misses L1 on almost every access, and a straddling line costs two misses.
+struct alignas(32) Line {
+    std::array<Slot, 4> slots;
+};
 
 struct Match {
     std::int64_t start = 0;
@@ -37,16 +42,23 @@ unsigned hash(std::uint32_t x) { return (x * 2654435761u) >> (32 - kHashBits); }
 class Encoder {
 public:
     Encoder(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& out)
-        : in_(input.data()), n_(static_cast<std::int64_t>(input.size())), back_(out),
+        : in_(input.data()), n_(static_cast<std::int64_t>(input.size())), back_(out, input.data() + input.size()),
           table_(std::make_unique_for_overwrite<Line[]>(std::size_t{1} << kHashBits)) {
-        std::fill_n(table_.get(), std::size_t{1} << kHashBits,
-                    Line{{{static_cast<std::int32_t>(kNoPosition), 0}, {static_cast<std::int32_t>(kNoPosition), 0},
-                          {static_cast<std::int32_t>(kNoPosition), 0}, {static_cast<std::int32_t>(kNoPosition), 0}}});
+        const Slot never{static_cast<std::int32_t>(kNoPosition), 0};
+        std::fill_n(table_.get(), std::size_t{1} << kHashBits, Line{{never, never, never, never}});
     }
 
     void run();
 
 private:
+    // Makes `p` (whose 4 bytes are `x`) the newest slot of its line; returns the line as
+    // it was.
+    Line insert(std::int64_t p, std::uint32_t x) {
+        Line& line = table_[hash(x)];
+        const Line old = line;
+        line.slots = {Slot{static_cast<std::int32_t>(p), x}, old.slots[0], old.slots[1], old.slots[2]};
+        return old;
+    }
     Match bestAt(std::int64_t p, std::uint32_t x, const Line& line) const;
     std::int64_t measure(std::int64_t p, std::int64_t ref) const;
     void step(std::int64_t p, Match incoming);
@@ -77,7 +89,7 @@ std::int64_t Encoder::measure(std::int64_t p, std::int64_t ref) const {
 Match Encoder::bestAt(std::int64_t p, std::uint32_t x, const Line& line) const {
     Match best;
     best.start = p;
-    for (const Slot& s : line) {
+    for (const Slot& s : line.slots) {
         if (s.value != x || s.pos + static_cast<std::int64_t>(kMaxD) < p) continue;
         const std::int64_t length = measure(p, s.pos);
         if (length > best.length) best = {p, s.pos, length};
@@ -129,12 +141,15 @@ void Encoder::step(std::int64_t p, Match incoming) {
 }
 
 void Encoder::run() {
-    for (std::int64_t p = 0; p < n_ - 8; ++p) {
+    const std::int64_t end = n_ - 8;  // positions below are scanned
+    std::int64_t p = 0;
+    while (p < end) {
         const std::uint32_t x = load32(in_ + p);
-        Line& line = table_[hash(x)];
-        const Line updated = {Slot{static_cast<std::int32_t>(p), x}, line[0], line[1], line[2]};
-        if (p >= lit_) step(p, bestAt(p, x, line));
-        line = updated;
+        step(p, bestAt(p, x, insert(p, x)));
+        ++p;
+        // Positions inside emitted matches are only entered into the table: a loop without
+        // branches on the data, so many table misses can be in flight at once.
+        for (const std::int64_t covered = std::min(lit_, end); p < covered; ++p) insert(p, load32(in_ + p));
     }
     if (pending_.length != 0) emit(pending_);
     if (lit_ < n_) emitLiterals(n_ - lit_);
