@@ -15,12 +15,13 @@ bool sumsTo(const std::uint16_t* freq, unsigned symbols, unsigned states) {
     return sum == states;
 }
 
-// Calls fn(state, symbol, bits, base) for every state. For state c[s]+j, y = f+j is
-// shifted by n bits into [N, 2N) and base = y*2^n - N; with k = log2(N) - floor(log2(f)) and
-// j0 = 2N/2^k - f that is n = k, base = (f+j)*2^k - N below j0, and n = k-1,
-// base = (j-j0)*2^(k-1) from j0 on.
+// Calls fn(first, count, symbol, bits, base, step) for runs of states: states first ..
+// first+count-1 read `bits` bits and their bases are base, base+step, ... For state c[s]+j,
+// y = f+j is shifted by n bits into [N, 2N) and base = y*2^n - N; with
+// k = log2(N) - floor(log2(f)) and j0 = 2N/2^k - f that is n = k, base = (f+j)*2^k - N below
+// j0, and n = k-1, base = (j-j0)*2^(k-1) from j0 on: two runs per symbol.
 template <typename Fn>
-void forEachState(const std::uint16_t* freq, unsigned symbols, unsigned states, Fn fn) {
+void forEachRun(const std::uint16_t* freq, unsigned symbols, unsigned states, Fn fn) {
     const unsigned logN = log2Floor(states);
     unsigned state = 0;
     for (unsigned s = 0; s < symbols; ++s) {
@@ -28,8 +29,9 @@ void forEachState(const std::uint16_t* freq, unsigned symbols, unsigned states, 
         if (f == 0) continue;
         const unsigned k = logN - log2Floor(f);
         const unsigned j0 = ((2 * states) >> k) - f;
-        for (unsigned j = 0; j < j0; ++j) fn(state++, s, k, ((f + j) << k) - states);
-        for (unsigned j = 0; j < f - j0; ++j) fn(state++, s, k - 1, j << (k - 1));
+        fn(state, j0, s, k, (f << k) - states, 1u << k);
+        if (f > j0) fn(state + j0, f - j0, s, k - 1, 0u, 1u << (k - 1));
+        state += f;
     }
 }
 
@@ -74,24 +76,32 @@ void normaliseCounts(const std::uint32_t* counts, unsigned symbols, unsigned sta
 
 bool buildLiteralTable(const std::uint16_t* freq, LiteralEntry* table) {
     if (!sumsTo(freq, kLiteralSymbols, kLiteralStates)) return false;
-    forEachState(freq, kLiteralSymbols, kLiteralStates,
-                 [&](unsigned state, unsigned s, unsigned n, unsigned base) {
-                     table[state] = {static_cast<std::uint16_t>(base), static_cast<std::uint8_t>(n),
-                                     static_cast<std::uint8_t>(s), (1u << n) - 1};
-                 });
+    forEachRun(freq, kLiteralSymbols, kLiteralStates,
+               [&](unsigned first, unsigned count, unsigned s, unsigned n, unsigned base, unsigned step) {
+                   LiteralEntry e{0, static_cast<std::uint8_t>(n), static_cast<std::uint8_t>(s), (1u << n) - 1};
+                   for (unsigned i = 0; i < count; ++i, base += step) {
+                       e.base = static_cast<std::uint16_t>(base);
+                       table[first + i] = e;
+                   }
+               });
     return true;
 }
 
 bool buildValueTable(const std::uint16_t* freq, const ValueCode& code, unsigned states,
-                     ValueEntry* table, unsigned firstState) {
+                     ValueEntry* table, ValueBase* values, unsigned firstState) {
     if (!sumsTo(freq, code.symbols, states)) return false;
-    forEachState(freq, code.symbols, states,
-                 [&](unsigned state, unsigned s, unsigned n, unsigned base) {
-                     const unsigned total = n + code.extraBits[s];
-                     table[state] = {static_cast<std::uint8_t>(total), code.extraBits[s],
-                                     static_cast<std::uint16_t>(firstState + base), code.base[s],
-                                     (1u << total) - 1, (1u << code.extraBits[s]) - 1};
-                 });
+    forEachRun(freq, code.symbols, states,
+               [&](unsigned first, unsigned count, unsigned s, unsigned n, unsigned base, unsigned step) {
+                   const unsigned total = n + code.extraBits[s];
+                   ValueEntry e{static_cast<std::uint8_t>(total), code.extraBits[s], 0, (1u << total) - 1};
+                   const ValueBase v{code.base[s], (1u << code.extraBits[s]) - 1};
+                   base += firstState;
+                   for (unsigned i = 0; i < count; ++i, base += step) {
+                       e.stateBase = static_cast<std::uint16_t>(base);
+                       table[first + i] = e;
+                       values[first + i] = v;
+                   }
+               });
     return true;
 }
 

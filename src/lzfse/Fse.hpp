@@ -28,24 +28,28 @@ struct LiteralEntry {
     std::uint32_t mask;  // (1 << bits) - 1
 };
 
-// Decoding entry of the L, M and D tables: `totalBits` = state bits + extra bits, read in
-// one go; the high part moves the state, the low `extraBits` are added to `valueBase`.
+// Decoding entry of the L, M and D tables, in two parts of 8 bytes each (indexed by the
+// state with a scaled address, no multiply): `totalBits` = state bits + extra bits, read
+// in one go; the high part moves the state, the low `extraBits` are added to the value base.
 struct ValueEntry {
     std::uint8_t totalBits;
     std::uint8_t extraBits;
     std::uint16_t stateBase;
-    std::uint32_t valueBase;
     std::uint32_t totalMask;  // (1 << totalBits) - 1
+};
+
+struct ValueBase {
+    std::uint32_t base;
     std::uint32_t extraMask;  // (1 << extraBits) - 1
 };
 
 // Build decoding tables of `states` entries. Return false unless the frequencies sum to
 // exactly `states` (a smaller sum would leave states without a symbol). Value tables may sit
-// at `firstState` within a larger array that holds several; their next-state bases then
+// at `firstState` within larger arrays that hold several; their next-state bases then
 // include that offset.
 bool buildLiteralTable(const std::uint16_t* freq, LiteralEntry* table);
 bool buildValueTable(const std::uint16_t* freq, const ValueCode& code, unsigned states,
-                     ValueEntry* table, unsigned firstState = 0);
+                     ValueEntry* table, ValueBase* values, unsigned firstState = 0);
 
 inline std::uint8_t decodeLiteral(unsigned& state, const LiteralEntry* table,
                                   BitReader& in) noexcept {
@@ -54,11 +58,22 @@ inline std::uint8_t decodeLiteral(unsigned& state, const LiteralEntry* table,
     return e.symbol;
 }
 
-inline std::uint32_t decodeValue(unsigned& state, const ValueEntry* table, BitReader& in) noexcept {
-    const ValueEntry e = table[state];
+// The L, M and D tables side by side (L states first, then M, then D), so that one register
+// addresses all of them; states index the whole arrays.
+struct LmdTables {
+    static constexpr unsigned kMFirst = kLStates;
+    static constexpr unsigned kDFirst = kLStates + kMStates;
+    static constexpr unsigned kStates = kLStates + kMStates + kDStates;
+    ValueEntry entry[kStates];
+    ValueBase value[kStates];
+};
+
+inline std::uint32_t decodeValue(unsigned& state, const LmdTables& t, BitReader& in) noexcept {
+    const ValueEntry e = t.entry[state];
+    const ValueBase v = t.value[state];
     const std::uint32_t bits = in.read(e.totalBits, e.totalMask);
     state = e.stateBase + (bits >> e.extraBits);
-    return e.valueBase + (bits & e.extraMask);
+    return v.base + (bits & v.extraMask);
 }
 
 // Encoding entry of one symbol: below `threshold` the state sheds k-1 bits, else k.

@@ -1,7 +1,9 @@
 #include "lzfse/LzfseBlockDecoder.hpp"
 
 #include <algorithm>
+#include <cstdint>
 #include <string>
+#include <type_traits>
 
 #include "lzfse/BitReader.hpp"
 #include "lzfse/Copy.hpp"
@@ -12,6 +14,8 @@ namespace gaugepoint::lzfse::detail {
 namespace {
 
 using Kind = lzfse::Error::Kind;
+
+static_assert(OutputBuffer::kSlack > kCopyOvershoot, "match and literal copies overshoot into the slack");
 
 [[noreturn]] void blockError(Kind kind, const char* block, std::size_t offset, const std::string& why) {
     fail(kind, std::string("LZFSE ") + block + " block" + at(offset) + ": " + why);
@@ -40,11 +44,15 @@ void checkFullyRead(std::int64_t cursor, std::int64_t floor, const char* stream,
                    std::to_string(literals));
 }
 
+// The distance before any triple sets one: larger than any output, so the distance check
+// fails for it.
+constexpr std::size_t kNoDistance = SIZE_MAX;
+
 [[noreturn, gnu::cold, gnu::noinline]] void failDistance(const char* block, std::size_t offset,
                                                          std::uint32_t triple, std::size_t distance,
                                                          std::size_t available) {
     blockError(Kind::BadDistance, block, offset,
-               distance == 0 ? "first triple repeats a distance that was never set"
+               distance == kNoDistance ? "first triple repeats a distance that was never set"
                              : "triple " + std::to_string(triple) + " distance " + std::to_string(distance) +
                                    " reaches before the start of the output (" + std::to_string(available) +
                                    " bytes)");
@@ -70,10 +78,12 @@ std::size_t LzfseBlockDecoder::decode(std::span<const std::uint8_t> input, std::
 }
 
 void LzfseBlockDecoder::buildTables(const LzfseHeader& h, const char* kind, std::size_t offset) {
-    ValueEntry* lmd = lmdTable_.data();
-    const bool ok = buildValueTable(h.lFreq(), kLCode, kLStates, lmd) &&
-                    buildValueTable(h.mFreq(), kMCode, kMStates, lmd + kMFirst, kMFirst) &&
-                    buildValueTable(h.dFreq(), kDCode, kDStates, lmd + kDFirst, kDFirst) &&
+    constexpr unsigned kM = LmdTables::kMFirst, kD = LmdTables::kDFirst;
+    ValueEntry* t = lmd_.entry;
+    ValueBase* v = lmd_.value;
+    const bool ok = buildValueTable(h.lFreq(), kLCode, kLStates, t, v) &&
+                    buildValueTable(h.mFreq(), kMCode, kMStates, t + kM, v + kM, kM) &&
+                    buildValueTable(h.dFreq(), kDCode, kDStates, t + kD, v + kD, kD) &&
                     buildLiteralTable(h.literalFreq(), literalTable_.data());
     if (!ok)
         blockError(Kind::BadTable, kind, offset,
@@ -89,13 +99,26 @@ void LzfseBlockDecoder::decodeLiterals(const std::uint8_t* payload, const LzfseH
              q3 = h.literalStates[3];
     const LiteralEntry* table = literalTable_.data();
     std::uint8_t* dst = literals_.data();
+    std::uint8_t* const end = dst + h.literals;
     // Four literals take at most 40 bits, so one refill serves a group.
-    for (std::uint32_t i = 0; i < h.literals; i += 4) {
-        in.refill();
-        dst[i + 0] = decodeLiteral(q0, table, in);
-        dst[i + 1] = decodeLiteral(q1, table, in);
-        dst[i + 2] = decodeLiteral(q2, table, in);
-        dst[i + 3] = decodeLiteral(q3, table, in);
+    const auto group = [&] {
+        dst[0] = decodeLiteral(q0, table, in);
+        dst[1] = decodeLiteral(q1, table, in);
+        dst[2] = decodeLiteral(q2, table, in);
+        dst[3] = decodeLiteral(q3, table, in);
+        dst += 4;
+    };
+    while (dst != end) {
+        std::size_t fast = std::min(in.safeRefills(), static_cast<std::size_t>(end - dst) / 4);
+        if (fast == 0) {
+            in.refill();
+            group();
+            continue;
+        }
+        for (; fast != 0; --fast) {
+            in.refillUnchecked();
+            group();
+        }
     }
     checkFullyRead(in.cursor(), 0, "literal", kind, offset);
 }
@@ -105,50 +128,66 @@ void LzfseBlockDecoder::executeTriples(const std::uint8_t* payload, const LzfseH
     BitReader in;
     if (!in.init(payload, h.lmdPayloadBytes, h.lmdBits))
         blockError(Kind::BadPayload, kind, offset, "LMD bit stream has non-zero bits above its end");
-    // States index lmdTable_ as a whole.
-    unsigned l = h.lState, m = kMFirst + h.mState, d = kDFirst + h.dState;
-    const ValueEntry* const table = lmdTable_.data();
+    // States index the whole of lmd_.
+    unsigned l = h.lState, m = LmdTables::kMFirst + h.mState, d = LmdTables::kDFirst + h.dState;
     const std::uint8_t* lit = literals_.data();
     const std::uint8_t* const litEnd = lit + h.literals;
     const std::size_t blockEnd = out.size() + h.rawBytes;
-    // Pointers into the output; byte stores may alias anything, so nothing in the loop is
+    // Positions in the output; byte stores may alias anything, so nothing in the loop is
     // re-read from `out`.
     std::uint8_t* base = out.begin();
-    std::uint8_t* dst = out.end();
-    std::uint8_t* room = base + std::min(out.capacity(), blockEnd);  // allocated (plus slack)
-    std::size_t distance = 0;  // unset until the first triple gives one
-    for (std::uint32_t left = h.matches; left != 0; --left) {
+    std::size_t pos = out.size();
+    std::size_t room = std::min(out.capacity(), blockEnd);  // allocated (plus slack)
+    std::size_t distance = kNoDistance;
+    const std::uint32_t matches = h.matches;
+    std::uint32_t left = matches;  // triples not yet started
+    std::size_t batch = 0;         // triples of the current batch after this one
+    const auto triple = [&](auto checkedRefill) {
         // One triple takes at most 14 + 17 + 23 = 54 bits.
-        in.refill();
-        const std::size_t L = decodeValue(l, table, in);
-        const std::size_t M = decodeValue(m, table, in);
-        const std::size_t D = decodeValue(d, table, in);
+        if constexpr (decltype(checkedRefill)::value) {
+            in.refill();
+        } else {
+            in.refillUnchecked();
+        }
+        const std::size_t L = decodeValue(l, lmd_, in);
+        const std::size_t M = decodeValue(m, lmd_, in);
+        const std::size_t D = decodeValue(d, lmd_, in);
         distance = D != 0 ? D : distance;
         if (L > static_cast<std::size_t>(litEnd - lit)) [[unlikely]]
-            failLiterals(kind, offset, h.matches - left, h.literals);
-        // An unset distance (0) wraps around and fails too.
-        const std::size_t produced = static_cast<std::size_t>(dst - base) + L;
-        if (distance - 1 >= produced) [[unlikely]]
-            failDistance(kind, offset, h.matches - left, distance, produced);
-        if (L + M > static_cast<std::size_t>(room - dst)) [[unlikely]] {
-            const std::size_t pos = static_cast<std::size_t>(dst - base);
+            failLiterals(kind, offset, matches - left - batch, h.literals);
+        if (distance > pos + L) [[unlikely]]
+            failDistance(kind, offset, matches - left - batch, distance, pos + L);
+        if (L + M > room - pos) [[unlikely]] {
             if (L + M > blockEnd - pos) failTooLong(kind, offset, h.rawBytes);
             out.advance(pos - out.size());
             out.ensure(L + M);
             base = out.begin();
-            dst = base + pos;
-            room = base + std::min(out.capacity(), blockEnd);
+            room = std::min(out.capacity(), blockEnd);
         }
+        std::uint8_t* dst = base + pos;
         // The literal buffer's slack covers the first step's overread.
         copy16(dst, lit);
         if (L > 16) [[unlikely]]
             wildCopy(dst + 16, lit + 16, L - 16);
         lit += L;
-        dst += L;
-        copyMatch(dst, distance, M);
-        dst += M;
+        copyMatch(dst + L, distance, M);
+        pos += L + M;
+    };
+    while (left != 0) {
+        // A refill moves the reader at most 8 bytes down its payload: this many triples
+        // need no check that it stays inside.
+        batch = std::min<std::size_t>(in.safeRefills(), left);
+        if (batch == 0) {
+            --left;
+            triple(std::true_type{});
+            continue;
+        }
+        left -= static_cast<std::uint32_t>(batch);
+        while (batch != 0) {
+            --batch;
+            triple(std::false_type{});
+        }
     }
-    const std::size_t pos = static_cast<std::size_t>(dst - base);
     out.advance(pos - out.size());
     if (pos != blockEnd)
         blockError(Kind::SizeMismatch, kind, offset,

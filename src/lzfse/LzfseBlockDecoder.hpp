@@ -32,11 +32,7 @@ private:
     static constexpr std::size_t kLiteralSlack = 64;
 
     std::array<LiteralEntry, kLiteralStates> literalTable_;
-    // The L, M and D tables in one array (in that order), so the triple loop addresses all
-    // three from one register; their states are indices into the whole array.
-    static constexpr unsigned kMFirst = kLStates;
-    static constexpr unsigned kDFirst = kLStates + kMStates;
-    std::array<ValueEntry, kLStates + kMStates + kDStates> lmdTable_;
+    LmdTables lmd_;
     std::array<std::uint8_t, kMaxLiterals + kLiteralSlack> literals_;
 };
 
