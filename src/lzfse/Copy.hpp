@@ -34,9 +34,9 @@ inline void wildCopy(std::uint8_t* dst, const std::uint8_t* src, std::size_t n) 
 namespace copy_detail {
 
 // kPatternIndex[d][i] = i % d: byte i of a 16-byte run of period d.
-constexpr std::array<std::array<std::uint8_t, 16>, 16> makePatternIndex() {
-    std::array<std::array<std::uint8_t, 16>, 16> t{};
-    for (unsigned d = 1; d < 16; ++d)
+constexpr std::array<std::array<std::uint8_t, 16>, 8> makePatternIndex() {
+    std::array<std::array<std::uint8_t, 16>, 8> t{};
+    for (unsigned d = 1; d < 8; ++d)
         for (unsigned i = 0; i < 16; ++i) t[d][i] = static_cast<std::uint8_t>(i % d);
     return t;
 }
@@ -44,15 +44,21 @@ inline constexpr auto kPatternIndex = makePatternIndex();
 
 }  // namespace copy_detail
 
-// A match closer than 16 bytes repeats a period of `distance` bytes. Build 16 bytes of it
-// once, then store that word every (largest multiple of distance <= 16) bytes: no load
-// depends on a store just made, so there is no store-forwarding stall per step.
+// A match closer than 16 bytes repeats a period of `distance` bytes. Take 16 bytes holding
+// at least one whole period, then store that word every (multiple of the period up to 16)
+// bytes: no load depends on a store just made, so there is no store-forwarding stall per
+// step. From distance 8 on, the 16 bytes at the source start with a whole period already.
 [[gnu::noinline]] inline void copyShortDistance(std::uint8_t* dst, std::size_t distance,
                                                 std::size_t n) noexcept {
     const std::uint8_t* src = dst - distance;
     std::uint8_t pattern[16];
-    for (unsigned i = 0; i < 16; ++i) pattern[i] = src[copy_detail::kPatternIndex[distance][i]];
-    const std::size_t step = 16 - 16 % distance;
+    std::size_t step = distance;
+    if (distance >= 8) {
+        std::memcpy(pattern, src, 16);
+    } else {
+        for (unsigned i = 0; i < 16; ++i) pattern[i] = src[copy_detail::kPatternIndex[distance][i]];
+        step = 16 - 16 % distance;
+    }
     for (std::size_t at = 0; at < n; at += step) std::memcpy(dst + at, pattern, 16);
 }
 

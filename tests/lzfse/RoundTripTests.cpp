@@ -103,6 +103,22 @@ TEST(RoundTripLarge, RandomSizesAndShapes) {
     }
 }
 
+// Matches closer than 16 bytes are copied by repeating their period. Every period up to 40,
+// in runs of many lengths (a stray byte breaks the run now and then), through both the LZVN
+// (1000 bytes) and the LZFSE (50000 bytes) decoder.
+TEST(RoundTripLarge, EveryShortPeriodRepeats) {
+    std::mt19937 rng(7);
+    for (std::size_t period = 1; period <= 40; ++period) {
+        for (std::size_t n : {std::size_t{1000}, std::size_t{50000}}) {
+            const Bytes unit = randomBytes(period, static_cast<std::uint32_t>(period));
+            Bytes input(n);
+            for (std::size_t i = 0; i < n; ++i) input[i] = unit[i % period];
+            for (std::size_t i = rng() % 64; i < n; i += 5 + rng() % 300) input[i] = static_cast<std::uint8_t>(rng());
+            ASSERT_EQ(lzfse::decompress(lzfse::compress(input)), input) << "period " << period << ", " << n << " bytes";
+        }
+    }
+}
+
 TEST(RoundTripLarge, DecompressIntoReusesTheBuffer) {
     Bytes out = randomBytes(10, 1);  // previous contents are replaced
     const Bytes input = wordText(50000, 3);
