@@ -91,6 +91,9 @@ Match Encoder::bestAt(std::int64_t p, std::uint32_t x, const Line& line) const {
     best.start = p;
     for (const Slot& s : line.slots) {
         if (s.value != x || s.pos + static_cast<std::int64_t>(kMaxD) < p) continue;
+        // A candidate that differs at the best length so far cannot be strictly longer.
+        // (best.length <= n - p - 1, so the byte is inside the input.)
+        if (best.length != 0 && in_[s.pos + best.length] != in_[p + best.length]) continue;
         const std::int64_t length = measure(p, s.pos);
         if (length > best.length) best = {p, s.pos, length};
     }
