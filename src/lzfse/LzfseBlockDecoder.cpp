@@ -142,9 +142,11 @@ void LzfseBlockDecoder::executeTriples(const std::uint8_t* payload, const LzfseH
     const std::uint32_t matches = h.matches;
     std::uint32_t left = matches;  // triples not yet started
     std::size_t batch = 0;         // triples of the current batch after this one
-    const auto triple = [&](auto checkedRefill) {
+    // Checked triples test that the reader stays in its payload and the output in its room;
+    // a batch of unchecked ones is known to do both.
+    const auto triple = [&](auto checked) {
         // One triple takes at most 14 + 17 + 23 = 54 bits.
-        if constexpr (decltype(checkedRefill)::value) {
+        if constexpr (decltype(checked)::value) {
             in.refill();
         } else {
             in.refillUnchecked();
@@ -157,7 +159,7 @@ void LzfseBlockDecoder::executeTriples(const std::uint8_t* payload, const LzfseH
             failLiterals(kind, offset, matches - left - batch, h.literals);
         if (distance > pos + L) [[unlikely]]
             failDistance(kind, offset, matches - left - batch, distance, pos + L);
-        if (L + M > room - pos) [[unlikely]] {
+        if (decltype(checked)::value && L + M > room - pos) [[unlikely]] {
             if (L + M > blockEnd - pos) failTooLong(kind, offset, h.rawBytes);
             out.advance(pos - out.size());
             out.ensure(L + M);
@@ -174,9 +176,9 @@ void LzfseBlockDecoder::executeTriples(const std::uint8_t* payload, const LzfseH
         pos += L + M;
     };
     while (left != 0) {
-        // A refill moves the reader at most 8 bytes down its payload: this many triples
-        // need no check that it stays inside.
-        batch = std::min<std::size_t>(in.safeRefills(), left);
+        // A refill moves the reader at most 8 bytes down its payload and a triple produces
+        // at most kMaxL + kMaxM bytes: this many triples need neither check.
+        batch = std::min<std::size_t>({in.safeRefills(), left, (room - pos) / (kMaxL + kMaxM)});
         if (batch == 0) {
             --left;
             triple(std::true_type{});
