@@ -13,14 +13,15 @@ namespace gaugepoint::lzfse::detail {
 
 namespace {
 
+// Written as sums of comparisons: the values vary too much for branches to be predicted.
 unsigned lSymbol(std::uint32_t v) {
-    if (v < 16) return v;
-    return v < 20 ? 16 : v < 28 ? 17 : v < 60 ? 18 : 19;
+    const unsigned large = 16u + (v >= 20) + (v >= 28) + (v >= 60);
+    return v < 16 ? v : large;
 }
 
 unsigned mSymbol(std::uint32_t v) {
-    if (v < 16) return v;
-    return v < 24 ? 16 : v < 56 ? 17 : v < 312 ? 18 : 19;
+    const unsigned large = 16u + (v >= 24) + (v >= 56) + (v >= 312);
+    return v < 16 ? v : large;
 }
 
 // Symbol 4g+i has base 2^g (4+i) - 4 and g extra bits, so D+4 = 2^g (4+i) + extra.
@@ -81,7 +82,7 @@ BlockEncoder::BlockEncoder(std::vector<std::uint8_t>& out, const std::uint8_t* i
 
 void BlockEncoder::append(const std::uint8_t* literals, std::uint32_t L, std::uint32_t M,
                           std::uint32_t D) noexcept {
-    triple_[triples_++] = {L, M, D};
+    triple_[triples_++] = {L, M, D, 0, 0, 0};
     std::uint8_t* dst = literal_.get() + literalCount_;
     // fits() keeps 16 bytes of the buffer free, so a short run may be moved as one word.
     if (L <= 16 && inputEnd_ - literals >= 16) {
@@ -131,9 +132,9 @@ void BlockEncoder::flush() {
     h.matches = static_cast<std::uint32_t>(triples_);
 
     // Distances equal to the previous triple's are sent as 0 ("same again"); count symbols.
-    std::array<std::uint32_t, kLSymbols> lCount{};
-    std::array<std::uint32_t, kMSymbols> mCount{};
-    std::array<std::uint32_t, kDSymbols> dCount{};
+    // Counted in two halves (even and odd triples), so a symbol that repeats does not
+    // wait on its own previous increment.
+    std::array<std::array<std::uint32_t, kLSymbols + kMSymbols + kDSymbols>, 2> symbolCount{};
     std::array<std::uint32_t, kLiteralSymbols> literalCount{};
     std::uint64_t raw = 0;
     std::uint32_t previous = 0;
@@ -143,16 +144,25 @@ void BlockEncoder::flush() {
         const std::uint32_t D = t.D == previous ? 0 : t.D;
         previous = t.D;
         t.D = D;
-        ++lCount[lSymbol(t.L)];
-        ++mCount[mSymbol(t.M)];
-        ++dCount[dSymbol(D)];
+        t.lSymbol = static_cast<std::uint8_t>(lSymbol(t.L));
+        t.mSymbol = static_cast<std::uint8_t>(mSymbol(t.M));
+        t.dSymbol = static_cast<std::uint8_t>(dSymbol(D));
+        std::uint32_t* counts = symbolCount[i & 1].data();
+        ++counts[t.lSymbol];
+        ++counts[kLSymbols + t.mSymbol];
+        ++counts[kLSymbols + kMSymbols + t.dSymbol];
     }
+    std::array<std::uint32_t, kLSymbols + kMSymbols + kDSymbols> counts;
+    for (std::size_t i = 0; i < counts.size(); ++i) counts[i] = symbolCount[0][i] + symbolCount[1][i];
+    const std::uint32_t* lCount = counts.data();
+    const std::uint32_t* mCount = lCount + kLSymbols;
+    const std::uint32_t* dCount = mCount + kMSymbols;
     countBytes(literal_.get(), literalCount_, literalCount.data());
     h.rawBytes = static_cast<std::uint32_t>(raw);
     std::uint16_t* f = h.freq.data();
-    normaliseCounts(lCount.data(), kLSymbols, kLStates, f);
-    normaliseCounts(mCount.data(), kMSymbols, kMStates, f + kLSymbols);
-    normaliseCounts(dCount.data(), kDSymbols, kDStates, f + kLSymbols + kMSymbols);
+    normaliseCounts(lCount, kLSymbols, kLStates, f);
+    normaliseCounts(mCount, kMSymbols, kMStates, f + kLSymbols);
+    normaliseCounts(dCount, kDSymbols, kDStates, f + kLSymbols + kMSymbols);
     normaliseCounts(literalCount.data(), kLiteralSymbols, kLiteralStates, f + kLSymbols + kMSymbols + kDSymbols);
     Tables t;
     buildEncoderTable(h.lFreq(), kLSymbols, kLStates, t.l.data());
@@ -181,7 +191,7 @@ void BlockEncoder::flush() {
     unsigned l = 0, m = 0, d = 0;
     for (std::size_t i = triples_; i-- != 0;) {
         const Triple tr = triple_[i];
-        const unsigned ds = dSymbol(tr.D), ms = mSymbol(tr.M), ls = lSymbol(tr.L);
+        const unsigned ds = tr.dSymbol, ms = tr.mSymbol, ls = tr.lSymbol;
         w.write(tr.D - kDCode.base[ds], kDCode.extraBits[ds]);
         encodeSymbol(d, kDStates, t.d[ds], w);
         w.write(tr.M - kMCode.base[ms], kMCode.extraBits[ms]);

@@ -40,6 +40,7 @@ private:
 
     struct Triple {
         std::uint32_t L, M, D;
+        std::uint8_t lSymbol, mSymbol, dSymbol;  // set when the block is written
     };
 
     bool fits(std::uint32_t L) const noexcept {

@@ -112,12 +112,11 @@ void buildEncoderTable(const std::uint16_t* freq, unsigned symbols, unsigned sta
     for (unsigned s = 0; s < symbols; ++s) {
         const unsigned f = freq[s];
         if (f == 0) {
-            table[s] = {0, 0, 0};
+            table[s] = {0, 0};
             continue;
         }
         const unsigned k = logN - log2Floor(f);
-        table[s] = {static_cast<std::uint16_t>((f << k) - states), static_cast<std::uint8_t>(k),
-                    static_cast<std::int16_t>(cumulative - static_cast<int>(f))};
+        table[s] = {(k << 16) - ((f << k) - states), cumulative - static_cast<int>(f)};
         cumulative += static_cast<int>(f);
     }
 }

@@ -76,11 +76,12 @@ inline std::uint32_t decodeValue(unsigned& state, const LmdTables& t, BitReader&
     return v.base + (bits & v.extraMask);
 }
 
-// Encoding entry of one symbol: below `threshold` the state sheds k-1 bits, else k.
+// Encoding entry of one symbol. With k = log2(N) - floor(log2(f)) and threshold
+// t = f 2^k - N, a state below t sheds k-1 bits, else k; `nbBits` = k 2^16 - t, so that
+// (state + nbBits) >> 16 is that count without a compare.
 struct EncoderEntry {
-    std::uint16_t threshold;
-    std::uint8_t k;
-    std::int16_t delta;  // c[s] - f[s]
+    std::uint32_t nbBits;
+    std::int32_t delta;  // c[s] - f[s]
 };
 
 void buildEncoderTable(const std::uint16_t* freq, unsigned symbols, unsigned states,
@@ -88,7 +89,7 @@ void buildEncoderTable(const std::uint16_t* freq, unsigned symbols, unsigned sta
 
 inline void encodeSymbol(unsigned& state, unsigned states, const EncoderEntry& e,
                          BitWriter& out) noexcept {
-    const unsigned n = e.k - (state < e.threshold ? 1u : 0u);
+    const unsigned n = (state + e.nbBits) >> 16;
     out.write(state & ((1u << n) - 1), n);
     state = static_cast<unsigned>(e.delta + static_cast<int>((states + state) >> n));
 }
