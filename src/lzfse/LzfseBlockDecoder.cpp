@@ -142,6 +142,8 @@ void LzfseBlockDecoder::executeTriples(const std::uint8_t* payload, const LzfseH
     const std::uint32_t matches = h.matches;
     std::uint32_t left = matches;  // triples not yet started
     std::size_t batch = 0;         // triples of the current batch after this one
+    // Index of the triple being decoded, for error messages.
+    const auto index = [&] { return static_cast<std::uint32_t>(matches - left - batch - 1); };
     // Checked triples test that the reader stays in its payload and the output in its room;
     // a batch of unchecked ones is known to do both.
     const auto triple = [&](auto checked) {
@@ -156,9 +158,9 @@ void LzfseBlockDecoder::executeTriples(const std::uint8_t* payload, const LzfseH
         const std::size_t D = decodeValue(d, lmd_, in);
         distance = D != 0 ? D : distance;
         if (L > static_cast<std::size_t>(litEnd - lit)) [[unlikely]]
-            failLiterals(kind, offset, matches - left - batch, h.literals);
+            failLiterals(kind, offset, index(), h.literals);
         if (distance > pos + L) [[unlikely]]
-            failDistance(kind, offset, matches - left - batch, distance, pos + L);
+            failDistance(kind, offset, index(), distance, pos + L);
         if (decltype(checked)::value && L + M > room - pos) [[unlikely]] {
             if (L + M > blockEnd - pos) failTooLong(kind, offset, h.rawBytes);
             out.advance(pos - out.size());

@@ -6,6 +6,8 @@
 
 #include <random>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "LzfseTestSupport.hpp"
 #include "lzfse/Lzfse.hpp"
@@ -54,6 +56,42 @@ Bytes v1WithInt(std::size_t at, std::int32_t value) {
     for (int i = 0; i < 4; ++i) b.at(at + i) = static_cast<std::uint8_t>(static_cast<std::uint32_t>(value) >> (8 * i));
     return b;
 }
+
+// A bvx1 block whose L, M and D tables each give all their states to one symbol, so those
+// symbols cost no bits: every triple is (lSymbol, mSymbol, dSymbol) plus the values' extra
+// bits, which come from `lmd`. Literal frequencies as given (byte, frequency).
+struct V1 {
+    std::uint32_t rawBytes, literals, matches;
+    unsigned lSymbol, mSymbol, dSymbol;
+    std::vector<std::pair<std::uint8_t, std::uint16_t>> literalFreq;
+    Bytes literalPayload;
+    Bytes lmd = Bytes(8, 0);  // the 8 padding bytes alone
+};
+
+Bytes v1Block(const V1& v) {
+    const auto put16 = [](Bytes& b, unsigned x) {
+        b.push_back(static_cast<std::uint8_t>(x));
+        b.push_back(static_cast<std::uint8_t>(x >> 8));
+    };
+    Bytes b = text("bvx1");
+    for (std::uint32_t x : {v.rawBytes, static_cast<std::uint32_t>(v.literalPayload.size() + v.lmd.size()), v.literals,
+                            v.matches, static_cast<std::uint32_t>(v.literalPayload.size()),
+                            static_cast<std::uint32_t>(v.lmd.size()), 0u})
+        put32(b, x);  // ... literal_bits 0
+    b.insert(b.end(), 8, 0);  // literal states
+    put32(b, 0);               // lmd_bits
+    b.insert(b.end(), 6, 0);  // L, M, D states
+    for (unsigned s = 0; s < 20; ++s) put16(b, s == v.lSymbol ? 64 : 0);
+    for (unsigned s = 0; s < 20; ++s) put16(b, s == v.mSymbol ? 64 : 0);
+    for (unsigned s = 0; s < 64; ++s) put16(b, s == v.dSymbol ? 256 : 0);
+    std::vector<unsigned> literal(256, 0);
+    for (const auto& [byte, f] : v.literalFreq) literal[byte] = f;
+    for (unsigned f : literal) put16(b, f);
+    b.insert(b.end(), 2, 0);
+    return b + v.literalPayload + v.lmd + kEnd;
+}
+
+const std::vector<std::pair<std::uint8_t, std::uint16_t>> kOnlyA = {{'a', 1024}};
 
 struct Case {
     const char* name;
@@ -108,6 +146,26 @@ std::vector<Case> cases() {
          lzvnBlock(6, kAbc + Bytes{0x00, 3} + kEndInstruction) + lzvnBlock(3, Bytes{0xF3} + kEndInstruction) + kEnd,
          Kind::BadDistance, "match without a distance"},
         {"v2_corrupt_frequency_table", badTable, Kind::BadTable, "frequency table"},
+        // Triples decoded in the LZFSE loop (L and M symbols below 16 are their value; D symbol
+        // 0 repeats the distance, symbol 1 is distance 1).
+        {"v1_first_triple_repeats_unset_distance", v1Block({4, 4, 1, 1, 3, 0, kOnlyA, {}}), Kind::BadDistance,
+         "first triple repeats a distance that was never set"},
+        {"v1_triple_uses_more_literals_than_decoded", v1Block({12, 4, 2, 3, 3, 1, kOnlyA, {}}), Kind::BadPayload,
+         "triple 1 uses more literals than the block's 4"},
+        // The same in a batch of triples decoded without per-triple bounds checks: a long LMD
+        // payload and room for several 315-byte triples (M symbol 19 is 312 + 11 extra bits).
+        {"v1_batched_triple_uses_more_literals", v1Block({10000, 4, 3, 3, 19, 1, kOnlyA, {}, Bytes(64, 0)}),
+         Kind::BadPayload, "triple 1 uses more literals than the block's 4"},
+        {"v1_triples_produce_more_than_announced", v1Block({2, 4, 1, 1, 3, 1, kOnlyA, {}}), Kind::SizeMismatch,
+         "triples produce more than the header's 2 bytes"},
+        // L symbol 16 has 2 extra bits: read from the padding, below the LMD data.
+        {"v1_lmd_stream_read_into_padding", v1Block({19, 16, 1, 16, 3, 1, kOnlyA, {}}), Kind::BadPayload,
+         "LMD bit stream read 2 bits past its data"},
+        // Two literal symbols of 512 states take a bit each; the payload is empty.
+        {"v1_literal_stream_read_below_start", v1Block({0, 4, 0, 0, 0, 0, {{'a', 512}, {'b', 512}}, {}}),
+         Kind::BadPayload, "literal bit stream read 4 bits past its data"},
+        {"v1_literal_stream_not_read_to_start", v1Block({4, 4, 1, 4, 0, 1, kOnlyA, Bytes{0}}), Kind::BadPayload,
+         "literal bit stream has 8 unread bits"},
     };
 }
 
@@ -145,6 +203,26 @@ TEST(HostileInputLimits, OutputLimitIsExactAndEnforcedBeforeAllocation) {
         } catch (const lzfse::Error& e) {
             EXPECT_EQ(e.kind(), Kind::OutputLimit) << e.what();
         }
+    }
+}
+
+// A reused buffer larger than the limit must not raise it, for any block kind; on error the
+// buffer is left empty.
+TEST(HostileInputLimits, ReusedBufferLargerThanTheLimitDoesNotRaiseIt) {
+    const std::vector<std::pair<Bytes, std::size_t>> streams = {
+        {rawBlock(100, Bytes(100, 'r')) + kEnd, 100},
+        {readVector("lzvn-example.lzfse"), 50},
+        {readVector("json-200k.lzfse"), readVector("json-200k.bin").size()},
+    };
+    for (const auto& [stream, size] : streams) {
+        Bytes out(1u << 20, 0xAA);
+        try {
+            lzfse::decompressInto(stream, out, size - 1);
+            FAIL() << "limit " << size - 1 << " not enforced";
+        } catch (const lzfse::Error& e) {
+            EXPECT_EQ(e.kind(), Kind::OutputLimit) << e.what();
+        }
+        EXPECT_TRUE(out.empty());
     }
 }
 
