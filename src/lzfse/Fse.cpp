@@ -74,32 +74,32 @@ void normaliseCounts(const std::uint32_t* counts, unsigned symbols, unsigned sta
     }
 }
 
-bool buildLiteralTable(const std::uint16_t* freq, LiteralEntry* table) {
+bool buildLiteralTable(const std::uint16_t* freq, LiteralTable& t) {
     if (!sumsTo(freq, kLiteralSymbols, kLiteralStates)) return false;
     forEachRun(freq, kLiteralSymbols, kLiteralStates,
                [&](unsigned first, unsigned count, unsigned s, unsigned n, unsigned base, unsigned step) {
-                   LiteralEntry e{0, static_cast<std::uint8_t>(n), static_cast<std::uint8_t>(s), (1u << n) - 1};
-                   for (unsigned i = 0; i < count; ++i, base += step) {
-                       e.base = static_cast<std::uint16_t>(base);
-                       table[first + i] = e;
+                   const LiteralTable::Read r{n, (1u << n) - 1};
+                   for (unsigned i = first; i < first + count; ++i, base += step) {
+                       t.read[i] = r;
+                       t.out[i] = {base, s};
                    }
                });
     return true;
 }
 
-bool buildValueTable(const std::uint16_t* freq, const ValueCode& code, unsigned states,
-                     ValueEntry* table, ValueBase* values, unsigned firstState) {
+bool buildValueTable(const std::uint16_t* freq, const ValueCode& code, unsigned states, LmdTables& t,
+                     unsigned firstState) {
     if (!sumsTo(freq, code.symbols, states)) return false;
     forEachRun(freq, code.symbols, states,
                [&](unsigned first, unsigned count, unsigned s, unsigned n, unsigned base, unsigned step) {
-                   const unsigned total = n + code.extraBits[s];
-                   ValueEntry e{static_cast<std::uint8_t>(total), code.extraBits[s], 0, (1u << total) - 1};
-                   const ValueBase v{code.base[s], (1u << code.extraBits[s]) - 1};
+                   const unsigned extra = code.extraBits[s], total = n + extra;
+                   const LmdTables::Read r{total, (1u << total) - 1};
+                   const LmdTables::Value v{code.base[s], (1u << extra) - 1};
                    base += firstState;
-                   for (unsigned i = 0; i < count; ++i, base += step) {
-                       e.stateBase = static_cast<std::uint16_t>(base);
-                       table[first + i] = e;
-                       values[first + i] = v;
+                   for (unsigned i = firstState + first; i < firstState + first + count; ++i, base += step) {
+                       t.read[i] = r;
+                       t.value[i] = v;
+                       t.next[i] = {base, extra};
                    }
                });
     return true;

@@ -19,60 +19,69 @@ namespace gaugepoint::lzfse::detail {
 void normaliseCounts(const std::uint32_t* counts, unsigned symbols, unsigned states,
                      std::uint16_t* freq);
 
-// Decoding entry of the literal table: read `bits` (under `mask`), the next state is base
-// plus those bits.
-struct LiteralEntry {
-    std::uint16_t base;
-    std::uint8_t bits;
-    std::uint8_t symbol;
-    std::uint32_t mask;  // (1 << bits) - 1
+// Decoding tables are split into arrays of 8-byte entries indexed by the state (a scaled
+// address, no multiply), with 32-bit fields so that the decode loops can use them directly
+// as memory operands (sub, and, add) instead of loading them first.
+
+// The literal table: read `bits` bits (under `mask`); the next state is base plus those bits.
+struct LiteralTable {
+    struct Read {
+        std::uint32_t bits;
+        std::uint32_t mask;  // (1 << bits) - 1
+    };
+    struct Out {
+        std::uint32_t base;
+        std::uint32_t symbol;
+    };
+    Read read[kLiteralStates];
+    Out out[kLiteralStates];
 };
-
-// Decoding entry of the L, M and D tables, in two parts of 8 bytes each (indexed by the
-// state with a scaled address, no multiply): `totalBits` = state bits + extra bits, read
-// in one go; the high part moves the state, the low `extraBits` are added to the value base.
-struct ValueEntry {
-    std::uint8_t totalBits;
-    std::uint8_t extraBits;
-    std::uint16_t stateBase;
-    std::uint32_t totalMask;  // (1 << totalBits) - 1
-};
-
-struct ValueBase {
-    std::uint32_t base;
-    std::uint32_t extraMask;  // (1 << extraBits) - 1
-};
-
-// Build decoding tables of `states` entries. Return false unless the frequencies sum to
-// exactly `states` (a smaller sum would leave states without a symbol). Value tables may sit
-// at `firstState` within larger arrays that hold several; their next-state bases then
-// include that offset.
-bool buildLiteralTable(const std::uint16_t* freq, LiteralEntry* table);
-bool buildValueTable(const std::uint16_t* freq, const ValueCode& code, unsigned states,
-                     ValueEntry* table, ValueBase* values, unsigned firstState = 0);
-
-inline std::uint8_t decodeLiteral(unsigned& state, const LiteralEntry* table,
-                                  BitReader& in) noexcept {
-    const LiteralEntry e = table[state];
-    state = e.base + in.read(e.bits, e.mask);
-    return e.symbol;
-}
 
 // The L, M and D tables side by side (L states first, then M, then D), so that one register
-// addresses all of them; states index the whole arrays.
+// addresses all of them; states index the whole arrays. `totalBits` = state bits + extra
+// bits, read in one go; the high part moves the state, the low `extraBits` are added to the
+// value base.
 struct LmdTables {
     static constexpr unsigned kMFirst = kLStates;
     static constexpr unsigned kDFirst = kLStates + kMStates;
     static constexpr unsigned kStates = kLStates + kMStates + kDStates;
-    ValueEntry entry[kStates];
-    ValueBase value[kStates];
+    struct Read {
+        std::uint32_t totalBits;
+        std::uint32_t totalMask;  // (1 << totalBits) - 1
+    };
+    struct Value {
+        std::uint32_t base;
+        std::uint32_t extraMask;  // (1 << extraBits) - 1
+    };
+    struct Next {
+        std::uint32_t stateBase;
+        std::uint32_t extraBits;
+    };
+    Read read[kStates];
+    Value value[kStates];
+    Next next[kStates];
 };
 
+// Build decoding tables of `states` entries. Return false unless the frequencies sum to
+// exactly `states` (a smaller sum would leave states without a symbol). A value table starts
+// at state `firstState` of `t`; its next-state bases include that offset.
+bool buildLiteralTable(const std::uint16_t* freq, LiteralTable& t);
+bool buildValueTable(const std::uint16_t* freq, const ValueCode& code, unsigned states, LmdTables& t,
+                     unsigned firstState);
+
+inline std::uint8_t decodeLiteral(unsigned& state, const LiteralTable& t, BitReader& in) noexcept {
+    const LiteralTable::Read r = t.read[state];
+    const LiteralTable::Out o = t.out[state];
+    state = o.base + in.read(r.bits, r.mask);
+    return static_cast<std::uint8_t>(o.symbol);
+}
+
 inline std::uint32_t decodeValue(unsigned& state, const LmdTables& t, BitReader& in) noexcept {
-    const ValueEntry e = t.entry[state];
-    const ValueBase v = t.value[state];
-    const std::uint32_t bits = in.read(e.totalBits, e.totalMask);
-    state = e.stateBase + (bits >> e.extraBits);
+    const LmdTables::Read r = t.read[state];
+    const LmdTables::Value v = t.value[state];
+    const LmdTables::Next n = t.next[state];
+    const std::uint32_t bits = in.read(r.totalBits, r.totalMask);
+    state = n.stateBase + (bits >> n.extraBits);
     return v.base + (bits & v.extraMask);
 }
 

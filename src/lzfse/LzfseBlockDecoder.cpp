@@ -78,13 +78,10 @@ std::size_t LzfseBlockDecoder::decode(std::span<const std::uint8_t> input, std::
 }
 
 void LzfseBlockDecoder::buildTables(const LzfseHeader& h, const char* kind, std::size_t offset) {
-    constexpr unsigned kM = LmdTables::kMFirst, kD = LmdTables::kDFirst;
-    ValueEntry* t = lmd_.entry;
-    ValueBase* v = lmd_.value;
-    const bool ok = buildValueTable(h.lFreq(), kLCode, kLStates, t, v) &&
-                    buildValueTable(h.mFreq(), kMCode, kMStates, t + kM, v + kM, kM) &&
-                    buildValueTable(h.dFreq(), kDCode, kDStates, t + kD, v + kD, kD) &&
-                    buildLiteralTable(h.literalFreq(), literalTable_.data());
+    const bool ok = buildValueTable(h.lFreq(), kLCode, kLStates, lmd_, 0) &&
+                    buildValueTable(h.mFreq(), kMCode, kMStates, lmd_, LmdTables::kMFirst) &&
+                    buildValueTable(h.dFreq(), kDCode, kDStates, lmd_, LmdTables::kDFirst) &&
+                    buildLiteralTable(h.literalFreq(), literalTable_);
     if (!ok)
         blockError(Kind::BadTable, kind, offset,
                    "a frequency table does not sum to its state count (64, 64, 256, 1024)");
@@ -97,7 +94,7 @@ void LzfseBlockDecoder::decodeLiterals(const std::uint8_t* payload, const LzfseH
         blockError(Kind::BadPayload, kind, offset, "literal bit stream has non-zero bits above its end");
     unsigned q0 = h.literalStates[0], q1 = h.literalStates[1], q2 = h.literalStates[2],
              q3 = h.literalStates[3];
-    const LiteralEntry* table = literalTable_.data();
+    const LiteralTable& table = literalTable_;
     std::uint8_t* dst = literals_.data();
     std::uint8_t* const end = dst + h.literals;
     // Four literals take at most 40 bits, so one refill serves a group.

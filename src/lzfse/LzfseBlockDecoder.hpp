@@ -31,7 +31,7 @@ private:
     // The literal buffer keeps slack so literal copies may move 16 bytes at a time.
     static constexpr std::size_t kLiteralSlack = 64;
 
-    std::array<LiteralEntry, kLiteralStates> literalTable_;
+    LiteralTable literalTable_;
     LmdTables lmd_;
     std::array<std::uint8_t, kMaxLiterals + kLiteralSlack> literals_;
 };
