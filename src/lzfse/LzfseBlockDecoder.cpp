@@ -85,6 +85,16 @@ void LzfseBlockDecoder::buildTables(const LzfseHeader& h, const char* kind, std:
     if (!ok)
         blockError(Kind::BadTable, kind, offset,
                    "a frequency table does not sum to its state count (64, 64, 256, 1024)");
+    // The most bytes one triple of this block can produce: the largest L and M values of
+    // the symbols its tables can decode.
+    const auto largest = [](const std::uint16_t* freq, const ValueCode& code) {
+        std::uint32_t most = 0;
+        for (unsigned s = 0; s < code.symbols; ++s)
+            if (freq[s] != 0) most = code.base[s] + (std::uint32_t{1} << code.extraBits[s]) - 1;
+        return most;
+    };
+    // (At least 1: tables that only decode L = M = 0 are legal.)
+    maxTripleBytes_ = std::max<std::size_t>(1, largest(h.lFreq(), kLCode) + largest(h.mFreq(), kMCode));
 }
 
 void LzfseBlockDecoder::decodeLiterals(const std::uint8_t* payload, const LzfseHeader& h,
@@ -176,8 +186,8 @@ void LzfseBlockDecoder::executeTriples(const std::uint8_t* payload, const LzfseH
     };
     while (left != 0) {
         // A refill moves the reader at most 8 bytes down its payload and a triple produces
-        // at most kMaxL + kMaxM bytes: this many triples need neither check.
-        batch = std::min<std::size_t>({in.safeRefills(), left, (room - pos) / (kMaxL + kMaxM)});
+        // at most maxTripleBytes_: this many triples need neither check.
+        batch = std::min<std::size_t>({in.safeRefills(), left, (room - pos) / maxTripleBytes_});
         if (batch == 0) {
             --left;
             triple(std::true_type{});

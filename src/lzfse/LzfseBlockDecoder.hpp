@@ -33,6 +33,7 @@ private:
 
     LiteralTable literalTable_;
     LmdTables lmd_;
+    std::size_t maxTripleBytes_ = 1;  // the most one triple of the current block can produce
     std::array<std::uint8_t, kMaxLiterals + kLiteralSlack> literals_;
 };
 

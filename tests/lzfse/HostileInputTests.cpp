@@ -192,6 +192,13 @@ TEST(HostileInputBoundaries, MatchesMayReachTheFirstByteOfEarlierBlocks) {
     EXPECT_EQ(lzfse::decompress(stream), text("abcabcabcabc"));
 }
 
+// Triples with L = M = 0 produce nothing but are legal, however many there are: here 448,
+// each reading one extra bit of its distance (D symbol 4: 4 or 5) from a 64-byte LMD payload.
+TEST(HostileInputBoundaries, TriplesThatProduceNothingDecode) {
+    const Bytes stream = rawBlock(10, text("0123456789")) + v1Block({0, 4, 448, 0, 0, 4, kOnlyA, {}, Bytes(64, 0)});
+    EXPECT_EQ(lzfse::decompress(stream), text("0123456789"));
+}
+
 TEST(HostileInputLimits, OutputLimitIsExactAndEnforcedBeforeAllocation) {
     const Bytes stream = readVector("json-200k.lzfse");
     const std::size_t size = readVector("json-200k.bin").size();
