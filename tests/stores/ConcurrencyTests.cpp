@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <thread>
 
 #include "StoreTestSupport.hpp"
@@ -31,7 +32,8 @@ int appendMany(const QuotaHistoryStore& store, const std::string& source, int co
             } else {
                 store.record(snapshot, 365);
             }
-        } catch (const Error&) {
+        } catch (const Error& e) {
+            std::fprintf(stderr, "%s #%d failed: %s\n", source.c_str(), i, e.what());  // a child cannot ADD_FAILURE
             ++failures;
         }
     }

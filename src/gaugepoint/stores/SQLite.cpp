@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <thread>
+
 namespace gaugepoint::sqlite {
 
 void Connection::fail(std::string_view label) const {
@@ -13,6 +15,14 @@ void Connection::fail(std::string_view label) const {
 
 void Connection::exec(const char* sql, std::string_view label) {
     if (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) fail(label);
+}
+
+void Connection::execWaitingOutLocks(const char* sql, std::string_view label, std::chrono::milliseconds budget) {
+    const auto deadline = std::chrono::steady_clock::now() + budget;
+    while (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+        if ((sqlite3_errcode(db_) & 0xff) != SQLITE_BUSY || std::chrono::steady_clock::now() >= deadline) fail(label);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
 }
 
 std::int64_t Connection::changes() const { return sqlite3_changes64(db_); }

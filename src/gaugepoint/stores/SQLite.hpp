@@ -3,6 +3,7 @@
 // The one thin layer over the SQLite C API that every store uses: labelled failures,
 // multi-statement execution, and prepared statements that are always finalized.
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -29,6 +30,10 @@ public:
 
     // Runs one or more statements. Throws Failure("<label>: <message>").
     void exec(const char* sql, std::string_view label);
+    // As exec, but when SQLite answers "busy" without waiting (it does so when waiting could
+    // deadlock, as two processes switching a new file to WAL at once can), tries again every
+    // few milliseconds until `budget` has passed.
+    void execWaitingOutLocks(const char* sql, std::string_view label, std::chrono::milliseconds budget);
     // Rows changed by the last statement.
     std::int64_t changes() const;
     // Copies the write-ahead log into the database without waiting for readers; errors ignored.

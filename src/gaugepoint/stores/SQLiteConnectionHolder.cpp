@@ -34,8 +34,11 @@ void SQLiteConnectionHolder::open(const SQLiteStoreSetup& setup) {
     }
     try {
         sqlite::Connection connection{db_};
-        if (sqlite3_busy_timeout(db_, 2000) != SQLITE_OK) connection.fail("set busy timeout");
-        connection.exec("PRAGMA journal_mode=WAL", "set journal mode");
+        constexpr std::chrono::milliseconds kBusyTimeout{2000};
+        if (sqlite3_busy_timeout(db_, kBusyTimeout.count()) != SQLITE_OK) connection.fail("set busy timeout");
+        // Switching a new file to WAL while the other process does the same is refused at once
+        // rather than waited for; it gets the same 2 s as any other lock.
+        connection.execWaitingOutLocks("PRAGMA journal_mode=WAL", "set journal mode", kBusyTimeout);
         connection.exec("PRAGMA synchronous=NORMAL", "set synchronous");
         connection.exec("PRAGMA mmap_size=268435456", "set mmap size");
         connection.exec(setup.schemaScript, "ensure schema");
