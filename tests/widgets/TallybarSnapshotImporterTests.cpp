@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <thread>
+#include <chrono>
 
 #include "TestSupport.hpp"
 #include "gaugepoint/widgets/QuotaProductCatalog.hpp"
@@ -177,13 +177,16 @@ TEST(TallybarLoad, RetriesOnceAFileCaughtMidRewrite) {
     ScratchDirectory dir;
     const auto path = dir / "widget-snapshot.json";
     testing::writeFile(path, "");  // the sibling has truncated the file and not yet refilled it
-    std::thread writer([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        testing::writeFile(path, kValid);
-    });
     CountingImporter c;
+    // The sibling finishes its rewrite just after the first read, so only a retry can see it.
+    c.importer.readFile = [&, reads = c.reads](const std::filesystem::path& p) {
+        auto contents = readFileNoticingRewrites(p);
+        if (++*reads == 1) testing::writeFile(path, kValid);
+        return contents;
+    };
+    const auto started = std::chrono::steady_clock::now();
     const auto snapshot = c.importer.loadAndNormalize(path);
-    writer.join();
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(150));
     EXPECT_EQ(snapshot.providers.size(), 1u);
     EXPECT_EQ(*c.reads, 2);
 }
