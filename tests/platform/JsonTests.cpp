@@ -76,10 +76,11 @@ TEST(JsonCodec, FailuresNameTheKeyPath) {
     EXPECT_EQ(decodeError("[]"), "the document: expected an object, found an array");
 }
 
-TEST(JsonCodec, IntegralNumbersWrittenWithAFractionAreIntegers) {
+TEST(JsonCodec, NumbersMustFitTheirType) {
     EXPECT_EQ(json::decode<Document>(R"({"count":42.0,"ratio":2,"tally":{},"leaves":[]})").count, 42);
     EXPECT_EQ(decodeError(R"({"count":1e300,"ratio":2,"tally":{},"leaves":[]})"), "count: integer out of range");
     EXPECT_EQ(decodeError(R"({"count":18446744073709551615,"ratio":2,"tally":{},"leaves":[]})"), "count: integer out of range");
+    EXPECT_EQ(decodeError(R"({"count":1,"ratio":-1e999,"tally":{},"leaves":[]})"), "ratio: number out of range");
 }
 
 TEST(JsonCodec, SyntaxErrorsGiveLineAndColumn) {

@@ -98,7 +98,12 @@ std::int64_t readInteger(const boost::json::value& v, const Path& path) {
 }
 
 double readDouble(const boost::json::value& v, const Path& path) {
-    if (v.is_double()) return v.get_double();
+    if (v.is_double()) {
+        // The parser turns a literal too large for a double (1e999) into infinity, which no
+        // percent or amount can be and which could never be written back out.
+        if (!std::isfinite(v.get_double())) throw DecodingError(path.toString(), "number out of range");
+        return v.get_double();
+    }
     if (v.is_int64()) return double(v.get_int64());
     if (v.is_uint64()) return double(v.get_uint64());
     throwTypeMismatch(path, "a number", v);
