@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "StoreTestSupport.hpp"
 #include "gaugepoint/platform/Json.hpp"
 #include "gaugepoint/stores/QuotaHistoryStore.hpp"
@@ -131,10 +133,14 @@ TEST(HistoryStore, BringsTheLegacyCloudDocumentOverOnce) {
     second.appGroupDirectory = dir.path() / "group2";
     EXPECT_TRUE(QuotaHistoryStore{second}.loadTimeline().snapshots.empty());
 
-    // Without the marker, an existing database is taken as already migrated.
+    // Without the marker, an existing database (here an empty file, which SQLite reads as an
+    // empty database) is taken as already migrated.
     auto third = configurationIn(dir);
+    third.appGroupDirectory = dir.path() / "group3";
     third.ubiquityDirectory = config.ubiquityDirectory;
-    EXPECT_EQ(QuotaHistoryStore{third}.loadTimeline(), legacy);  // the rows from the first import
+    std::filesystem::create_directories(dir.path() / "group3");
+    testing::writeFile(dir.path() / "group3" / QuotaHistoryStore::defaultHistoryFilename, "");
+    EXPECT_TRUE(QuotaHistoryStore{third}.loadTimeline().snapshots.empty());
     EXPECT_TRUE(third.userDefaults->boolValue("quota.historyStore.migratedFromICloud"));
 }
 
@@ -152,6 +158,18 @@ TEST(HistoryStore, WithoutAnAppGroupDirectoryReadsAreEmptyAndWritesFail) {
     } catch (const QuotaHistoryStoreError& e) {
         EXPECT_EQ(e.kind(), QuotaHistoryStoreError::Kind::missingLocalStorageContainer);
     }
+}
+
+TEST(HistoryStore, ASnapshotJsonCannotHoldFailsAsThisStoresErrorAndWritesNothing) {
+    ScratchDirectory dir;
+    const QuotaHistoryStore store{configurationIn(dir)};
+    try {
+        store.append(snapshotOf("a", at("2026-11-21T00:00:00Z"), std::numeric_limits<double>::infinity()), 1);
+        FAIL();
+    } catch (const QuotaHistoryStoreError& e) {
+        EXPECT_STREQ(e.what(), "execute append: a number is not finite and cannot be written as JSON");
+    }
+    EXPECT_TRUE(store.loadTimeline().snapshots.empty());
 }
 
 }  // namespace

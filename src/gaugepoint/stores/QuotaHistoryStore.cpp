@@ -51,9 +51,15 @@ void addEncodingColumnWhenMissing(sqlite::Connection& connection) {
     if (!found) connection.exec(kAddEncoding, "alter snapshot_history add snapshot_encoding");
 }
 
-// Binds one snapshot to the insert statement: id = source + "_" + its second in UTC.
+// Binds one snapshot to the insert statement: id = source + "_" + its second in UTC. A snapshot
+// JSON cannot hold (a non-finite number) fails the statement with the encoder's reason.
 void bindRow(sqlite::Statement& insert, const QuotaSnapshot& snapshot) {
-    const SnapshotBlob blob = encodeSnapshotBlob(snapshot);
+    SnapshotBlob blob;
+    try {
+        blob = encodeSnapshotBlob(snapshot);
+    } catch (const json::EncodingError& error) {
+        insert.fail(error.what());
+    }
     const std::string sourceID = snapshot.source ? snapshot.source->sourceID : "unknown";
     insert.bind(1, sourceID + "_" + formatInternetDateTime(snapshot.generatedAt))
         .bind(2, std::string_view(sourceID))
@@ -145,17 +151,20 @@ template <class Operation>
 auto QuotaHistoryStore::run(Operation&& operation) const {
     const std::filesystem::path file = historyURL();
     std::optional<QuotaHistoryTimeline> legacy;
-    const auto beforeOpen = [&] {
+    const auto beforeOpen = [&](SQLiteConnectionHolder& holder) {
         if (configuration_.userDefaults->boolValue(migrationMarkerKey)) return;
         std::error_code error;
-        if (std::filesystem::exists(file, error) || !(legacy = readLegacyTimeline(configuration_))) {
-            setMarker(configuration_);
-        }
+        // A file this process created for an import that then failed does not count as found.
+        if (!holder.legacyImportPending && std::filesystem::exists(file, error)) return setMarker(configuration_);
+        legacy = readLegacyTimeline(configuration_);
+        holder.legacyImportPending = legacy.has_value();
+        if (!legacy) setMarker(configuration_);
     };
     const SQLiteStoreSetup setup{"Unable to open history database at ", kSchema, [&](sqlite::Connection& connection) {
                                      addEncodingColumnWhenMissing(connection);
                                      if (!legacy) return;
                                      insertAll(connection, legacy->snapshots, "legacy import");
+                                     connectionHolder_->legacyImportPending = false;
                                      setMarker(configuration_);
                                  }};
     try {
@@ -198,19 +207,25 @@ std::optional<QuotaSnapshot> QuotaHistoryStore::latestSnapshot() const noexcept 
     }
 }
 
-void QuotaHistoryStore::record(const QuotaSnapshot& snapshot, double retentionDays) const {
+void QuotaHistoryStore::insertAndTrim(sqlite::Connection& connection, const QuotaSnapshot& snapshot,
+                                      double retentionDays) const {
     const Date cutoff = configuration_.clock.now() - std::chrono::duration<double>(retentionDays * kSecondsPerDay);
-    run([&](sqlite::Connection& connection) {
-        sqlite::Statement insert{connection, kInsert, "prepare append", "execute append"};
-        bindRow(insert, snapshot);
-        insert.run();
-        deleteOlderThan(connection, cutoff, "retention trim");
-    });
+    sqlite::Statement insert{connection, kInsert, "prepare append", "execute append"};
+    bindRow(insert, snapshot);
+    insert.run();
+    deleteOlderThan(connection, cutoff, "retention trim");
+}
+
+void QuotaHistoryStore::record(const QuotaSnapshot& snapshot, double retentionDays) const {
+    run([&](sqlite::Connection& connection) { insertAndTrim(connection, snapshot, retentionDays); });
 }
 
 QuotaHistoryTimeline QuotaHistoryStore::append(const QuotaSnapshot& snapshot, double retentionDays) const {
-    record(snapshot, retentionDays);
-    return loadTimeline();
+    // One lock hold: the timeline returned is the one this append left, whatever other threads do.
+    return run([&](sqlite::Connection& connection) {
+        insertAndTrim(connection, snapshot, retentionDays);
+        return selectAll(connection);
+    });
 }
 
 void QuotaHistoryStore::saveTimeline(const QuotaHistoryTimeline& timeline) const {

@@ -80,6 +80,7 @@ public:
 private:
     template <class Operation>
     auto run(Operation&& operation) const;
+    void insertAndTrim(sqlite::Connection& connection, const QuotaSnapshot& snapshot, double retentionDays) const;
 
     QuotaSyncConfiguration configuration_;
     std::optional<std::filesystem::path> file_;

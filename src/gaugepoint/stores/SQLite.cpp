@@ -42,6 +42,10 @@ Statement::Statement(Connection& connection, const char* sql, std::string_view p
 
 Statement::~Statement() { sqlite3_finalize(statement_); }
 
+void Statement::fail(std::string_view message) const {
+    throw Failure(executeLabel_ + ": " + std::string(message));
+}
+
 Statement& Statement::bind(int index, std::string_view text) {
     if (sqlite3_bind_text64(statement_, index, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8) != SQLITE_OK) {
         connection_.fail(executeLabel_);

@@ -71,6 +71,8 @@ public:
     void run();
     // Resets and clears the bindings, ready for the next row of a batch.
     void reset();
+    // Throws Failure("<executeLabel>: <message>"), for a row that cannot be bound at all.
+    [[noreturn]] void fail(std::string_view message) const;
 
     // Columns of the current row, counting from 0. text() is none for NULL (and for a column
     // that is not text); blob() is empty for NULL.

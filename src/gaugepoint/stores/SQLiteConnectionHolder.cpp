@@ -8,13 +8,13 @@ namespace gaugepoint {
 
 std::shared_ptr<SQLiteConnectionHolder> SQLiteConnectionHolder::shared(const std::filesystem::path& file) {
     static std::mutex registryLock;
-    static std::map<std::filesystem::path, std::weak_ptr<SQLiteConnectionHolder>> registry;
+    // Holders are never dropped: the connection stays open for the life of the process, so a
+    // widget that makes a store value per refresh does not set the database up each time.
+    static std::map<std::filesystem::path, std::shared_ptr<SQLiteConnectionHolder>> registry;
     std::lock_guard guard{registryLock};
     auto& slot = registry[file];
-    if (auto existing = slot.lock()) return existing;
-    auto holder = std::make_shared<SQLiteConnectionHolder>(file);
-    slot = holder;
-    return holder;
+    if (!slot) slot = std::make_shared<SQLiteConnectionHolder>(file);
+    return slot;
 }
 
 SQLiteConnectionHolder::~SQLiteConnectionHolder() { close(); }

@@ -38,10 +38,10 @@ public:
     // 256 MiB memory map, ensures the schema and migrates. Throws sqlite::Failure.
     template <class Operation>
     auto withConnection(const SQLiteStoreSetup& setup, Operation&& operation,
-                        const std::function<void()>& beforeOpen = {}) {
+                        const std::function<void(SQLiteConnectionHolder&)>& beforeOpen = {}) {
         std::lock_guard guard{dbLock_};
         if (!db_ || !didSetup_) {
-            if (beforeOpen) beforeOpen();
+            if (beforeOpen) beforeOpen(*this);
             open(setup);
         }
         sqlite::Connection connection{db_};
@@ -49,6 +49,11 @@ public:
     }
 
     const std::filesystem::path& file() const { return file_; }
+
+    // Set by a store's beforeOpen when it has found earlier data to bring into a new file, and
+    // cleared by its migration once that data is in. Kept here, under dbLock, so that an import
+    // that fails is tried again by the next call although the file now exists.
+    bool legacyImportPending = false;
 
 private:
     void open(const SQLiteStoreSetup& setup);
