@@ -34,6 +34,8 @@ TEST(QuotaTokenEstimator, CountsEachKindOfText) {
         {"16 letters, 8 of them ideographs", "abcdefgh 我们需要估算令牌", 32, EstimationMethod::ideographic, 26},  // 17 scalars
         {"18 letters, 8 ideographs", "abcdefghij 我们需要估算令牌", 0, EstimationMethod::bpe, 0},
         {"100 characters of code", code100, 35, EstimationMethod::code, 29},
+        {"CRLF is one character", "if (x) {\r\n    y = 1;\r\n}\r\n" + std::string(78, ';'), 35, EstimationMethod::code, 29},
+        {"ideographs with combining marks", "我\u0301们\u0301需要估算令牌", 15, EstimationMethod::ideographic, 12},
         {"ill-formed UTF-8 as U+FFFD", "caf\xC3 au lait", 8, EstimationMethod::bpe, 6},
     };
     auto& estimator = QuotaTokenEstimator::shared();

@@ -1,6 +1,8 @@
 #include "gaugepoint/pricing/QuotaTokenEstimator.hpp"
 
+#include <unicode/ubrk.h>
 #include <unicode/uchar.h>
+#include <unicode/utext.h>
 #include <unicode/utf8.h>
 
 #include <cstdio>
@@ -43,6 +45,24 @@ std::string_view trimmed(std::string_view text) {
     return text.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(end - start));
 }
 
+// Characters as a reader counts them: extended grapheme clusters, so "e" with a combining
+// accent, a CRLF line end or a family emoji is one. Ill-formed bytes read as U+FFFD.
+std::int64_t characterCount(std::string_view text) {
+    UErrorCode status = U_ZERO_ERROR;
+    UText* utext = utext_openUTF8(nullptr, text.data(), static_cast<std::int64_t>(text.size()), &status);
+    UBreakIterator* breaks = ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &status);
+    ubrk_setUText(breaks, utext, &status);
+    if (U_FAILURE(status)) {
+        std::fprintf(stderr, "gaugepoint: cannot count characters: %s\n", u_errorName(status));
+        std::abort();  // ICU's own data is missing: the installation is broken
+    }
+    std::int64_t count = 0;
+    for (ubrk_first(breaks); ubrk_next(breaks) != UBRK_DONE;) ++count;
+    ubrk_close(breaks);
+    utext_close(utext);
+    return count;
+}
+
 }  // namespace
 
 QuotaTokenEstimator& QuotaTokenEstimator::shared() {
@@ -57,10 +77,10 @@ TokenEstimate QuotaTokenEstimator::estimate(std::string_view text) {
     TokenEstimate result;
     switch (classifyText(profile)) {
         case TextKind::code:
-            result = {0, EstimationMethod::code, scaledUp(profile.scalars, 2, 7)};
+            result = {0, EstimationMethod::code, scaledUp(characterCount(text), 2, 7)};
             break;
         case TextKind::ideographic:
-            result = {0, EstimationMethod::ideographic, scaledUp(profile.scalars, 3, 2)};
+            result = {0, EstimationMethod::ideographic, scaledUp(characterCount(text), 3, 2)};
             break;
         case TextKind::plain: {
             std::lock_guard lock(encoderLock);

@@ -4,7 +4,8 @@
 //
 // The trimmed text (White_Space cut at both ends) is classified (TextClassifier.hpp) and counted:
 // plain text by the GPT-2 tokenizer, ideographic text as characters x 1.5, source code as
-// characters / 3.5, each rounded up, where characters are Unicode scalars. A count above zero is
+// characters / 3.5, each rounded up, where characters are grapheme clusters (what a reader counts:
+// a CRLF or an accented letter written as two scalars is one). A count above zero is
 // then multiplied by 1.2 and rounded up, in exact integer arithmetic (5 gives 6, not 7).
 
 #include <boost/describe/class.hpp>
