@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <thread>
+
 #include "TestSupport.hpp"
 #include "gaugepoint/platform/Error.hpp"
 #include "gaugepoint/platform/Files.hpp"
@@ -33,7 +37,7 @@ TEST(AtomicWrite, FailureNamesTheFileAndKeepsTheOldContents) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
 }
 
-TEST(FileReading, NoticesAnEmptyFileAsBeingRewritten) {
+TEST(FileReading, NoticesAnEmptyFileAsBeingRewrittenButTakesAPipeAsItComes) {
     ScratchDirectory dir;
     testing::writeFile(dir / "a", "");
     testing::writeFile(dir / "b", "{}");
@@ -42,6 +46,14 @@ TEST(FileReading, NoticesAnEmptyFileAsBeingRewritten) {
     EXPECT_FALSE(b.inFlux);
     EXPECT_EQ(b.bytes, "{}");
     EXPECT_THROW(readWholeFile(dir / "c"), Error);
+
+    // A pipe reports size 0 whatever it carries (as `--snapshot <(cat file)` gives).
+    ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0600), 0);
+    std::thread writer([&] { testing::writeFile(dir / "pipe", "{}"); });
+    const auto piped = readFileNoticingRewrites(dir / "pipe");
+    writer.join();
+    EXPECT_FALSE(piped.inFlux);
+    EXPECT_EQ(piped.bytes, "{}");
 }
 
 }  // namespace

@@ -103,8 +103,10 @@ FileContents readFileNoticingRewrites(const std::filesystem::path& path) {
     contents.bytes = ReadableFile{path}.readAll();
     // A writer that truncates and refills the file in place shows up as an empty file or as a
     // size that no longer matches what was read; one that renames a new file over it shows up
-    // as a different size at the path.
+    // as a different size at the path. A pipe or device has no size to compare and cannot be
+    // read twice, so what it gave is all there is.
     struct stat now {};
+    if (::stat(path.c_str(), &now) == 0 && !S_ISREG(now.st_mode)) return contents;
     const bool sizeChanged = ::stat(path.c_str(), &now) != 0 || std::size_t(now.st_size) != contents.bytes.size();
     contents.inFlux = contents.bytes.empty() || sizeChanged;
     return contents;
