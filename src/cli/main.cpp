@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "Commands.hpp"
+#include "gaugepoint/platform/Text.hpp"
 
 int main(int argc, char** argv) {
     using namespace gaugepoint::cli;
@@ -38,14 +39,14 @@ int main(int argc, char** argv) {
     } catch (const CLI::CallForVersion& e) {
         return root.exit(e);
     } catch (const CLI::ParseError& e) {
-        std::cerr << "gaugepoint: " << e.what() << " (see --help)\n";
+        std::cerr << "gaugepoint: " << gaugepoint::singleLine(e.what()) << " (see --help)\n";
         return 2;
     } catch (const UsageError& e) {
-        std::cerr << "gaugepoint: " << e.what() << " (see --help)\n";
+        std::cerr << "gaugepoint: " << gaugepoint::singleLine(e.what()) << " (see --help)\n";
         return 2;
     } catch (const std::exception& e) {
         std::fflush(stdout);
-        std::cerr << "gaugepoint: " << e.what() << "\n";
+        std::cerr << "gaugepoint: " << gaugepoint::singleLine(e.what()) << "\n";  // a failure is one line
         return 1;
     }
     return 0;

@@ -19,6 +19,11 @@ TEST(Text, LookupKeysAreTrimmedLowerCasedAndDashed) {
     EXPECT_EQ(normalizedLookupKey("ÉCOLE_X"), "école-x");
 }
 
+TEST(Text, SingleLineTurnsEveryLineBreakerIntoASpace) {
+    EXPECT_EQ(singleLine("a\nb\r\tc\x7f\u0085d\u2028e\u2029f"), "a b  c  d e f");
+    EXPECT_EQ(singleLine("剩余 58% · é\xff"), "剩余 58% · é\xff");  // everything else as it was
+}
+
 TEST(Text, DisplayWidthCountsWideCharactersTwice) {
     EXPECT_EQ(displayWidth("5h"), 2u);
     EXPECT_EQ(displayWidth("剩余 58%"), 8u);

@@ -112,9 +112,25 @@ TEST(WidgetText, AlignsOneLinePerProvider) {
               "OpenRouter  余额 $18.42\n");
 }
 
+TEST(WidgetText, NamesFromFilesStayOnOneLineAndCreditsKeepTheirColumn) {
+    auto snapshot = sample();
+    snapshot.providers[0].displayName = "Clau\nde";
+    snapshot.providers[0].windows[1].label = "Line1\r\nLine2";
+    snapshot.providers[0].windows[1].windowMinutes = 0;  // so the label is the stored one
+    snapshot.providers[0].windows[1].semantic = QuotaWindowSemantic::generic;
+    snapshot.providers[0].windows[1].resetsAt.reset();
+    snapshot.providers[0].creditsRemaining = 7;
+    const auto lines = QuotaWidgetText::providerLines(QuotaWidgetView::make(snapshot, kNow, "en"));
+    EXPECT_EQ(lines,
+              "Clau de     Line1  Line2  58% left                    ·  Credits 7\n"
+              "Codex       5h            88% left  ·  refresh in 4h  ·  Credits 120\n"
+              "OpenRouter  Balance $18.42\n");
+}
+
 TEST(Waybar, ClassAndPercentageFollowTheLowestRemainingWindow) {
     const std::pair<double, const char*> cases[] = {
-        {74, "ok"}, {75, "warning"}, {89.5, "warning"}, {90, "critical"}, {100, "critical"}, {130, "critical"}};
+        {74, "ok"},         {74.6, "warning"},  {75, "warning"},   {89.5, "warning"},
+        {89.6, "critical"}, {90, "critical"},   {100, "critical"}, {130, "critical"}};  // by the number shown
     for (const auto& [used, cssClass] : cases) {
         auto snapshot = sample();
         snapshot.providers[1].windows[0].usedPercent = used;

@@ -115,7 +115,9 @@ Date Coding<Date>::read(const boost::json::value& v, const Path& path) {
     if (!v.is_string()) throwTypeMismatch(path, "an ISO 8601 date", v);
     const auto& text = v.get_string();
     if (auto date = parseISO8601(text)) return *date;
-    throw DecodingError(path.toString(), "expected an ISO 8601 date, found \"" + std::string(text) + "\"");
+    std::string found;
+    appendQuoted(found, text);  // escaped, so the message stays one line whatever the text holds
+    throw DecodingError(path.toString(), "expected an ISO 8601 date, found " + found);
 }
 
 }  // namespace gaugepoint::json

@@ -87,6 +87,25 @@ std::size_t displayWidth(std::string_view text) {
     return width;
 }
 
+std::string singleLine(std::string_view text) {
+    std::string line;
+    line.reserve(text.size());
+    int32_t i = 0;
+    const auto length = static_cast<int32_t>(text.size());
+    while (i < length) {
+        const int32_t start = i;
+        UChar32 c;
+        U8_NEXT(text.data(), i, length, c);
+        const bool breaks = c >= 0 && (u_iscntrl(c) || c == 0x2028 || c == 0x2029);
+        if (breaks) {
+            line += ' ';
+        } else {
+            line.append(text.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(i - start)));
+        }
+    }
+    return line;
+}
+
 std::string normalizedLookupKey(std::string_view name) {
     std::string key = lowercased(trimmed(name));
     for (char& c : key) {

@@ -16,6 +16,10 @@ std::string uppercased(std::string_view text);
 // The one key every name lookup goes through: trimmed, lower-cased, "_" and " " replaced by "-".
 std::string normalizedLookupKey(std::string_view name);
 
+// `text` fit for one line of a terminal: every control character (C0, DEL, C1) and line or
+// paragraph separator becomes a space, so a name read from a file cannot break a line.
+std::string singleLine(std::string_view text);
+
 // Terminal columns `text` occupies: East Asian wide and full-width characters count two,
 // combining marks and zero-width characters none, everything else one.
 std::size_t displayWidth(std::string_view text);

@@ -33,11 +33,12 @@ std::optional<std::string> extraText(const QuotaWidgetProviderView& provider, bo
 // The cells of one line: name, label, remaining, reset, extra.
 using Row = std::array<std::string, 5>;
 
+// Names and labels come from files other programs write: none may break the line.
 Row rowFor(const QuotaWidgetProviderView& provider, std::string_view language) {
     const QuotaWidgetWindowView* top = topWindow(provider);
-    Row row{provider.displayName, "", "", "", extraText(provider, top != nullptr).value_or("")};
+    Row row{singleLine(provider.displayName), "", "", "", singleLine(extraText(provider, top != nullptr).value_or(""))};
     if (top) {
-        row[1] = top->label;
+        row[1] = singleLine(top->label);
         row[2] = remainingPhrase(*top, language);
         row[3] = top->resetText == "-" ? "" : top->resetText;
     }
@@ -64,6 +65,8 @@ std::string render(const Row& row, const std::array<std::size_t, 5>& widths, boo
         if (!row[3].empty()) {
             line += dot;
             pad(line, row[3], aligned && !row[4].empty() ? widths[3] : 0);
+        } else if (aligned && !row[4].empty() && widths[3] > 0) {
+            line.append(displayWidth(dot) + widths[3], ' ');  // keep the credit texts in their column
         }
         if (!row[4].empty()) line += dot + row[4];
     } else if (!row[4].empty()) {
@@ -113,14 +116,16 @@ WaybarModule waybarModule(const QuotaWidgetView& view) {
             module.text = "-";
         } else {
             const auto& first = view.providers.front();
-            module.text = first.displayName + " " + extraText(first, false).value_or("-");
+            module.text = singleLine(first.displayName + " " + extraText(first, false).value_or("-"));
         }
         return module;
     }
     const double lowest = tightestWindow->remainingPercent;
-    module.text = tightestProvider->displayName + " " + tightestWindow->label + " " + tightestWindow->remainingText;
-    module.cssClass = lowest <= 10 ? "critical" : lowest <= 25 ? "warning" : "ok";
-    module.percentage = std::isnan(lowest) ? 0 : static_cast<int>(std::clamp(std::round(lowest), 0.0, 100.0));
+    module.text = singleLine(tightestProvider->displayName + " " + tightestWindow->label + " " + tightestWindow->remainingText);
+    // The class follows the number the bar shows, so 74.6 % used (25 shown) is a warning.
+    const int shown = std::isnan(lowest) ? 0 : static_cast<int>(std::clamp(std::round(lowest), 0.0, 100.0));
+    module.cssClass = shown <= 10 ? "critical" : shown <= 25 ? "warning" : "ok";
+    module.percentage = shown;
     return module;
 }
 
