@@ -106,8 +106,9 @@ FileContents readFileNoticingRewrites(const std::filesystem::path& path) {
     // as a different size at the path. A pipe or device has no size to compare and cannot be
     // read twice, so what it gave is all there is.
     struct stat now {};
-    if (::stat(path.c_str(), &now) == 0 && !S_ISREG(now.st_mode)) return contents;
-    const bool sizeChanged = ::stat(path.c_str(), &now) != 0 || std::size_t(now.st_size) != contents.bytes.size();
+    const bool statted = ::stat(path.c_str(), &now) == 0;
+    if (statted && !S_ISREG(now.st_mode)) return contents;
+    const bool sizeChanged = !statted || std::size_t(now.st_size) != contents.bytes.size();
     contents.inFlux = contents.bytes.empty() || sizeChanged;
     return contents;
 }

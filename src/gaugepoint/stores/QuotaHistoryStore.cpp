@@ -38,6 +38,11 @@ constexpr const char* kAddEncoding = "ALTER TABLE snapshot_history ADD COLUMN sn
 
 constexpr double kSecondsPerDay = 24 * 60 * 60;
 
+// The moment `days` (fractions allowed) before now on the configuration's clock.
+Date daysAgo(const QuotaSyncConfiguration& configuration, double days) {
+    return configuration.clock.now() - std::chrono::duration<double>(days * kSecondsPerDay);
+}
+
 // Rows written before snapshots were compressed have no encoding column; they read as plain.
 void addEncodingColumnWhenMissing(sqlite::Connection& connection) {
     bool found = false;
@@ -177,7 +182,7 @@ auto QuotaHistoryStore::run(Operation&& operation) const {
 QuotaHistoryTimeline QuotaHistoryStore::loadTimeline() const { return run(selectAll); }
 
 QuotaHistoryTimeline QuotaHistoryStore::loadTimeline(double days) const {
-    const Date cutoff = configuration_.clock.now() - std::chrono::duration<double>(days * kSecondsPerDay);
+    const Date cutoff = daysAgo(configuration_, days);
     return run([&](sqlite::Connection& connection) {
         sqlite::Statement select{connection, kSelectSince, "prepare loadTimeline(days)", "execute loadTimeline(days)"};
         select.bind(1, secondsSince1970(cutoff));
@@ -209,7 +214,7 @@ std::optional<QuotaSnapshot> QuotaHistoryStore::latestSnapshot() const noexcept 
 
 void QuotaHistoryStore::insertAndTrim(sqlite::Connection& connection, const QuotaSnapshot& snapshot,
                                       double retentionDays) const {
-    const Date cutoff = configuration_.clock.now() - std::chrono::duration<double>(retentionDays * kSecondsPerDay);
+    const Date cutoff = daysAgo(configuration_, retentionDays);
     sqlite::Statement insert{connection, kInsert, "prepare append", "execute append"};
     bindRow(insert, snapshot);
     insert.run();
@@ -241,7 +246,7 @@ QuotaHistoryTimeline QuotaHistoryStore::removeSnapshots(std::string_view sourceI
 }
 
 std::int64_t QuotaHistoryStore::trimOlderThan(double days) const {
-    const Date cutoff = configuration_.clock.now() - std::chrono::duration<double>(days * 86400.0);
+    const Date cutoff = daysAgo(configuration_, days);
     return run([&](sqlite::Connection& connection) { return deleteOlderThan(connection, cutoff, "trimOlderThan"); });
 }
 

@@ -26,7 +26,7 @@ constexpr SlotMeaning kTimeWindows{{"Session", "Weekly", "Additional"}, std::nul
 SlotMeaning slotMeaning(std::string_view id) {
     if (id == "copilot") return {{"Premium requests", "Chat", "Completions"}, QuotaWindowSemantic::usageCategory};
     if (id == "warp") return {{"Requests", "Bonus requests", "Voice"}, QuotaWindowSemantic::usageCategory};
-    if (id == "kiro") return {{"Vibe requests", "Spec requests", "Bonus credits"}, QuotaWindowSemantic::usageCategory};
+    if (id == "kiro") return {{"Vibe requests", "Planned-task requests", "Bonus credits"}, QuotaWindowSemantic::usageCategory};
     if (id == "kilo") return {{"Credits", "Bonus credits", "Team credits"}, QuotaWindowSemantic::creditsBalance};
     if (id == "cursor") return {{"Plan", "On-demand", "Additional"}, std::nullopt};
     return kTimeWindows;
