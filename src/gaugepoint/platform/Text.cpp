@@ -89,6 +89,23 @@ std::size_t displayWidth(std::string_view text) {
     return width;
 }
 
+std::string truncatedToWidth(std::string_view text, std::size_t maxWidth) {
+    if (displayWidth(text) <= maxWidth) return std::string(text);
+    std::string out;
+    const std::size_t room = maxWidth == 0 ? 0 : maxWidth - 1;  // one column for the ellipsis
+    int32_t i = 0;
+    const auto length = static_cast<int32_t>(text.size());
+    while (i < length) {
+        const int32_t start = i;
+        UChar32 c;
+        U8_NEXT(text.data(), i, length, c);
+        const std::string_view character = text.substr(std::size_t(start), std::size_t(i - start));
+        if (displayWidth(out) + displayWidth(character) > room) break;
+        out.append(character);
+    }
+    return maxWidth == 0 ? out : out + "…";
+}
+
 std::string singleLine(std::string_view text) {
     std::string line;
     line.reserve(text.size());

@@ -26,4 +26,8 @@ std::string singleLine(std::string_view text);
 // combining marks and zero-width characters none, everything else one.
 std::size_t displayWidth(std::string_view text);
 
+// `text` cut to at most `maxWidth` terminal columns, ending in "…" when it was cut; never splits
+// a character.
+std::string truncatedToWidth(std::string_view text, std::size_t maxWidth);
+
 }  // namespace gaugepoint

@@ -1,0 +1,106 @@
+#include "gaugepoint/platform/LocalCalendar.hpp"
+
+#include <unicode/calendar.h>
+#include <unicode/smpdtfmt.h>
+#include <unicode/timezone.h>
+
+#include <cmath>
+#include <mutex>
+
+namespace gaugepoint {
+
+// ICU calendars and formatters are not safe to share between threads; one lock guards both.
+struct LocalCalendar::State {
+    std::mutex lock;
+    std::unique_ptr<icu::Calendar> calendar;
+    std::unique_ptr<icu::SimpleDateFormat> dayFormat;
+};
+
+namespace {
+
+constexpr double millisecondsPerSecond = 1000.0;
+
+UDate toUDate(Date date) { return secondsSince1970(date) * millisecondsPerSecond; }
+Date fromUDate(UDate date) { return dateFromSeconds(date / millisecondsPerSecond); }
+
+std::shared_ptr<LocalCalendar::State> makeState(icu::TimeZone* zone) {
+    // The user's calendar (Gregorian, Buddhist, Japanese, ... by the locale), digits and
+    // pattern letters of en_US_POSIX.
+    UErrorCode status = U_ZERO_ERROR;
+    auto state = std::make_shared<LocalCalendar::State>();
+    state->calendar.reset(icu::Calendar::createInstance(zone, icu::Locale::getDefault(), status));
+    state->dayFormat = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(u"yyyy-MM-dd"),
+                                                              icu::Locale("en_US_POSIX"), status);
+    if (U_FAILURE(status) || !state->calendar || !state->dayFormat) throw std::bad_alloc();
+    state->dayFormat->setCalendar(*state->calendar);
+    return state;
+}
+
+}  // namespace
+
+LocalCalendar LocalCalendar::current() {
+    return LocalCalendar{makeState(icu::TimeZone::detectHostTimeZone())};
+}
+
+std::optional<LocalCalendar> LocalCalendar::inTimeZone(std::string_view identifier) {
+    icu::TimeZone* zone = icu::TimeZone::createTimeZone(icu::UnicodeString::fromUTF8({identifier.data(), int32_t(identifier.size())}));
+    icu::UnicodeString id;
+    if (!zone || zone->getID(id) == icu::UnicodeString(UCAL_UNKNOWN_ZONE_ID)) {
+        delete zone;
+        return std::nullopt;
+    }
+    return LocalCalendar{makeState(zone)};
+}
+
+std::string LocalCalendar::timeZoneID() const {
+    std::lock_guard guard{state_->lock};
+    icu::UnicodeString id;
+    std::string text;
+    state_->calendar->getTimeZone().getID(id).toUTF8String(text);
+    return text;
+}
+
+std::string LocalCalendar::dayKey(Date date) const {
+    std::lock_guard guard{state_->lock};
+    icu::UnicodeString text;
+    state_->dayFormat->format(toUDate(date), text);
+    std::string key;
+    return text.toUTF8String(key);
+}
+
+Date LocalCalendar::startOfDay(Date date) const {
+    std::lock_guard guard{state_->lock};
+    UErrorCode status = U_ZERO_ERROR;
+    icu::Calendar& calendar = *state_->calendar;
+    calendar.setTime(toUDate(date), status);
+    calendar.set(UCAL_HOUR_OF_DAY, 0);
+    calendar.set(UCAL_MINUTE, 0);
+    calendar.set(UCAL_SECOND, 0);
+    calendar.set(UCAL_MILLISECOND, 0);
+    // A day whose midnight a clock change skips starts at the first moment that exists.
+    return fromUDate(calendar.getTime(status));
+}
+
+Date LocalCalendar::startOfHour(Date date) const {
+    std::lock_guard guard{state_->lock};
+    // From the offset in force at `date`, so the repeated hour of a clock change going back
+    // starts within itself rather than an hour earlier.
+    UErrorCode status = U_ZERO_ERROR;
+    int32_t raw = 0, daylight = 0;
+    const UDate utc = toUDate(date);
+    state_->calendar->getTimeZone().getOffset(utc, false, raw, daylight, status);
+    const double offset = double(raw) + double(daylight);
+    constexpr double millisecondsPerHour = 3'600'000.0;
+    return fromUDate(std::floor((utc + offset) / millisecondsPerHour) * millisecondsPerHour - offset);
+}
+
+Date LocalCalendar::addingDays(Date date, int days) const {
+    std::lock_guard guard{state_->lock};
+    UErrorCode status = U_ZERO_ERROR;
+    icu::Calendar& calendar = *state_->calendar;
+    calendar.setTime(toUDate(date), status);
+    calendar.add(UCAL_DATE, days, status);
+    return fromUDate(calendar.getTime(status));
+}
+
+}  // namespace gaugepoint
