@@ -8,6 +8,9 @@
 
 #include "StoreTestSupport.hpp"
 #include "gaugepoint/stores/QuotaHistoryStore.hpp"
+#include "gaugepoint/stores/QuotaSessionCatalogStore.hpp"
+#include "gaugepoint/stores/QuotaSessionFileRegistry.hpp"
+#include "gaugepoint/stores/QuotaSessionTokenLedger.hpp"
 
 namespace gaugepoint {
 namespace {
@@ -17,6 +20,8 @@ using testing::configurationIn;
 using testing::RawDatabase;
 using testing::ScratchDirectory;
 using testing::snapshotOf;
+using testing::inChildProcess;
+using testing::exitStatus;
 
 const Date kStart = at("2026-11-21T00:00:00Z");
 
@@ -38,19 +43,6 @@ int appendMany(const QuotaHistoryStore& store, const std::string& source, int co
         }
     }
     return failures;
-}
-
-// Runs `child` in a forked process; its return value is the exit status.
-pid_t inChildProcess(const std::function<int()>& child) {
-    const pid_t pid = ::fork();
-    if (pid == 0) ::_exit(child());
-    return pid;
-}
-
-int exitStatus(pid_t pid) {
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
 }
 
 TEST(Concurrency, ThreadsSharingOneStoreLoseNothing) {
@@ -125,6 +117,50 @@ TEST(Concurrency, AWriterGivesUpAfterTheBusyTimeout) {
         EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(1900));
     });
     EXPECT_EQ(holder, 0);
+}
+
+// Each process writes its own descriptors, messages, ledger rows and registry entries in many
+// small transactions; every one of them is there afterwards.
+int writeSessions(const QuotaSyncConfiguration& config, const std::string& who, int count) {
+    const QuotaSessionCatalogStore catalog{config};
+    const QuotaSessionTokenLedger ledger{config};
+    const QuotaSessionFileRegistry registry{config};
+    int failures = 0;
+    for (int i = 0; i < count; ++i) {
+        try {
+            QuotaSessionDescriptor d;
+            d.id = who + "-" + std::to_string(i);
+            d.provider = {"claude", "Claude"};
+            catalog.upsertBatch({d}, "mac");
+            QuotaSessionMessage m;
+            m.id = "m";
+            catalog.replaceMessagesForSession("mac", d.id, {m, m});
+            QuotaSnapshot s = snapshotOf(who, kStart);
+            s.providers[0].dailyTokenUsage = std::vector<QuotaDailyTokenEntry>{{"2026-11-" + std::to_string(1 + i % 28), 1, i}};
+            ledger.upsert(s);
+            QuotaSessionFileRegistryEntry e;
+            e.path = "/" + d.id;
+            e.providerID = "claude";
+            registry.upsert(e);
+        } catch (const Error& e) {
+            std::fprintf(stderr, "%s #%d failed: %s\n", who.c_str(), i, e.what());
+            ++failures;
+        }
+    }
+    return failures;
+}
+
+TEST(Concurrency, TwoProcessesWritingSessionStoresLoseNothing) {
+    ScratchDirectory dir;
+    const auto config = configurationIn(dir);
+    const pid_t child = inChildProcess([&] { return writeSessions(config, "child", 60) == 0 ? 0 : 1; });
+    EXPECT_EQ(writeSessions(config, "parent", 60), 0);
+    EXPECT_EQ(exitStatus(child), 0);
+    const QuotaSessionCatalogStore catalog{config};
+    EXPECT_EQ(catalog.totalCount(), 120);
+    EXPECT_EQ(catalog.totalMessageCount(), 240);
+    EXPECT_EQ(QuotaSessionTokenLedger{config}.dailySummary("child", 10000).size(), 28u);
+    EXPECT_EQ(QuotaSessionFileRegistry{config}.list().size(), 120u);
 }
 
 }  // namespace

@@ -4,6 +4,9 @@
 
 #include "StoreTestSupport.hpp"
 #include "gaugepoint/stores/QuotaHistoryStore.hpp"
+#include "gaugepoint/stores/QuotaSessionCatalogStore.hpp"
+#include "gaugepoint/stores/QuotaSessionFileRegistry.hpp"
+#include "gaugepoint/stores/QuotaSessionTokenLedger.hpp"
 #include "gaugepoint/stores/QuotaSourceSnapshotStore.hpp"
 
 namespace gaugepoint {
@@ -14,15 +17,7 @@ using testing::configurationIn;
 using testing::RawDatabase;
 using testing::ScratchDirectory;
 using testing::snapshotOf;
-
-std::string failureOf(const std::function<void()>& write) {
-    try {
-        write();
-    } catch (const Error& e) {
-        return e.what();
-    }
-    return "(no failure)";
-}
+using testing::failureOf;
 
 TEST(HostileFiles, AFileThatIsNotADatabaseIsReportedAndLeftAlone) {
     ScratchDirectory dir;
@@ -93,6 +88,29 @@ TEST(HostileFiles, AFailedSetUpIsRetriedOnTheNextCall) {
     EXPECT_EQ(store.clear(), 0);
     store.append(snapshotOf("a", at("2026-11-21T00:00:00Z")), 30);
     EXPECT_EQ(store.loadTimeline().snapshots.size(), 1u);
+}
+
+TEST(HostileFiles, TheSessionStoresReportAForeignFileAndNeverEmptyIt) {
+    ScratchDirectory dir;
+    const auto config = configurationIn(dir);
+    std::filesystem::create_directories(*config.appGroupDirectory);
+    const std::string junk = "SQLite format 3" + std::string(4000, '\x7f');  // a header, then garbage
+    const QuotaSessionTokenLedger ledger{config};
+    const QuotaSessionCatalogStore catalog{config};
+    const QuotaSessionFileRegistry registry{config};
+    for (const auto& file : {ledger.databaseURL(), catalog.databaseURL(), registry.databaseURL()}) testing::writeFile(file, junk);
+
+    QuotaSnapshot snapshot = snapshotOf("a", at("2026-11-21T00:00:00Z"));
+    snapshot.providers[0].dailyTokenUsage = std::vector<QuotaDailyTokenEntry>{{"2026-11-21", 1, 1}};
+    EXPECT_EQ(failureOf([&] { ledger.upsert(snapshot); }), "set journal mode: file is not a database");
+    EXPECT_TRUE(ledger.dailySummary("a", 7).empty());
+    QuotaSessionDescriptor descriptor;
+    descriptor.id = "s";
+    EXPECT_EQ(failureOf([&] { catalog.upsert(descriptor, "a"); }), "set journal mode: file is not a database");
+    EXPECT_EQ(failureOf([&] { (void)registry.list(); }), "set journal mode: file is not a database");
+    for (const auto& file : {ledger.databaseURL(), catalog.databaseURL(), registry.databaseURL()}) {
+        EXPECT_EQ(testing::readFile(file), junk) << file;
+    }
 }
 
 }  // namespace

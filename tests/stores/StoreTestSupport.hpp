@@ -3,6 +3,10 @@
 // Snapshots, configurations and raw SQLite access for the store tests.
 
 #include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
 
 #include "TestSupport.hpp"
 #include "gaugepoint/model/QuotaSnapshot.hpp"
@@ -69,5 +73,28 @@ public:
 private:
     sqlite3* db_ = nullptr;
 };
+
+// Runs `child` in a forked process; its return value is the exit status.
+inline pid_t inChildProcess(const std::function<int()>& child) {
+    const pid_t pid = ::fork();
+    if (pid == 0) ::_exit(child());
+    return pid;
+}
+
+inline int exitStatus(pid_t pid) {
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+}
+
+// What a call threw, or "(no failure)".
+inline std::string failureOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "(no failure)";
+}
 
 }  // namespace gaugepoint::testing

@@ -2,6 +2,7 @@
 
 #include "gaugepoint/platform/Files.hpp"
 #include "gaugepoint/platform/Json.hpp"
+#include "gaugepoint/stores/SQLiteStore.hpp"
 #include "gaugepoint/stores/SnapshotBlob.hpp"
 
 namespace gaugepoint {
@@ -106,32 +107,6 @@ std::int64_t deleteOlderThan(sqlite::Connection& connection, Date cutoff, std::s
     return connection.changes();
 }
 
-// The earlier document in the ubiquity directory, looked for in its Documents folder and at
-// its top. None when there is none or it does not decode (it is left where it is).
-std::optional<QuotaHistoryTimeline> readLegacyTimeline(const QuotaSyncConfiguration& configuration) {
-    if (!configuration.ubiquityDirectory) return std::nullopt;
-    const auto& base = *configuration.ubiquityDirectory;
-    for (const auto& file : {base / "Documents" / QuotaHistoryStore::legacyHistoryFilename,
-                             base / QuotaHistoryStore::legacyHistoryFilename}) {
-        std::error_code error;
-        if (!std::filesystem::is_regular_file(file, error)) continue;
-        try {
-            return json::decode<QuotaHistoryTimeline>(readWholeFile(file));
-        } catch (const Error&) {
-            return std::nullopt;
-        }
-    }
-    return std::nullopt;
-}
-
-void setMarker(const QuotaSyncConfiguration& configuration) {
-    try {
-        configuration.userDefaults->setBool(QuotaHistoryStore::migrationMarkerKey, true);
-    } catch (const Error&) {
-        // Without the marker the check runs again next time, and then finds the database.
-    }
-}
-
 }  // namespace
 
 QuotaHistoryStore::QuotaHistoryStore(QuotaSyncConfiguration configuration)
@@ -154,23 +129,27 @@ std::filesystem::path QuotaHistoryStore::historyURL() const {
 // reports SQLite failures as this store's error.
 template <class Operation>
 auto QuotaHistoryStore::run(Operation&& operation) const {
+    static constexpr LegacyMigration migration{migrationMarkerKey};
     const std::filesystem::path file = historyURL();
     std::optional<QuotaHistoryTimeline> legacy;
-    const auto beforeOpen = [&](SQLiteConnectionHolder& holder) {
-        if (configuration_.userDefaults->boolValue(migrationMarkerKey)) return;
-        std::error_code error;
-        // A file this process created for an import that then failed does not count as found.
-        if (!holder.legacyImportPending && std::filesystem::exists(file, error)) return setMarker(configuration_);
-        legacy = readLegacyTimeline(configuration_);
-        holder.legacyImportPending = legacy.has_value();
-        if (!legacy) setMarker(configuration_);
+    const auto readLegacy = [&] {
+        // The earlier document, in the ubiquity directory's Documents folder or at its top; one
+        // that does not decode is left where it is.
+        const auto found = LegacyMigration::legacyFile(configuration_, legacyHistoryFilename);
+        if (!found) return false;
+        try {
+            legacy = json::decode<QuotaHistoryTimeline>(readWholeFile(*found));
+        } catch (const Error&) {
+            return false;
+        }
+        return true;
     };
+    const auto beforeOpen = [&](SQLiteConnectionHolder& holder) { migration.beforeOpen(holder, configuration_, file, readLegacy); };
     const SQLiteStoreSetup setup{"Unable to open history database at ", kSchema, [&](sqlite::Connection& connection) {
                                      addEncodingColumnWhenMissing(connection);
                                      if (!legacy) return;
                                      insertAll(connection, legacy->snapshots, "legacy import");
-                                     connectionHolder_->legacyImportPending = false;
-                                     setMarker(configuration_);
+                                     migration.finish(*connectionHolder_, configuration_);
                                  }};
     try {
         return connectionHolder_->withConnection(setup, operation, beforeOpen);

@@ -41,11 +41,6 @@ constexpr const char* kTrim =
     "      SELECT id, ROW_NUMBER() OVER (\n        PARTITION BY COALESCE(source_id, pairing_token, id)\n"
     "        ORDER BY received_at DESC\n      ) AS rn\n      FROM source_snapshots\n    ) WHERE rn = 1\n  )";
 
-std::optional<std::string> optionalText(const sqlite::Statement& row, int column) {
-    const auto text = row.text(column);
-    return text ? std::optional<std::string>(*text) : std::nullopt;
-}
-
 // A row as a record; none when its snapshot or channel cannot be read.
 std::optional<QuotaSourceSnapshotRecord> recordFromRow(const sqlite::Statement& row) {
     auto snapshot = decodeSnapshotBlob(row.blob(8), row.text(9));
@@ -53,11 +48,11 @@ std::optional<QuotaSourceSnapshotRecord> recordFromRow(const sqlite::Statement& 
     if (!snapshot || !channel || (*channel != "kvs" && *channel != "pairing")) return std::nullopt;
     QuotaSourceSnapshotRecord record;
     record.id = std::string(row.text(0).value_or(""));
-    record.sourceID = optionalText(row, 1);
+    record.sourceID = sqlite::optionalText(row, 1);
     record.sourceName = std::string(row.text(2).value_or(""));
-    record.hostName = optionalText(row, 3);
-    record.platformLabel = optionalText(row, 4);
-    record.pairingToken = optionalText(row, 5);
+    record.hostName = sqlite::optionalText(row, 3);
+    record.platformLabel = sqlite::optionalText(row, 4);
+    record.pairingToken = sqlite::optionalText(row, 5);
     record.channel = *channel == "pairing" ? QuotaSourceSyncChannel::pairing : QuotaSourceSyncChannel::kvs;
     record.receivedAt = dateFromSeconds(row.real(7));
     record.snapshot = std::move(*snapshot);
@@ -92,40 +87,18 @@ std::int64_t deleteWhere(sqlite::Connection& connection, const char* sql, std::s
 }  // namespace
 
 QuotaSourceSnapshotStore::QuotaSourceSnapshotStore(QuotaSyncConfiguration configuration,
-                                                   std::optional<std::filesystem::path> containerURLOverride)
-    : configuration_(std::move(configuration)), containerURLOverride_(std::move(containerURLOverride)) {
-    std::optional<std::filesystem::path> directory = containerURLOverride_;
-    if (directory) {
-        std::error_code ignored;
-        std::filesystem::create_directories(*directory, ignored);
-    } else {
-        directory = configuration_.resolvedAppGroupDirectory();
-    }
-    if (directory) {
-        file_ = *directory / defaultFilename;
-        connectionHolder_ = SQLiteConnectionHolder::shared(*file_);
-    }
-}
-
-std::filesystem::path QuotaSourceSnapshotStore::databaseURL() const {
-    if (!file_) throw QuotaSourceSnapshotStoreError::missingAppGroupContainer(configuration_.appGroupIdentifier);
-    return *file_;
-}
+                                                   const std::optional<std::filesystem::path>& containerURLOverride)
+    : SQLiteStore(std::move(configuration), containerURLOverride, defaultFilename) {}
 
 template <class Operation>
-auto QuotaSourceSnapshotStore::run(Operation&& operation) const {
-    databaseURL();
+auto QuotaSourceSnapshotStore::runSources(Operation&& operation) const {
     static const SQLiteStoreSetup setup{"Unable to open source snapshot database at ", kSchema, {}};
-    try {
-        return connectionHolder_->withConnection(setup, operation);
-    } catch (const sqlite::Failure& failure) {
-        throw QuotaSourceSnapshotStoreError::sqliteFailure(failure.what());
-    }
+    return run(setup, operation);
 }
 
 QuotaSourceSnapshotRegistry QuotaSourceSnapshotStore::load() const noexcept {
     try {
-        return run([](sqlite::Connection& connection) {
+        return runSources([](sqlite::Connection& connection) {
             sqlite::Statement select{connection, kSelectAll.c_str(), "prepare load", "execute load"};
             QuotaSourceSnapshotRegistry registry;
             while (select.step()) {
@@ -139,7 +112,7 @@ QuotaSourceSnapshotRegistry QuotaSourceSnapshotStore::load() const noexcept {
 }
 
 std::optional<QuotaSourceSnapshotRecord> QuotaSourceSnapshotStore::loadRecord(std::string_view id) const {
-    return run([&](sqlite::Connection& connection) -> std::optional<QuotaSourceSnapshotRecord> {
+    return runSources([&](sqlite::Connection& connection) -> std::optional<QuotaSourceSnapshotRecord> {
         sqlite::Statement select{connection, kSelectOne.c_str(), "prepare loadRecord", "execute loadRecord"};
         select.bind(1, id);
         if (!select.step()) return std::nullopt;
@@ -172,7 +145,7 @@ QuotaSourceSnapshotRecord QuotaSourceSnapshotStore::upsert(const QuotaSnapshot& 
                                                            const std::optional<std::string>& pairingToken,
                                                            QuotaSourceSyncChannel channel) const {
     QuotaSourceSnapshotRecord record = recordFor(snapshot, pairingToken, channel);
-    run([&](sqlite::Connection& connection) {
+    runSources([&](sqlite::Connection& connection) {
         sqlite::Statement insert{connection, kInsert, "prepare upsert", "execute upsert"};
         bindRecord(insert, record);
         insert.run();
@@ -181,7 +154,7 @@ QuotaSourceSnapshotRecord QuotaSourceSnapshotStore::upsert(const QuotaSnapshot& 
 }
 
 void QuotaSourceSnapshotStore::save(const QuotaSourceSnapshotRegistry& registry) const {
-    run([&](sqlite::Connection& connection) {
+    runSources([&](sqlite::Connection& connection) {
         sqlite::Transaction transaction{connection, "save"};
         connection.exec(kClear, "clear for save");
         sqlite::Statement insert{connection, kInsert, "prepare save", "execute save"};
@@ -195,21 +168,21 @@ void QuotaSourceSnapshotStore::save(const QuotaSourceSnapshotRegistry& registry)
 }
 
 std::int64_t QuotaSourceSnapshotStore::remove(std::string_view id) const {
-    return run([&](sqlite::Connection& c) { return deleteWhere(c, kRemoveByID, id, "remove by id"); });
+    return runSources([&](sqlite::Connection& c) { return deleteWhere(c, kRemoveByID, id, "remove by id"); });
 }
 
 std::int64_t QuotaSourceSnapshotStore::removeRecordsWithSourceID(std::string_view sourceID) const {
-    return run([&](sqlite::Connection& c) { return deleteWhere(c, kRemoveBySource, sourceID, "removeRecords(sourceID:)"); });
+    return runSources([&](sqlite::Connection& c) { return deleteWhere(c, kRemoveBySource, sourceID, "removeRecords(sourceID:)"); });
 }
 
 std::int64_t QuotaSourceSnapshotStore::removeRecordsWithPairingToken(std::string_view pairingToken) const {
-    return run([&](sqlite::Connection& c) {
+    return runSources([&](sqlite::Connection& c) {
         return deleteWhere(c, kRemoveByToken, pairingToken, "removeRecords(pairingToken:)");
     });
 }
 
 std::int64_t QuotaSourceSnapshotStore::clear() const {
-    return run([](sqlite::Connection& connection) {
+    return runSources([](sqlite::Connection& connection) {
         connection.exec(kClear, "clear");
         return connection.changes();
     });
@@ -218,7 +191,7 @@ std::int64_t QuotaSourceSnapshotStore::clear() const {
 std::int64_t QuotaSourceSnapshotStore::trimOldEntries(double olderThanSeconds) const noexcept {
     const Date cutoff = configuration_.clock.now() - std::chrono::duration<double>(olderThanSeconds);
     try {
-        return run([&](sqlite::Connection& connection) {
+        return runSources([&](sqlite::Connection& connection) {
             sqlite::Statement trim{connection, kTrim, "prepare trimOldEntries", "execute trimOldEntries"};
             trim.bind(1, secondsSince1970(cutoff)).run();
             return connection.changes();
@@ -230,7 +203,7 @@ std::int64_t QuotaSourceSnapshotStore::trimOldEntries(double olderThanSeconds) c
 
 void QuotaSourceSnapshotStore::walCheckpoint() const noexcept {
     try {
-        run([](sqlite::Connection& connection) { connection.checkpointQuietly(); });
+        runSources([](sqlite::Connection& connection) { connection.checkpointQuietly(); });
     } catch (...) {
     }
 }

@@ -10,7 +10,7 @@
 #include "gaugepoint/model/QuotaSourceSnapshotRecord.hpp"
 #include "gaugepoint/platform/Error.hpp"
 #include "gaugepoint/platform/QuotaSyncConfiguration.hpp"
-#include "gaugepoint/stores/SQLiteConnectionHolder.hpp"
+#include "gaugepoint/stores/SQLiteStore.hpp"
 
 namespace gaugepoint {
 
@@ -36,15 +36,13 @@ private:
 // on it, and the companion app may use the same file at the same time.
 //
 // load() skips a row whose snapshot does not decompress or decode, as the history store does.
-class QuotaSourceSnapshotStore {
+class QuotaSourceSnapshotStore : public SQLiteStore<QuotaSourceSnapshotStoreError> {
 public:
     static constexpr std::string_view defaultFilename = "quota-source-snapshots.sqlite";
 
+    // databaseURL() throws missingAppGroupContainer when there is no directory for the file.
     explicit QuotaSourceSnapshotStore(QuotaSyncConfiguration configuration = QuotaSyncConfiguration::standard(),
-                                      std::optional<std::filesystem::path> containerURLOverride = std::nullopt);
-
-    // The database file; throws missingAppGroupContainer when there is no directory for it.
-    std::filesystem::path databaseURL() const;
+                                      const std::optional<std::filesystem::path>& containerURLOverride = std::nullopt);
 
     // Every record, newest first; the empty registry on any error.
     QuotaSourceSnapshotRegistry load() const noexcept;
@@ -72,16 +70,9 @@ public:
     QuotaSourceSnapshotRecord recordFor(const QuotaSnapshot& snapshot, const std::optional<std::string>& pairingToken,
                                         QuotaSourceSyncChannel channel) const;
 
-    const QuotaSyncConfiguration& configuration() const { return configuration_; }
-
 private:
     template <class Operation>
-    auto run(Operation&& operation) const;
-
-    QuotaSyncConfiguration configuration_;
-    std::optional<std::filesystem::path> containerURLOverride_;
-    std::optional<std::filesystem::path> file_;
-    std::shared_ptr<SQLiteConnectionHolder> connectionHolder_;
+    auto runSources(Operation&& operation) const;
 };
 
 }  // namespace gaugepoint

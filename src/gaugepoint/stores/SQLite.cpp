@@ -25,6 +25,10 @@ void Connection::execWaitingOutLocks(const char* sql, std::string_view label, st
     }
 }
 
+void Connection::rollbackQuietly() noexcept {
+    if (!sqlite3_get_autocommit(db_)) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
 std::int64_t Connection::changes() const { return sqlite3_changes64(db_); }
 
 void Connection::checkpointQuietly() noexcept {
@@ -54,7 +58,10 @@ Statement& Statement::bind(int index, std::string_view text) {
 }
 
 Statement& Statement::bind(int index, const std::optional<std::string>& text) {
-    if (text) return bind(index, std::string_view(*text));
+    return text ? bind(index, std::string_view(*text)) : bindNull(index);
+}
+
+Statement& Statement::bindNull(int index) {
     if (sqlite3_bind_null(statement_, index) != SQLITE_OK) connection_.fail(executeLabel_);
     return *this;
 }
@@ -69,13 +76,24 @@ Statement& Statement::bind(int index, std::int64_t value) {
     return *this;
 }
 
-Statement& Statement::bindBlob(int index, std::span<const std::uint8_t> bytes) {
+namespace {
+
+int bindBlobWith(sqlite3_stmt* statement, int index, std::span<const std::uint8_t> bytes, sqlite3_destructor_type kind) {
     // A zero-length blob must still be a blob, not NULL: SQLite binds NULL for a null pointer.
     static const std::uint8_t empty = 0;
     const void* data = bytes.empty() ? &empty : bytes.data();
-    if (sqlite3_bind_blob64(statement_, index, data, bytes.size(), SQLITE_TRANSIENT) != SQLITE_OK) {
-        connection_.fail(executeLabel_);
-    }
+    return sqlite3_bind_blob64(statement, index, data, bytes.size(), kind);
+}
+
+}  // namespace
+
+Statement& Statement::bindBlob(int index, std::span<const std::uint8_t> bytes) {
+    if (bindBlobWith(statement_, index, bytes, SQLITE_TRANSIENT) != SQLITE_OK) connection_.fail(executeLabel_);
+    return *this;
+}
+
+Statement& Statement::bindBlobInPlace(int index, std::span<const std::uint8_t> bytes) {
+    if (bindBlobWith(statement_, index, bytes, SQLITE_STATIC) != SQLITE_OK) connection_.fail(executeLabel_);
     return *this;
 }
 
@@ -119,7 +137,7 @@ Transaction::Transaction(Connection& connection, std::string_view label) : conne
 }
 
 Transaction::~Transaction() {
-    if (open_) sqlite3_exec(connection_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+    if (open_) connection_.rollbackQuietly();
 }
 
 void Transaction::commit() {

@@ -34,6 +34,8 @@ public:
     // deadlock, as two processes switching a new file to WAL at once can), tries again every
     // few milliseconds until `budget` has passed.
     void execWaitingOutLocks(const char* sql, std::string_view label, std::chrono::milliseconds budget);
+    // Rolls back an open transaction, if any; errors ignored (for clean-up on failure paths).
+    void rollbackQuietly() noexcept;
     // Rows changed by the last statement.
     std::int64_t changes() const;
     // Copies the write-ahead log into the database without waiting for readers; errors ignored.
@@ -64,6 +66,9 @@ public:
     Statement& bind(int index, double value);
     Statement& bind(int index, std::int64_t value);
     Statement& bindBlob(int index, std::span<const std::uint8_t> bytes);
+    // Binds without a copy: `bytes` must stay valid until the statement is reset or finalized.
+    Statement& bindBlobInPlace(int index, std::span<const std::uint8_t> bytes);
+    Statement& bindNull(int index);
 
     // Advances: true when a row is ready, false when done. Throws Failure(executeLabel).
     bool step();

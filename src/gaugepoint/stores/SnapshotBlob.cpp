@@ -15,19 +15,12 @@ SnapshotBlob encodeSnapshotBlob(const QuotaSnapshot& snapshot) {
     }
 }
 
-std::optional<QuotaSnapshot> decodeSnapshotBlob(std::span<const std::uint8_t> bytes,
-                                                std::optional<std::string_view> encoding) {
-    try {
-        if (encoding == "lzfse") {
-            const std::vector<std::uint8_t> json = lzfse::decompress(bytes);
-            return json::decode<QuotaSnapshot>({reinterpret_cast<const char*>(json.data()), json.size()});
-        }
-        return json::decode<QuotaSnapshot>({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
-    } catch (const lzfse::Error&) {
-    } catch (const json::DecodingError&) {
-    } catch (const std::bad_alloc&) {
+std::string storedJSONText(std::span<const std::uint8_t> bytes, std::optional<std::string_view> encoding) {
+    if (encoding == "lzfse") {
+        const std::vector<std::uint8_t> json = lzfse::decompress(bytes);
+        return {reinterpret_cast<const char*>(json.data()), json.size()};
     }
-    return std::nullopt;
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 }  // namespace gaugepoint

@@ -8,10 +8,12 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "gaugepoint/model/QuotaSnapshot.hpp"
+#include "gaugepoint/platform/Json.hpp"
 
 namespace gaugepoint {
 
@@ -27,10 +29,25 @@ struct SnapshotBlob {
 // fails. Throws json::EncodingError when the snapshot holds a value JSON cannot (infinity).
 SnapshotBlob encodeSnapshotBlob(const QuotaSnapshot& snapshot);
 
-// The snapshot in a stored row: decompressed when `encoding` is "lzfse" (any other name, or
-// none, is plain JSON). None when the bytes do not decompress or decode, so one damaged row
-// cannot hide the others from a widget.
-std::optional<QuotaSnapshot> decodeSnapshotBlob(std::span<const std::uint8_t> bytes,
-                                                std::optional<std::string_view> encoding);
+// The JSON text of a stored BLOB: decompressed when `encoding` is "lzfse" (any other name, or
+// none, is plain JSON). Throws lzfse::Error for bytes that do not decompress.
+std::string storedJSONText(std::span<const std::uint8_t> bytes, std::optional<std::string_view> encoding);
+
+// The document in a stored row; none when the bytes do not decompress or decode, so one damaged
+// row cannot hide the others.
+template <class T>
+std::optional<T> decodeStoredJSON(std::span<const std::uint8_t> bytes, std::optional<std::string_view> encoding) {
+    try {
+        return json::decode<T>(storedJSONText(bytes, encoding));
+    } catch (const std::exception&) {  // lzfse::Error, json::DecodingError, std::bad_alloc
+        return std::nullopt;
+    }
+}
+
+// The snapshot in a stored row, as decodeStoredJSON.
+inline std::optional<QuotaSnapshot> decodeSnapshotBlob(std::span<const std::uint8_t> bytes,
+                                                       std::optional<std::string_view> encoding) {
+    return decodeStoredJSON<QuotaSnapshot>(bytes, encoding);
+}
 
 }  // namespace gaugepoint
