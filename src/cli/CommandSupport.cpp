@@ -66,7 +66,11 @@ QuotaSyncConfiguration resolveConfiguration(const GlobalOptions& globals) {
 }
 
 std::string counted(std::int64_t count, std::string_view noun) {
-    return std::to_string(count) + " " + std::string(noun) + (count == 1 ? "" : "s");
+    std::string text = std::to_string(count) + " " + std::string(noun);
+    if (count == 1) return text;
+    const bool consonantY = noun.size() >= 2 && noun.back() == 'y' && std::string_view("aeiou").find(noun[noun.size() - 2]) == std::string_view::npos;
+    if (consonantY) text.pop_back();
+    return text + (consonantY ? "ies" : "s");
 }
 
 void printRemovedCount(std::int64_t count, std::string_view noun, const GlobalOptions& globals) {
@@ -82,6 +86,13 @@ std::string numberText(double value) {
     char buffer[32];
     const auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
     return std::string(buffer, end);
+}
+
+std::string groupedInteger(std::int64_t value) {
+    std::string digits = std::to_string(value);
+    const std::size_t first = digits[0] == '-' ? 1 : 0;
+    for (std::size_t i = digits.size(); i > first + 3; i -= 3) digits.insert(i - 3, ",");
+    return digits;
 }
 
 std::string usdText(double value) {
@@ -111,6 +122,7 @@ std::string alignedRows(const std::vector<std::vector<std::string>>& rows) {
             line += row[i];
             if (i + 1 < row.size()) line.append(widths[i] - displayWidth(row[i]) + 2, ' ');
         }
+        while (!line.empty() && line.back() == ' ') line.pop_back();  // an empty last cell leaves no blanks
         text += line + "\n";
     }
     return text;

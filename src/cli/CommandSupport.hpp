@@ -79,7 +79,7 @@ void printJson(const T& document) {
     writeOutput("-", json::encode(document, true) + "\n");
 }
 
-// "1 snapshot", "2 snapshots".
+// "1 snapshot", "2 snapshots"; nouns ending in a consonant and "y" take "ies" ("2 entries").
 std::string counted(std::int64_t count, std::string_view noun);
 
 // "<count> <what>", or {"removed": count} with --json.
@@ -87,6 +87,27 @@ void printRemovedCount(std::int64_t count, std::string_view noun, const GlobalOp
 
 // The shortest form that reads back as the same double: "3", "0.3", "18.75", "1e-07".
 std::string numberText(double value);
+
+// An integer with thousands separators: "1,234,567".
+std::string groupedInteger(std::int64_t value);
+
+// The enumerator of E named `text` (its JSON name). Throws UsageError naming `option`.
+template <class E>
+E parseEnumeration(const std::string& text, std::string_view option) {
+    E value{};
+    if (!boost::describe::enum_from_string(text.c_str(), value)) {
+        throw UsageError(std::string(option) + ": unknown value \"" + text + "\"");
+    }
+    return value;
+}
+
+// The names of E's enumerators, for CLI::IsMember.
+template <class E>
+std::vector<std::string> enumerationNames() {
+    std::vector<std::string> names;
+    boost::mp11::mp_for_each<boost::describe::describe_enumerators<E>>([&](auto e) { names.emplace_back(e.name); });
+    return names;
+}
 
 // US dollars for people: "$1,234.56"; amounts under a dollar keep up to six decimals
 // ("$0.0042"), so a cost of a few tokens does not read as zero; "-$0.50" below zero.

@@ -14,5 +14,8 @@ void registerHistoryCommand(CLI::App& root, GlobalOptions& globals);
 void registerSourcesCommand(CLI::App& root, GlobalOptions& globals);
 void registerCatalogCommand(CLI::App& root, GlobalOptions& globals);
 void registerCostCommand(CLI::App& root, GlobalOptions& globals);
+void registerLedgerCommand(CLI::App& root, GlobalOptions& globals);
+void registerSessionsCommand(CLI::App& root, GlobalOptions& globals);
+void registerRegistryCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

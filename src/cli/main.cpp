@@ -31,6 +31,9 @@ int main(int argc, char** argv) {
     registerSourcesCommand(root, globals);
     registerCatalogCommand(root, globals);
     registerCostCommand(root, globals);
+    registerLedgerCommand(root, globals);
+    registerSessionsCommand(root, globals);
+    registerRegistryCommand(root, globals);
 
     try {
         root.parse(argc, argv);
