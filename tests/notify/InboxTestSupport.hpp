@@ -1,0 +1,96 @@
+#pragma once
+
+// Entries, stores and second processes for the inbox tests.
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+
+#include "../stores/StoreTestSupport.hpp"
+#include "gaugepoint/notify/QuotaNotifyInboxStore.hpp"
+
+namespace gaugepoint::testing {
+
+// 2026-11-21T12:00:00Z, the clock of configurationIn().
+constexpr double kNoon = 1795262400;
+
+inline QuotaNotifyArchiveEntry entry(const std::string& id, double createdAt, const std::string& thread = "t",
+                                     const std::string& category = "general", std::optional<std::string> group = {}) {
+    QuotaNotifyArchiveEntry e;
+    e.envelopeID = id;
+    e.threadID = thread;
+    e.createdAt = dateFromSeconds(createdAt);
+    e.archivedAt = dateFromSeconds(createdAt + 1);
+    e.origin = "local";
+    e.title = "title " + id;
+    e.category = category;
+    e.groupID = std::move(group);
+    return e;
+}
+
+inline std::vector<std::string> idsOf(const std::vector<QuotaNotifyArchiveEntry>& entries) {
+    std::vector<std::string> ids;
+    for (const auto& e : entries) ids.push_back(e.envelopeID);
+    return ids;
+}
+
+inline std::string failureOf(const std::function<void()>& operation) {
+    try {
+        operation();
+    } catch (const Error& e) {
+        return e.what();
+    }
+    return "(no failure)";
+}
+
+// Runs `child` in a forked process and returns its pid; its return value is the exit status.
+inline pid_t inChildProcess(const std::function<int()>& child) {
+    const pid_t pid = ::fork();
+    if (pid == 0) ::_exit(child());
+    return pid;
+}
+
+inline int exitStatus(pid_t pid) {
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+}
+
+// A second process, forked when this is made and so before this process opens the inbox (an
+// open connection, and SQLite's lock bookkeeping of its file, must not cross a fork). It runs
+// `work` when started.
+class SecondProcess {
+public:
+    explicit SecondProcess(const std::function<int()>& work) {
+        if (::pipe(go_) != 0) return;
+        pid_ = inChildProcess([&] {
+            ::close(go_[1]);
+            char byte;
+            return ::read(go_[0], &byte, 1) == 1 ? work() : 0;
+        });
+        ::close(go_[0]);
+    }
+    ~SecondProcess() {
+        if (go_[1] >= 0) ::close(go_[1]);
+        if (pid_ > 0) exitStatus(pid_);
+    }
+    SecondProcess(const SecondProcess&) = delete;
+    SecondProcess& operator=(const SecondProcess&) = delete;
+
+    // Runs the work; returns its exit status.
+    int run() {
+        (void)::write(go_[1], "x", 1);
+        ::close(go_[1]);
+        go_[1] = -1;
+        const int status = exitStatus(pid_);
+        pid_ = -1;
+        return status;
+    }
+
+private:
+    int go_[2] = {-1, -1};
+    pid_t pid_ = -1;
+};
+
+}  // namespace gaugepoint::testing
