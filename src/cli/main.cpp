@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
     registerTokensCommand(root, globals);
     registerHistoryCommand(root, globals);
     registerSourcesCommand(root, globals);
+    registerInboxCommand(root, globals);
 
     try {
         root.parse(argc, argv);
