@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <utility>
 
 #include "../stores/StoreTestSupport.hpp"
 #include "gaugepoint/notify/QuotaNotifyInboxStore.hpp"
@@ -58,37 +59,29 @@ inline int exitStatus(pid_t pid) {
 }
 
 // A second process, forked when this is made and so before this process opens the inbox (an
-// open connection, and SQLite's lock bookkeeping of its file, must not cross a fork). It runs
-// `work` when started.
+// open connection, and SQLite's lock bookkeeping of its file, must not cross a fork). run()
+// lets it do `work` and returns its exit status.
 class SecondProcess {
 public:
     explicit SecondProcess(const std::function<int()>& work) {
-        if (::pipe(go_) != 0) return;
+        EXPECT_EQ(::pipe(go_), 0);
         pid_ = inChildProcess([&] {
-            ::close(go_[1]);
             char byte;
             return ::read(go_[0], &byte, 1) == 1 ? work() : 0;
         });
-        ::close(go_[0]);
     }
-    ~SecondProcess() {
-        if (go_[1] >= 0) ::close(go_[1]);
-        if (pid_ > 0) exitStatus(pid_);
-    }
-    SecondProcess(const SecondProcess&) = delete;
-    SecondProcess& operator=(const SecondProcess&) = delete;
-
-    // Runs the work; returns its exit status.
-    int run() {
-        (void)::write(go_[1], "x", 1);
-        ::close(go_[1]);
-        go_[1] = -1;
-        const int status = exitStatus(pid_);
-        pid_ = -1;
-        return status;
-    }
+    ~SecondProcess() { finish(false); }
+    int run() { return finish(true); }
 
 private:
+    int finish(bool go) {
+        if (pid_ < 0) return -1;
+        if (go) (void)::write(go_[1], "x", 1);
+        ::close(go_[0]);
+        ::close(go_[1]);
+        return exitStatus(std::exchange(pid_, -1));
+    }
+
     int go_[2] = {-1, -1};
     pid_t pid_ = -1;
 };

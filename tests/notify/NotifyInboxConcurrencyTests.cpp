@@ -78,37 +78,5 @@ TEST(NotifyInboxConcurrency, ProcessesOpeningAnOldInboxAtOnceKeepEachOthersRows)
               (std::vector<std::string>{"child-3", "child-2", "child-1", "child-0"}));
 }
 
-TEST(NotifyInboxConcurrency, ThreadsWritingAndPagingLoseNothing) {
-    ScratchDirectory dir;
-    const QuotaNotifyInboxStore store{configurationIn(dir)};
-    std::atomic<bool> done{false};
-    std::atomic<int> failures{0}, disordered{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 3; ++t) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 60; ++i) {
-                try {
-                    store.upsert(entry("w" + std::to_string(t) + "-" + std::to_string(i), kNoon + i));
-                } catch (const Error&) {
-                    ++failures;
-                }
-            }
-        });
-    }
-    std::thread reader([&] {
-        while (!done) {
-            const auto page = store.loadPage(std::nullopt, 20);
-            for (std::size_t i = 1; i < page.size(); ++i) disordered += page[i - 1].createdAt < page[i].createdAt;
-        }
-    });
-    for (auto& thread : threads) thread.join();
-    done = true;
-    reader.join();
-    EXPECT_EQ(failures.load(), 0);
-    EXPECT_EQ(disordered.load(), 0);
-    EXPECT_EQ(store.totalCount(), 180);
-    EXPECT_EQ(store.loadPage(std::nullopt, 3).front().createdAt, dateFromSeconds(kNoon + 59));
-}
-
 }  // namespace
 }  // namespace gaugepoint
