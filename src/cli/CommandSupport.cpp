@@ -1,5 +1,8 @@
 #include "CommandSupport.hpp"
 
+#include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <iostream>
 #include <iterator>
@@ -7,6 +10,7 @@
 #include "gaugepoint/model/QuotaLanguagePreference.hpp"
 #include "gaugepoint/platform/Files.hpp"
 #include "gaugepoint/platform/Error.hpp"
+#include "gaugepoint/platform/Text.hpp"
 
 namespace gaugepoint::cli {
 
@@ -42,6 +46,8 @@ std::string readInput(const std::string& path) {
     return data;
 }
 
+std::string inputName(const std::string& path) { return path.empty() || path == "-" ? "standard input" : path; }
+
 void writeOutput(const std::string& path, std::string_view bytes) {
     if (!path.empty() && path != "-") {
         writeFileAtomically(path, bytes);
@@ -50,6 +56,64 @@ void writeOutput(const std::string& path, std::string_view bytes) {
     if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size() || std::fflush(stdout) != 0) {
         throw Error("cannot write standard output");
     }
+}
+
+QuotaSyncConfiguration resolveConfiguration(const GlobalOptions& globals) {
+    QuotaSyncConfiguration configuration = QuotaSyncConfiguration::standard();
+    if (!globals.appGroupDir.empty()) configuration.appGroupDirectory = std::filesystem::path(globals.appGroupDir);
+    if (!globals.now.empty()) configuration.clock = Clock::fixedAt(resolveNow(globals));
+    return configuration;
+}
+
+std::string counted(std::int64_t count, std::string_view noun) {
+    return std::to_string(count) + " " + std::string(noun) + (count == 1 ? "" : "s");
+}
+
+void printRemovedCount(std::int64_t count, std::string_view noun, const GlobalOptions& globals) {
+    if (!globals.json) return writeOutput("-", counted(count, noun) + " removed\n");
+    json::JsonWriter w;
+    w.beginObject();
+    json::writeMember(w, "removed", count);
+    w.endObject();
+    writeOutput("-", w.take() + "\n");
+}
+
+std::string numberText(double value) {
+    char buffer[32];
+    const auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+    return std::string(buffer, end);
+}
+
+std::string usdText(double value) {
+    const double magnitude = std::fabs(value);
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, magnitude >= 1 || magnitude == 0 ? "%.2f" : "%.6f", magnitude);
+    std::string digits = buffer;
+    if (magnitude < 1 && magnitude != 0) {
+        while (digits.back() == '0' && digits.size() > digits.find('.') + 3) digits.pop_back();
+    }
+    // Thousands separators in the whole part.
+    const std::size_t point = digits.find('.');
+    for (std::size_t i = point; i > 3; i -= 3) digits.insert(i - 3, ",");
+    return (value < 0 ? "-$" : "$") + digits;
+}
+
+std::string alignedRows(const std::vector<std::vector<std::string>>& rows) {
+    std::vector<std::size_t> widths;
+    for (const auto& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], displayWidth(row[i]));
+    }
+    std::string text;
+    for (const auto& row : rows) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            line += row[i];
+            if (i + 1 < row.size()) line.append(widths[i] - displayWidth(row[i]) + 2, ' ');
+        }
+        text += line + "\n";
+    }
+    return text;
 }
 
 }  // namespace gaugepoint::cli

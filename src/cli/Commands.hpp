@@ -12,6 +12,8 @@ void registerBlobCommand(CLI::App& root, GlobalOptions& globals);
 void registerTokensCommand(CLI::App& root, GlobalOptions& globals);
 void registerHistoryCommand(CLI::App& root, GlobalOptions& globals);
 void registerSourcesCommand(CLI::App& root, GlobalOptions& globals);
+void registerCatalogCommand(CLI::App& root, GlobalOptions& globals);
+void registerCostCommand(CLI::App& root, GlobalOptions& globals);
 void registerInboxCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

@@ -8,15 +8,7 @@
 
 namespace gaugepoint::cli {
 
-QuotaSnapshot readSnapshotDocument(const std::string& path) {
-    const std::string text = readInput(path);
-    try {
-        return json::decode<QuotaSnapshot>(text);
-    } catch (const json::DecodingError& e) {
-        throw Error("cannot decode " + (path.empty() || path == "-" ? std::string("standard input") : path) + ": " +
-                    e.what());
-    }
-}
+QuotaSnapshot readSnapshotDocument(const std::string& path) { return readDocument<QuotaSnapshot>(path); }
 
 QuotaSnapshot readSiblingSnapshot(const std::string& path) {
     const std::filesystem::path file =
@@ -61,44 +53,6 @@ std::string snapshotSummary(const QuotaSnapshot& snapshot, std::string_view lang
         }
     }
     return summary.empty() ? "-" : summary;
-}
-
-QuotaSyncConfiguration resolveConfiguration(const GlobalOptions& globals) {
-    QuotaSyncConfiguration configuration = QuotaSyncConfiguration::standard();
-    if (!globals.appGroupDir.empty()) configuration.appGroupDirectory = std::filesystem::path(globals.appGroupDir);
-    if (!globals.now.empty()) configuration.clock = Clock::fixedAt(resolveNow(globals));
-    return configuration;
-}
-
-std::string counted(std::int64_t count, std::string_view noun) {
-    return std::to_string(count) + " " + std::string(noun) + (count == 1 ? "" : "s");
-}
-
-void printRemovedCount(std::int64_t count, std::string_view noun, const GlobalOptions& globals) {
-    if (!globals.json) return writeOutput("-", counted(count, noun) + " removed\n");
-    json::JsonWriter w;
-    w.beginObject();
-    json::writeMember(w, "removed", count);
-    w.endObject();
-    writeOutput("-", w.take() + "\n");
-}
-
-std::string alignedRows(const std::vector<std::vector<std::string>>& rows) {
-    std::vector<std::size_t> widths;
-    for (const auto& row : rows) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], displayWidth(row[i]));
-    }
-    std::string text;
-    for (const auto& row : rows) {
-        std::string line;
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            line += row[i];
-            if (i + 1 < row.size()) line.append(widths[i] - displayWidth(row[i]) + 2, ' ');
-        }
-        text += line + "\n";
-    }
-    return text;
 }
 
 }  // namespace gaugepoint::cli

@@ -40,22 +40,4 @@ void printWidget(const QuotaSnapshot& snapshot, std::string_view format, const G
 // One line naming each provider with what is left of its top window: "Claude 58% · Codex 88%".
 std::string snapshotSummary(const QuotaSnapshot& snapshot, std::string_view language);
 
-// The store configuration of this invocation: --app-group-dir, and --now pinning the clock.
-QuotaSyncConfiguration resolveConfiguration(const GlobalOptions& globals);
-
-// Prints a document as indented JSON on stdout.
-template <class T>
-void printJson(const T& document) {
-    writeOutput("-", json::encode(document, true) + "\n");
-}
-
-// "1 snapshot", "2 snapshots".
-std::string counted(std::int64_t count, std::string_view noun);
-
-// "<count> <what>", or {"removed": count} with --json.
-void printRemovedCount(std::int64_t count, std::string_view noun, const GlobalOptions& globals);
-
-// Rows of cells as aligned text, columns separated by two blanks.
-std::string alignedRows(const std::vector<std::vector<std::string>>& rows);
-
 }  // namespace gaugepoint::cli

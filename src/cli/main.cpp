@@ -29,6 +29,8 @@ int main(int argc, char** argv) {
     registerTokensCommand(root, globals);
     registerHistoryCommand(root, globals);
     registerSourcesCommand(root, globals);
+    registerCatalogCommand(root, globals);
+    registerCostCommand(root, globals);
     registerInboxCommand(root, globals);
 
     try {

@@ -6,7 +6,9 @@
 //   - empty optionals are left out when writing; absent or null reads as empty;
 //   - a missing required key, a wrong type or an unknown enum string fails the whole document
 //     with a DecodingError naming the key path ("providers[0].windows[1].semantic");
-//   - keys the type does not know are ignored.
+//   - keys the type does not know are ignored;
+//   - a member named in AbsentKeys<T> may be absent (or null) although it is not optional: it
+//     keeps the value a default-constructed T gives it (an empty list, a zero count).
 // A document with irregular keys specialises Coding<T> beside its type.
 
 #include <boost/describe/class.hpp>
@@ -19,6 +21,7 @@
 #include <boost/json/value.hpp>
 #include <boost/mp11/algorithm.hpp>
 
+#include <array>
 #include <cstdint>
 #include <limits>
 #include <map>
@@ -77,6 +80,21 @@ std::string_view kindName(const boost::json::value& value);
 
 template <class T, class Enable = void>
 struct Coding;  // write(JsonWriter&, const T&) and read(const boost::json::value&, const Path&)
+
+// Non-optional members of T that a document may leave out. Specialise beside the type:
+//   template <> struct json::AbsentKeys<Message> { static constexpr std::string_view keys[] = {"toolCalls"}; };
+template <class T>
+struct AbsentKeys {
+    static constexpr std::array<std::string_view, 0> keys{};
+};
+
+template <class T>
+constexpr bool mayBeAbsent(std::string_view name) {
+    for (std::string_view key : AbsentKeys<T>::keys) {
+        if (key == name) return true;
+    }
+    return false;
+}
 
 // ---- public entry points ----
 
@@ -291,8 +309,13 @@ struct Coding<T, std::enable_if_t<boost::describe::has_describe_members<T>::valu
     static T read(const boost::json::value& v, const Path& path) {
         const auto& object = expectObject(v, path);
         T value{};
-        boost::mp11::mp_for_each<Members>(
-            [&](auto member) { readMember(object, member.name, value.*member.pointer, path); });
+        boost::mp11::mp_for_each<Members>([&](auto member) {
+            if (mayBeAbsent<T>(member.name)) {
+                const boost::json::value* found = object.if_contains(member.name);
+                if (!found || found->is_null()) return;  // keeps the default
+            }
+            readMember(object, member.name, value.*member.pointer, path);
+        });
         return value;
     }
 };

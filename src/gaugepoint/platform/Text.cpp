@@ -5,6 +5,8 @@
 #include <unicode/utf8.h>
 #include <unicode/unistr.h>
 
+#include <algorithm>
+
 namespace gaugepoint {
 namespace {
 
@@ -106,11 +108,29 @@ std::string singleLine(std::string_view text) {
     return line;
 }
 
-std::string normalizedLookupKey(std::string_view name) {
-    std::string key = lowercased(trimmed(name));
+void assignNormalizedLookupKey(std::string& key, std::string_view name) {
+    const bool ascii = std::all_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    if (ascii) {
+        // The common case, without ICU: ASCII white space is the only white space ASCII has, and
+        // its lower case is the Unicode lower case.
+        const auto blank = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
+        while (!name.empty() && blank(name.front())) name.remove_prefix(1);
+        while (!name.empty() && blank(name.back())) name.remove_suffix(1);
+        key.assign(name);
+        for (char& c : key) {
+            if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
+        }
+    } else {
+        key = lowercased(trimmed(name));
+    }
     for (char& c : key) {
         if (c == '_' || c == ' ') c = '-';
     }
+}
+
+std::string normalizedLookupKey(std::string_view name) {
+    std::string key;
+    assignNormalizedLookupKey(key, name);
     return key;
 }
 

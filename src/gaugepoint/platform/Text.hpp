@@ -15,6 +15,8 @@ std::string uppercased(std::string_view text);
 
 // The one key every name lookup goes through: trimmed, lower-cased, "_" and " " replaced by "-".
 std::string normalizedLookupKey(std::string_view name);
+// The same key written into `key`, reusing its storage (for hot lookups).
+void assignNormalizedLookupKey(std::string& key, std::string_view name);
 
 // `text` fit for one line of a terminal: every control character (C0, DEL, C1) and line or
 // paragraph separator becomes a space, so a name read from a file cannot break a line.
