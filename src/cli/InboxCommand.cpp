@@ -1,7 +1,6 @@
 // gaugepoint inbox: the notification inbox in quota-notify-inbox.sqlite.
 
 #include "Commands.hpp"
-#include "SnapshotOutput.hpp"
 #include "gaugepoint/notify/QuotaNotifyInboxStore.hpp"
 #include "gaugepoint/platform/Text.hpp"
 
@@ -51,8 +50,7 @@ std::vector<QuotaNotifyArchiveEntry> decodeEntries(const std::string& path) {
         if (document.is_array()) return json::fromValue<std::vector<QuotaNotifyArchiveEntry>>(document);
         return {json::fromValue<QuotaNotifyArchiveEntry>(document)};
     } catch (const json::DecodingError& e) {
-        throw Error("cannot decode " + (path.empty() || path == "-" ? std::string("standard input") : path) + ": " +
-                    e.what());
+        throw Error("cannot decode " + inputName(path) + ": " + e.what());
     }
 }
 

@@ -68,14 +68,7 @@ BOOST_DESCRIBE_STRUCT(QuotaNotifyArchiveEntry, (),
 
 }  // namespace gaugepoint
 
-namespace gaugepoint::json {
-
-// The described members with the defaults above for title, body, category, isArchive and
-// deliveredVia; every member is written.
 template <>
-struct Coding<QuotaNotifyArchiveEntry> {
-    static void write(JsonWriter& w, const QuotaNotifyArchiveEntry& v);
-    static QuotaNotifyArchiveEntry read(const boost::json::value& v, const Path& path);
+struct gaugepoint::json::AbsentKeys<gaugepoint::QuotaNotifyArchiveEntry> {
+    static constexpr std::string_view keys[] = {"title", "body", "category", "isArchive", "deliveredVia"};
 };
-
-}  // namespace gaugepoint::json
