@@ -17,5 +17,6 @@ void registerCostCommand(CLI::App& root, GlobalOptions& globals);
 void registerLedgerCommand(CLI::App& root, GlobalOptions& globals);
 void registerSessionsCommand(CLI::App& root, GlobalOptions& globals);
 void registerRegistryCommand(CLI::App& root, GlobalOptions& globals);
+void registerInboxCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

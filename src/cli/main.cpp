@@ -34,6 +34,7 @@ int main(int argc, char** argv) {
     registerLedgerCommand(root, globals);
     registerSessionsCommand(root, globals);
     registerRegistryCommand(root, globals);
+    registerInboxCommand(root, globals);
 
     try {
         root.parse(argc, argv);

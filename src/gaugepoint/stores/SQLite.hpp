@@ -49,7 +49,9 @@ private:
     sqlite3* db_;
 };
 
-// A prepared statement, finalized when it goes out of scope (on error paths too).
+// A prepared statement, finalized when it goes out of scope (on error paths too). It keeps its
+// own copy of the connection handle, so it may outlive the Connection value it was made from (a
+// statement cache keeps statements across calls); it must not outlive the open connection.
 class Statement {
 public:
     // Prepares `sql` (NUL-terminated, length -1). Throws Failure(prepareLabel).
@@ -88,7 +90,7 @@ public:
     bool isNull(int column) const;
 
 private:
-    Connection& connection_;
+    Connection connection_;
     sqlite3_stmt* statement_ = nullptr;
     std::string executeLabel_;
 };

@@ -41,7 +41,7 @@ void SQLiteConnectionHolder::open(const SQLiteStoreSetup& setup) {
         connection.execWaitingOutLocks("PRAGMA journal_mode=WAL", "set journal mode", kBusyTimeout);
         connection.exec("PRAGMA synchronous=NORMAL", "set synchronous");
         connection.exec("PRAGMA mmap_size=268435456", "set mmap size");
-        connection.exec(setup.schemaScript, "ensure schema");
+        if (setup.schemaScript) connection.exec(setup.schemaScript, "ensure schema");
         if (setup.migrate) setup.migrate(connection);
     } catch (...) {
         close();  // nothing stays half-open; the next call opens again

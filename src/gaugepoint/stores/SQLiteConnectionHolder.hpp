@@ -15,7 +15,8 @@ namespace gaugepoint {
 // What one store needs done when its database is opened.
 struct SQLiteStoreSetup {
     std::string openFailurePrefix;  // "Unable to open history database at "
-    const char* schemaScript;       // CREATE ... IF NOT EXISTS, run as one multi-statement execution
+    const char* schemaScript;       // CREATE ... IF NOT EXISTS, run as one multi-statement execution;
+                                    // null when `migrate` builds the schema itself
     std::function<void(sqlite::Connection&)> migrate;  // after the schema; may be empty
 };
 
