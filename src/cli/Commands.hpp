@@ -14,5 +14,6 @@ void registerHistoryCommand(CLI::App& root, GlobalOptions& globals);
 void registerSourcesCommand(CLI::App& root, GlobalOptions& globals);
 void registerCatalogCommand(CLI::App& root, GlobalOptions& globals);
 void registerCostCommand(CLI::App& root, GlobalOptions& globals);
+void registerSyncCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

@@ -31,6 +31,7 @@ int main(int argc, char** argv) {
     registerSourcesCommand(root, globals);
     registerCatalogCommand(root, globals);
     registerCostCommand(root, globals);
+    registerSyncCommand(root, globals);
 
     try {
         root.parse(argc, argv);
