@@ -291,7 +291,9 @@ TEST(SameAccountRecordCodec, MissingRequiredFieldsAgreesWithTheDecoders) {
         {Codec::makeNotifyEventTombstoneRecord("env-42", kEpoch, when, when),
          [](const auto& r) { Codec::decodeNotifyEventTombstoneEnvelopeID(r); }},
     };
-    for (const auto& [record, decode] : cases) {
+    for (const auto& entry : cases) {
+        const QuotaCloudRecord& record = entry.first;
+        const auto& decode = entry.second;
         EXPECT_TRUE(Codec::missingRequiredFields(record).empty()) << record.recordType;
         for (const auto& field : record.fields) {
             if (field.key == "isTombstoned") continue;  // turns a deletion into a live record and back
