@@ -18,5 +18,6 @@ void registerLedgerCommand(CLI::App& root, GlobalOptions& globals);
 void registerSessionsCommand(CLI::App& root, GlobalOptions& globals);
 void registerRegistryCommand(CLI::App& root, GlobalOptions& globals);
 void registerInboxCommand(CLI::App& root, GlobalOptions& globals);
+void registerSyncCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

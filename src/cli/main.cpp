@@ -35,6 +35,7 @@ int main(int argc, char** argv) {
     registerSessionsCommand(root, globals);
     registerRegistryCommand(root, globals);
     registerInboxCommand(root, globals);
+    registerSyncCommand(root, globals);
 
     try {
         root.parse(argc, argv);

@@ -5,6 +5,7 @@
 
 #include "TestSupport.hpp"
 #include "gaugepoint/platform/QuotaSyncConfiguration.hpp"
+#include "gaugepoint/platform/UbiquitousKeyValueStore.hpp"
 #include "gaugepoint/platform/UserDefaults.hpp"
 
 namespace gaugepoint {
@@ -43,6 +44,38 @@ TEST(FileUserDefaults, ADamagedFileReadsAsEmptyAndIsReplacedOnWrite) {
     EXPECT_FALSE(defaults.value("quota.marker"));
     defaults.setValue("name", "not a bool");
     EXPECT_FALSE(defaults.boolValue("name"));
+}
+
+TEST(FileUbiquitousKeyValueStore, TheStandInLivesInTheAppGroupDirectoryAndKeepsAnotherProcesssChanges) {
+    ScratchDirectory dir;
+    QuotaSyncConfiguration configuration;
+    configuration.appGroupDirectory = dir / "group";
+    const auto store = configuration.resolvedUbiquitousKeyValueStore();
+    ASSERT_TRUE(store);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        FileUbiquitousKeyValueStore other{dir / "group" / "quota-kvs.json"};
+        for (int i = 0; i < 50; ++i) other.setValue("child." + std::to_string(i), i);
+        ::_exit(0);
+    }
+    for (int i = 0; i < 50; ++i) store->setValue("parent." + std::to_string(i), i);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(store->value("child." + std::to_string(i)), boost::json::value(i));
+        EXPECT_EQ(store->value("parent." + std::to_string(i)), boost::json::value(i));
+    }
+    store->removeValue("child.0");
+    EXPECT_FALSE(FileUbiquitousKeyValueStore(dir / "group" / "quota-kvs.json").value("child.0"));
+
+    // An injected store wins over the file; without a resolvable directory there is none.
+    configuration.ubiquitousKeyValueStore = std::make_shared<InMemoryUbiquitousKeyValueStore>();
+    EXPECT_EQ(configuration.resolvedUbiquitousKeyValueStore(), configuration.ubiquitousKeyValueStore);
+    testing::writeFile(dir / "blocker", "");
+    QuotaSyncConfiguration blocked;
+    blocked.appGroupDirectory = dir / "blocker" / "group";
+    EXPECT_FALSE(blocked.resolvedUbiquitousKeyValueStore());
 }
 
 TEST(QuotaSyncConfiguration, AppGroupDirectoryIsExplicitThenEnvironmentThenPlatformDefault) {

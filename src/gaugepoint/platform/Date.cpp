@@ -1,6 +1,7 @@
 #include "gaugepoint/platform/Date.hpp"
 
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 
 namespace gaugepoint {
@@ -126,6 +127,15 @@ std::optional<Date> parseISO8601(std::string_view text) {
     const auto days = sys_days{ymd}.time_since_epoch().count();
     const double seconds = double(days) * 86400.0 + *h * 3600.0 + *mi * 60.0 + *s - *offset;
     return dateFromSeconds(seconds + fraction);
+}
+
+std::int64_t millisecondsSince1970(Date date) {
+    const double millis = secondsSince1970(date) * 1000.0;
+    if (std::isnan(millis)) return 0;
+    // ±2^63 as doubles; llround is defined only inside that range.
+    if (millis >= 9223372036854775808.0) return INT64_MAX;
+    if (millis <= -9223372036854775808.0) return INT64_MIN;
+    return std::llround(millis);
 }
 
 }  // namespace gaugepoint

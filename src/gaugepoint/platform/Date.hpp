@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,6 +16,10 @@ inline Date dateFromSeconds(double secondsSince1970) {
     return Date{std::chrono::duration<double>{secondsSince1970}};
 }
 inline double secondsSince1970(Date date) { return date.time_since_epoch().count(); }
+
+// Whole milliseconds since 1970: seconds × 1000 rounded to nearest, halves away from zero,
+// clamped to the signed 64-bit range (a NaN date gives 0).
+std::int64_t millisecondsSince1970(Date date);
 
 // "2026-11-21T13:19:00Z" in UTC; fractional seconds (up to six digits, trailing zeros dropped)
 // only when the value has them. Dates outside years 0000-9999 are clamped to that range.

@@ -44,4 +44,11 @@ std::optional<std::filesystem::path> QuotaSyncConfiguration::resolvedAppGroupDir
     return directory;
 }
 
+std::shared_ptr<UbiquitousKeyValueStore> QuotaSyncConfiguration::resolvedUbiquitousKeyValueStore() const {
+    if (ubiquitousKeyValueStore) return ubiquitousKeyValueStore;
+    const auto directory = resolvedAppGroupDirectory();
+    if (!directory) return nullptr;
+    return std::make_shared<FileUbiquitousKeyValueStore>(*directory / FileUbiquitousKeyValueStore::defaultFilename);
+}
+
 }  // namespace gaugepoint

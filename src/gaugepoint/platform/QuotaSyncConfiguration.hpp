@@ -6,6 +6,7 @@
 #include <string>
 
 #include "gaugepoint/platform/Clock.hpp"
+#include "gaugepoint/platform/UbiquitousKeyValueStore.hpp"
 #include "gaugepoint/platform/UserDefaults.hpp"
 
 namespace gaugepoint {
@@ -22,6 +23,9 @@ struct QuotaSyncConfiguration {
     std::optional<std::filesystem::path> ubiquityDirectory;
     Clock clock;
     std::shared_ptr<UserDefaults> userDefaults = std::make_shared<InMemoryUserDefaults>();
+    // The key-value store shared with the user's other machines; absent: the file-backed
+    // stand-in FileUbiquitousKeyValueStore::defaultFilename in the App Group directory.
+    std::shared_ptr<UbiquitousKeyValueStore> ubiquitousKeyValueStore;
 
     // The configuration of this user: defaults in FileUserDefaults::standardLocation(), the
     // ubiquity directory from GAUGEPOINT_UBIQUITY_DIR, the system clock.
@@ -32,6 +36,10 @@ struct QuotaSyncConfiguration {
     // elsewhere $XDG_DATA_HOME/gaugepoint (default ~/.local/share/gaugepoint). None when it
     // cannot be resolved or created.
     std::optional<std::filesystem::path> resolvedAppGroupDirectory() const;
+
+    // ubiquitousKeyValueStore, else the stand-in file in the App Group directory; none when
+    // that directory cannot be resolved or created.
+    std::shared_ptr<UbiquitousKeyValueStore> resolvedUbiquitousKeyValueStore() const;
 };
 
 }  // namespace gaugepoint

@@ -5,11 +5,11 @@
 #include <boost/json/value.hpp>
 
 #include <filesystem>
-#include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "gaugepoint/platform/JsonKeyValues.hpp"
 
 namespace gaugepoint {
 
@@ -37,8 +37,7 @@ public:
     void removeValue(std::string_view key) override;
 
 private:
-    mutable std::mutex lock_;
-    std::map<std::string, boost::json::value, std::less<>> values_;
+    InMemoryJsonValues values_;
 };
 
 // Defaults kept in one JSON object file. Every change re-reads the file under an exclusive
@@ -55,11 +54,10 @@ public:
     void setValue(std::string_view key, const boost::json::value& value) override;
     void removeValue(std::string_view key) override;
 
-    const std::filesystem::path& file() const { return file_; }
+    const std::filesystem::path& file() const { return file_.file(); }
 
 private:
-    void update(std::string_view key, const std::optional<boost::json::value>& value);
-    std::filesystem::path file_;
+    JsonObjectFile file_;
 };
 
 }  // namespace gaugepoint
