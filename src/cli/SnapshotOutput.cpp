@@ -9,7 +9,7 @@
 namespace gaugepoint::cli {
 
 QuotaSnapshot readSnapshotDocument(const std::string& path) {
-    const std::string text = readInput(path);
+    const std::string text = readInput(path, InputLimit::document("a snapshot document"));
     try {
         return json::decode<QuotaSnapshot>(text);
     } catch (const json::DecodingError& e) {

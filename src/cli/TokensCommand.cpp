@@ -1,5 +1,6 @@
 // gaugepoint tokens: the GPT-2 tokenizer and the quota token estimate, for scripts and checks.
 
+#include <charconv>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +22,26 @@ std::vector<int> parseIds(const std::string& text) {
     }
 }
 
+std::string inputName(const std::string& path) { return path.empty() || path == "-" ? "standard input" : path; }
+
+// The ids as one JSON array on stdout ("[31373,995]"), written in pieces so a long text never
+// needs its whole array as one string.
+void writeIds(const std::vector<int>& ids) {
+    std::string text = "[";
+    text.reserve(std::size_t{1} << 20);
+    char digits[16];
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        if (i != 0) text += ',';
+        const auto end = std::to_chars(digits, digits + sizeof digits, ids[i]).ptr;
+        text.append(digits, end);
+        if (text.size() >= (std::size_t{1} << 20) - 32) {
+            writeOutput("-", text);
+            text.clear();
+        }
+    }
+    writeOutput("-", text + "]\n");
+}
+
 std::string countOutput(std::string_view text, bool asJson) {
     const TokenEstimate estimate = QuotaTokenEstimator::shared().estimate(text);
     return (asJson ? json::encode(estimate) : std::to_string(estimate.tokens)) + "\n";
@@ -29,22 +50,32 @@ std::string countOutput(std::string_view text, bool asJson) {
 }  // namespace
 
 void registerTokensCommand(CLI::App& root, GlobalOptions& globals) {
-    auto input = std::make_shared<std::string>();
+    struct Options {
+        std::string input;
+        BulkInputLimit limit;
+    };
+    auto options = std::make_shared<Options>();
     CLI::App* group = addGroup(root, "tokens", "GPT-2 token ids and quota token estimates");
     group->require_subcommand(1);
     const auto verb = [&](const char* name, const char* description) {
         CLI::App* command = addGroup(*group, name, description);
-        command->add_option("file", *input, "Input file, or - for standard input (the default)")->option_text("FILE|-");
+        command->add_option("file", options->input, "Input file, or - for standard input (the default)")->option_text("FILE|-");
+        addMaxInputBytesOption(*command, options->limit);
         return command;
     };
-    verb("encode", "Print the GPT-2 token ids of a text as a JSON array")->callback([input] {
-        writeOutput("-", json::encode(GPTEncoder().encode(readInput(*input))) + "\n");
+    verb("encode", "Print the GPT-2 token ids of a text as a JSON array")->callback([options] {
+        const std::string text = readInput(options->input, options->limit.of("a text to tokenize"));
+        writeIds(whileDoing("encoding the tokens of " + inputName(options->input), [&] { return GPTEncoder().encode(text); }));
     });
-    verb("decode", "Print the text of a JSON array of GPT-2 token ids")->callback([input] {
-        writeOutput("-", GPTEncoder().decode(parseIds(readInput(*input))));
+    verb("decode", "Print the text of a JSON array of GPT-2 token ids")->callback([options] {
+        const std::string ids = readInput(options->input, options->limit.of("a list of token ids"));
+        writeOutput("-", whileDoing("decoding the token ids of " + inputName(options->input),
+                                    [&] { return GPTEncoder().decode(parseIds(ids)); }));
     });
-    verb("count", "Print the quota token estimate of a text (--json: with method and raw count)")->callback([input, &globals] {
-        writeOutput("-", countOutput(readInput(*input), globals.json));
+    verb("count", "Print the quota token estimate of a text (--json: with method and raw count)")->callback([options, &globals] {
+        const std::string text = readInput(options->input, options->limit.of("a text to tokenize"));
+        writeOutput("-", whileDoing("counting the tokens of " + inputName(options->input),
+                                    [&] { return countOutput(text, globals.json); }));
     });
 }
 

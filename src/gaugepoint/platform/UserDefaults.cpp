@@ -42,7 +42,7 @@ namespace {
 
 boost::json::object readObject(const std::filesystem::path& file) {
     try {
-        auto document = json::parse(readWholeFile(file));
+        auto document = json::parse(readInputFile(file, InputLimit::document("a defaults file")));
         if (document.is_object()) return std::move(document.get_object());
     } catch (const Error&) {
         // A missing or damaged file holds no defaults; the next write replaces it whole.

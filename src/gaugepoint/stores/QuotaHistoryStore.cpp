@@ -116,7 +116,7 @@ std::optional<QuotaHistoryTimeline> readLegacyTimeline(const QuotaSyncConfigurat
         std::error_code error;
         if (!std::filesystem::is_regular_file(file, error)) continue;
         try {
-            return json::decode<QuotaHistoryTimeline>(readWholeFile(file));
+            return json::decode<QuotaHistoryTimeline>(readInputFile(file, InputLimit::document("a history document")));
         } catch (const Error&) {
             return std::nullopt;
         }
