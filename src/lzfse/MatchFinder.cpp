@@ -241,10 +241,16 @@ void encodeLzfseBlocks(std::vector<std::uint8_t> head, Source& source, Sink& sin
     Encoder encoder(out);
     std::vector<std::uint8_t>& window = head;
     std::size_t held = window.size();
-    window.resize(std::max(held, kWindowBytes) + 16);  // + 16: copies may read a word past the end
+    // Starts at 1 MiB and doubles up to kWindowBytes while the input keeps coming, so a short
+    // input faults in few pages. + 16: copies may read a word past the end.
+    window.resize(std::max(held, std::size_t{1} << 20) + 16);
     bool ended = false;
     const auto fill = [&] {
-        while (!ended && held < window.size() - 16) {
+        while (!ended) {
+            if (held == window.size() - 16) {
+                if (held >= kWindowBytes) return;
+                window.resize(std::min(2 * held, kWindowBytes) + 16);
+            }
             const std::size_t got = source.read(window.data() + held, window.size() - 16 - held);
             ended = got == 0;
             held += got;

@@ -19,7 +19,8 @@ OutputBuffer::OutputBuffer(std::size_t limit, std::vector<std::uint8_t> storage,
 OutputBuffer::OutputBuffer(std::uint64_t limit, Sink& sink)
     : limit_(static_cast<std::size_t>(std::min<std::uint64_t>(limit, std::numeric_limits<std::size_t>::max()))),
       sink_(&sink), totalLimit_(limit) {
-    buf_.resize(std::min(kHistory + kStreamChunk, limit_) + kSlack);
+    // Starts small (a short stream faults in few pages) and doubles up to its full size.
+    buf_.resize(std::min(kHistory, limit_) + kSlack);
     capacity_ = std::min(buf_.size() - kSlack, limit_);
 }
 
@@ -37,6 +38,11 @@ std::size_t OutputBuffer::grow(std::size_t n) {
     checkLimit(n);
     std::size_t moved = 0;
     if (sink_ != nullptr) {
+        const std::size_t full = kHistory + kStreamChunk;
+        if (buf_.size() - kSlack < full && pos_ + n > buf_.size() - kSlack) {
+            resize(std::min({std::max(pos_ + n, 2 * (buf_.size() - kSlack)), std::max(pos_ + n, full), limit_}));
+            return 0;
+        }
         if (pos_ > kHistory) {
             moved = pos_ - kHistory;
             sink_->write(buf_.data(), moved);

@@ -30,6 +30,7 @@ public:
 
     // Streams to `sink`, holding at most kHistory + kStreamChunk bytes (plus what one
     // ensure() asks beyond that). Call finish() once the stream has ended.
+    // (The whole output goes to the sink in order; matches never reach what was handed over.)
     OutputBuffer(std::uint64_t limit, Sink& sink);
 
     std::size_t size() const noexcept { return pos_; }
