@@ -24,22 +24,26 @@ std::vector<int> parseIds(const std::string& text) {
 
 std::string inputName(const std::string& path) { return path.empty() || path == "-" ? "standard input" : path; }
 
-// The ids as one JSON array on stdout ("[31373,995]"), written in pieces so a long text never
-// needs its whole array as one string.
-void writeIds(const std::vector<int>& ids) {
-    std::string text = "[";
-    text.reserve(std::size_t{1} << 20);
-    char digits[16];
-    for (std::size_t i = 0; i < ids.size(); ++i) {
-        if (i != 0) text += ',';
-        const auto end = std::to_chars(digits, digits + sizeof digits, ids[i]).ptr;
-        text.append(digits, end);
-        if (text.size() >= (std::size_t{1} << 20) - 32) {
-            writeOutput("-", text);
-            text.clear();
+// The ids of a text as one JSON array on stdout ("[31373,995]"), written as they are encoded in
+// pieces of about 1 MiB, so a long text never needs all its ids or their text at once.
+void writeIds(GPTEncoder& encoder, std::string_view text) {
+    std::string out(std::size_t{1} << 20, '\0');
+    std::size_t used = 0;
+    out[used++] = '[';
+    bool first = true;
+    encoder.encode(text, [&](std::span<const int> ids) {
+        for (const int id : ids) {
+            if (used > out.size() - 16) {
+                writeOutput("-", std::string_view(out).substr(0, used));
+                used = 0;
+            }
+            if (!first) out[used++] = ',';
+            first = false;
+            used = static_cast<std::size_t>(std::to_chars(out.data() + used, out.data() + out.size(), id).ptr - out.data());
         }
-    }
-    writeOutput("-", text + "]\n");
+    });
+    out.replace(used, 2, "]\n");
+    writeOutput("-", std::string_view(out).substr(0, used + 2));
 }
 
 std::string countOutput(std::string_view text, bool asJson) {
@@ -65,7 +69,8 @@ void registerTokensCommand(CLI::App& root, GlobalOptions& globals) {
     };
     verb("encode", "Print the GPT-2 token ids of a text as a JSON array")->callback([options] {
         const std::string text = readInput(options->input, options->limit.of("a text to tokenize"));
-        writeIds(whileDoing("encoding the tokens of " + inputName(options->input), [&] { return GPTEncoder().encode(text); }));
+        GPTEncoder encoder;
+        whileDoing("encoding the tokens of " + inputName(options->input), [&] { writeIds(encoder, text); });
     });
     verb("decode", "Print the text of a JSON array of GPT-2 token ids")->callback([options] {
         const std::string ids = readInput(options->input, options->limit.of("a list of token ids"));
