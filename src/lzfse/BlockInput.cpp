@@ -7,39 +7,33 @@
 
 namespace gaugepoint::lzfse::detail {
 
-const std::uint8_t* BlockInput::fetch(const char* what, std::size_t offset, std::size_t n) {
-    if (source_ != nullptr && !eof_) {
-        // Drop what was released, then read until the part is held or the stream ends; one
-        // read asks for a whole piece more, so small blocks do not cost a call each.
-        const std::size_t keep = std::min({released_, offset, end_});
-        const std::size_t held = end_ - keep;
-        const std::size_t wanted = std::max(offset + n - keep, held + kPieceBytes);
-        if (keep != start_ && held != 0) std::memmove(buffer_.data(), data_ + (keep - start_), held);
-        start_ = keep;
-        if (buffer_.size() < wanted) buffer_.resize(wanted);
-        data_ = buffer_.data();
-        while (end_ - offset < n || offset > end_) {
-            const std::size_t got = source_->read(buffer_.data() + (end_ - start_), wanted - (end_ - start_));
-            if (got == 0) {
-                eof_ = true;
-                break;
-            }
-            end_ += got;
+// Drops what was released, then reads until [offset, offset + n) is held or the stream ends;
+// one read asks for a whole piece more, so small blocks do not cost a call each.
+bool BlockInput::fill(std::size_t offset, std::size_t n) {
+    if (source_ == nullptr || eof_) return false;
+    const std::size_t keep = std::min({released_, offset, end_});
+    const std::size_t held = end_ - keep;
+    const std::size_t wanted = std::max(offset + n - keep, held + kPieceBytes);
+    if (keep != start_ && held != 0) std::memmove(buffer_.data(), data_ + (keep - start_), held);
+    start_ = keep;
+    if (buffer_.size() < wanted) buffer_.resize(wanted);
+    data_ = buffer_.data();
+    while (offset > end_ || end_ - offset < n) {
+        const std::size_t got = source_->read(buffer_.data() + (end_ - start_), wanted - (end_ - start_));
+        if (got == 0) {
+            eof_ = true;
+            return false;
         }
-        if (offset <= end_ && n <= end_ - offset) return data_ + (offset - start_);
+        end_ += got;
     }
-    failTruncated(what, offset, n, end_ > offset ? end_ - offset : 0);
+    return true;
 }
 
-bool BlockInput::has(std::size_t offset) {
-    if (offset < end_) return true;
-    if (source_ == nullptr || eof_) return false;
-    try {
-        require("", offset, 1);
-        return true;
-    } catch (const Error&) {
-        return false;
-    }
+const std::uint8_t* BlockInput::fetch(const char* what, std::size_t offset, std::size_t n) {
+    if (!fill(offset, n)) failTruncated(what, offset, n, end_ > offset ? end_ - offset : 0);
+    return data_ + (offset - start_);
 }
+
+bool BlockInput::has(std::size_t offset) { return offset < end_ || fill(offset, 1); }
 
 }  // namespace gaugepoint::lzfse::detail

@@ -57,6 +57,7 @@ public:
 
 private:
     const std::uint8_t* fetch(const char* what, std::size_t offset, std::size_t n);
+    bool fill(std::size_t offset, std::size_t n);
 
     Source* source_ = nullptr;
     std::vector<std::uint8_t> buffer_;

@@ -27,9 +27,13 @@ using detail::BlockInput;
 std::size_t decodeRawBlock(BlockInput& input, std::size_t offset, OutputBuffer& out) {
     const std::uint32_t n = detail::load32(input.require("bvx- block header", offset, detail::kRawHeaderBytes) + 4);
     out.checkLimit(n);
-    std::size_t at = offset + detail::kRawHeaderBytes;
+    const std::size_t start = offset + detail::kRawHeaderBytes;
+    std::size_t at = start;
     for (std::size_t left = n; left != 0;) {
         const std::size_t piece = input.piece(left);
+        // A missing piece is reported as the whole block's data missing, as when it is read
+        // in one piece.
+        if (!input.has(at + piece - 1)) detail::failTruncated("bvx- block data", start, n, input.heldEnd() - start);
         const std::uint8_t* data = input.require("bvx- block data", at, piece);
         out.ensure(piece);
         std::memcpy(out.end(), data, piece);

@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -117,6 +120,34 @@ TEST(InputLimits, AnInputOfExactlyTheLimitIsRead) {
     const auto result = testing::gaugepoint({"lzfse", "compress", "-i", (dir / "in").string(), "--max-input-bytes", "1000"});
     EXPECT_EQ(result.exitCode, 0) << result.err;
     EXPECT_EQ(testing::gaugepoint({"lzfse", "decompress"}, result.out).out, std::string(1000, 'a'));
+}
+
+// An allocation failure is one line saying what was being done, never an exception's name.
+// (Not under AddressSanitizer, which cannot run within a small address space.)
+TEST(InputLimits, RunningOutOfMemoryIsOneLine) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "address space limits do not work under AddressSanitizer";
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+    GTEST_SKIP() << "address space limits do not work under AddressSanitizer";
+#endif
+#endif
+    ScratchDirectory dir;
+    const std::string input = sparseFile(dir, "in", 900u << 20);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        const rlimit limit{400u << 20, 400u << 20};
+        ::setrlimit(RLIMIT_AS, &limit);
+        if (!std::freopen((dir / "err").c_str(), "wb", stderr) || !std::freopen("/dev/null", "wb", stdout)) ::_exit(127);
+        ::execl(GAUGEPOINT_BINARY, GAUGEPOINT_BINARY, "tokens", "encode", input.c_str(), nullptr);
+        ::_exit(127);
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 1);
+    const std::string err = testing::readFile(dir / "err");
+    EXPECT_EQ(err.rfind("gaugepoint: out of memory while ", 0), 0u) << err;
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
 }
 
 }  // namespace
