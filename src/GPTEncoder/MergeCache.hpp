@@ -3,7 +3,7 @@
 // The tokenizer's merge cache: raw pre-token bytes -> the token ids they merge into. Bounded
 // and safe to share between threads without a lock:
 //
-// - A fixed table of kSlots slots (4 MiB of address space, touched as it fills), direct-mapped
+// - A fixed table of kSlots slots (2 MiB of address space, touched as it fills), direct-mapped
 //   by a hash of the bytes: a new entry replaces whatever its slot held, so the cache never
 //   grows. Pre-tokens longer than kMaxKeyBytes or merging into more than kMaxIds ids are not
 //   kept (they are rare and merged each time).
@@ -24,7 +24,7 @@ namespace gaugepoint {
 
 class MergeCache {
 public:
-    static constexpr std::size_t kSlotBits = 16;
+    static constexpr std::size_t kSlotBits = 15;
     static constexpr std::size_t kSlots = std::size_t{1} << kSlotBits;
     static constexpr std::size_t kMaxKeyBytes = 24;
     static constexpr std::size_t kMaxIds = 16;

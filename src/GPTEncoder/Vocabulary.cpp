@@ -1,6 +1,7 @@
 #include "GPTEncoder/Vocabulary.hpp"
 
 #include <algorithm>
+#include <iterator>
 #include <cstdio>
 #include <cstddef>
 #include <cstdlib>
@@ -56,6 +57,11 @@ Vocabulary::Vocabulary(std::string_view blob) : blob_(blob) {
         const auto id = idOf(*bytes);
         require(id.has_value(), "a byte has no token");
         byteIds_[b] = *id;
+    }
+    byteTokensFirst_ = std::all_of(std::begin(byteIds_), std::end(byteIds_), [](std::uint32_t id) { return id < 256; });
+    if (byteTokensFirst_) {
+        bytePairMerges_ = std::make_unique_for_overwrite<std::uint32_t[]>(256 * 256);
+        for (std::uint32_t pair = 0; pair < 256 * 256; ++pair) bytePairMerges_[pair] = findMergeInTable(pair >> 8, pair & 0xFF);
     }
 }
 
@@ -129,7 +135,7 @@ std::uint32_t Vocabulary::find(const fmt::PieceKey& key) const noexcept {
     }
 }
 
-std::uint32_t Vocabulary::findMerge(std::uint32_t left, std::uint32_t right) const noexcept {
+std::uint32_t Vocabulary::findMergeInTable(std::uint32_t left, std::uint32_t right) const noexcept {
     const auto key = fmt::pairKey(left, right);
     const std::uint32_t mask = (1u << header_.mergeSlotBits) - 1;
     for (auto slot = fmt::slotOf(fmt::hashPair(key), header_.mergeSlotBits);; slot = (slot + 1) & mask) {

@@ -4,6 +4,7 @@
 // and by pair, and the pre-tokenisation class of every code point. Immutable; thread-safe.
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string_view>
 
@@ -47,7 +48,11 @@ public:
     // The id of the token whose bytes are the key's, or kNone.
     std::uint32_t find(const vocabulary_format::PieceKey& key) const noexcept;
     // The rule merging left and right as rank << 16 | result id, or kNone.
-    std::uint32_t findMerge(std::uint32_t left, std::uint32_t right) const noexcept;
+    std::uint32_t findMerge(std::uint32_t left, std::uint32_t right) const noexcept {
+        // Pairs of one-byte tokens (the first merges of every piece) come from a direct table.
+        if ((left | right) < 256 && byteTokensFirst_) return bytePairMerges_[left << 8 | right];
+        return findMergeInTable(left, right);
+    }
 
     // Starts loading the table line idOf(key) reads first (a hint; no effect on results).
     void prefetch(const vocabulary_format::PieceKey& key) const noexcept {
@@ -80,7 +85,13 @@ private:
     std::string_view blob_;
     vocabulary_format::Header header_{};
     vocabulary_format::Layout layout_{};
+    std::uint32_t findMergeInTable(std::uint32_t left, std::uint32_t right) const noexcept;
+
     std::uint32_t byteIds_[256]{};
+    // Whether ids 0-255 are the one-byte tokens (as in GPT-2), and then findMerge() of each
+    // pair of them, indexed left << 8 | right (256 KiB).
+    bool byteTokensFirst_ = false;
+    std::unique_ptr<std::uint32_t[]> bytePairMerges_;
     CharClass asciiClasses_[128]{};
 };
 
