@@ -1,5 +1,7 @@
 // Whole-process timing of `gaugepoint lzfse compress` and `decompress`, as a user runs them:
-// file in, file out, process start and exit included. Inputs are tests/data/lzfse/mixed-2m.bin
+// file in, file out (-o, which flushes the file to disk before renaming it into place), process
+// start and exit included; the "/stdout" variants write to standard output sent to /dev/null
+// instead, which leaves out the disk. Inputs are tests/data/lzfse/mixed-2m.bin
 // repeated and cut to 1, 32 and 256 MiB, written to a scratch directory first. Counters:
 //   MB_per_s    uncompressed 10^6 bytes per second of wall time
 //   s_per_MiB   wall time per MiB of uncompressed data: flat across sizes when the work is linear
@@ -9,6 +11,7 @@
 // Each run is a fresh process; the reported time is the median of the repetitions.
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -66,15 +69,19 @@ struct Run {
     double peakMiB;
 };
 
-// Runs gaugepoint with `args`; throws unless it exits 0.
+// Runs gaugepoint with `args` (standard output to /dev/null); throws unless it exits 0.
 Run runCommand(const std::vector<std::string>& args) {
     std::vector<char*> argv{const_cast<char*>(GAUGEPOINT_BINARY)};
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     const auto start = std::chrono::steady_clock::now();
     pid_t pid = 0;
-    if (::posix_spawn(&pid, GAUGEPOINT_BINARY, nullptr, nullptr, argv.data(), environ) != 0)
-        throw std::runtime_error("cannot start " GAUGEPOINT_BINARY);
+    const int spawned = ::posix_spawn(&pid, GAUGEPOINT_BINARY, &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0) throw std::runtime_error("cannot start " GAUGEPOINT_BINARY);
     int status = 0;
     rusage usage{};
     ::wait4(pid, &status, 0, &usage);
@@ -83,14 +90,14 @@ Run runCommand(const std::vector<std::string>& args) {
     return {seconds, static_cast<double>(usage.ru_maxrss) / 1024.0};
 }
 
-void commandBench(benchmark::State& state, const Size& size, bool compress) {
+void commandBench(benchmark::State& state, const Size& size, bool compress, bool toStdout) {
     const fs::path raw = input(size.mebibytes);
     const fs::path packed = scratch() / (raw.stem().string() + ".lzfse");
     const fs::path out = scratch() / "out";
     if (!fs::exists(packed)) runCommand({"lzfse", "compress", "-i", raw.string(), "-o", packed.string()});
-    const std::vector<std::string> args = compress
-        ? std::vector<std::string>{"lzfse", "compress", "-i", raw.string(), "-o", out.string()}
-        : std::vector<std::string>{"lzfse", "decompress", "-i", packed.string(), "-o", out.string()};
+    std::vector<std::string> args = compress ? std::vector<std::string>{"lzfse", "compress", "-i", raw.string()}
+                                             : std::vector<std::string>{"lzfse", "decompress", "-i", packed.string()};
+    if (!toStdout) args.insert(args.end(), {"-o", out.string()});
     std::vector<double> times;
     double peak = 0;
     for (auto _ : state) {
@@ -114,13 +121,15 @@ void commandBench(benchmark::State& state, const Size& size, bool compress) {
 [[maybe_unused]] const bool kRegistered = [] {
     for (const Size& size : kSizes) {
         const int repetitions = size.mebibytes >= 256 ? 3 : 7;
-        for (const bool compress : {true, false}) {
-            benchmark::RegisterBenchmark(
-                ((compress ? "command/compress/" : "command/decompress/") + std::to_string(size.mebibytes) + "MiB").c_str(),
-                commandBench, size, compress)
-                ->Iterations(repetitions)
-                ->UseManualTime()
-                ->Unit(benchmark::kMillisecond);
+        for (const bool toStdout : {false, true}) {
+            for (const bool compress : {true, false}) {
+                const std::string name = std::string(compress ? "command/compress/" : "command/decompress/") +
+                                         std::to_string(size.mebibytes) + "MiB" + (toStdout ? "/stdout" : "");
+                benchmark::RegisterBenchmark(name.c_str(), commandBench, size, compress, toStdout)
+                    ->Iterations(repetitions)
+                    ->UseManualTime()
+                    ->Unit(benchmark::kMillisecond);
+            }
         }
     }
     return true;
