@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -71,7 +73,8 @@ InputFile::~InputFile() {
 
 std::size_t InputFile::read(void* buffer, std::size_t n) {
     // Never more than one byte past the limit: enough to tell that it was passed.
-    const std::uint64_t allowed = limit_.maxBytes - std::min(taken_, limit_.maxBytes) + 1;
+    const std::uint64_t left = limit_.maxBytes - std::min(taken_, limit_.maxBytes);
+    const std::uint64_t allowed = left == UINT64_MAX ? left : left + 1;
     n = static_cast<std::size_t>(std::min<std::uint64_t>(n, allowed));
     for (;;) {
         const ssize_t got = ::read(fd_, buffer, n);
