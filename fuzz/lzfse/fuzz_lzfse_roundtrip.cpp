@@ -1,5 +1,6 @@
-// Arbitrary input through the encoder and back: the result must equal the input. The first
-// byte picks a repetition count so short fuzz inputs also reach the LZFSE size range.
+// Arbitrary input through the encoder and back: the result must equal the input, and the
+// streaming encoder must write the same stream. The first byte picks a repetition count so
+// short fuzz inputs also reach the LZFSE size range.
 
 #include <algorithm>
 #include <cstddef>
@@ -20,5 +21,23 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     const auto stream = gaugepoint::lzfse::compress(input);
     if (gaugepoint::lzfse::decompress(stream, input.size()) != input) std::abort();
+    // The streaming encoder writes the same bytes.
+    struct Source : gaugepoint::lzfse::Source {
+        const std::vector<std::uint8_t>* in;
+        std::size_t at = 0;
+        std::size_t read(std::uint8_t* buffer, std::size_t n) override {
+            const std::size_t give = std::min({n, in->size() - at, std::size_t{4093}});
+            std::copy_n(in->data() + at, give, buffer);
+            at += give;
+            return give;
+        }
+    } source;
+    source.in = &input;
+    struct Sink : gaugepoint::lzfse::Sink {
+        std::vector<std::uint8_t> bytes;
+        void write(const std::uint8_t* p, std::size_t n) override { bytes.insert(bytes.end(), p, p + n); }
+    } sink;
+    gaugepoint::lzfse::compress(source, sink);
+    if (sink.bytes != stream) std::abort();
     return 0;
 }

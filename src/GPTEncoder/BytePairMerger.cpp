@@ -12,14 +12,62 @@ namespace {
 constexpr std::size_t kHeapThreshold = 48;
 constexpr std::uint32_t kNone = 0xFFFFFFFFu;
 
+// Short pieces rescan, but only the pairs a round changed are looked up again: each pair keeps
+// its rank (and merged id), and a pair of two symbols the round did not touch is the pair they
+// formed before. Merging every pair of the lowest rank, left to right and never overlapping,
+// merges exactly every occurrence of that rank's rule (a rank names one pair).
+std::size_t mergeByRescanning(const Vocabulary& vocabulary, std::uint32_t* symbols, std::size_t n) {
+    std::uint32_t rank[kHeapThreshold], from[kHeapThreshold];
+    bool fresh[kHeapThreshold];
+    // rank << 16 | result of each pair: ordering by it orders by rank (ranks are unique).
+    const auto look = [&](std::size_t i) { rank[i] = vocabulary.findMerge(symbols[i], symbols[i + 1]); };
+    for (std::size_t i = 0; i + 1 < n; ++i) look(i);
+    while (n > 1) {
+        std::uint32_t best = kNone;
+        for (std::size_t i = 0; i + 1 < n; ++i) best = std::min(best, rank[i]);
+        if (best == kNone) break;
+        std::size_t out = 0;
+        for (std::size_t i = 0; i < n; ++out) {
+            from[out] = static_cast<std::uint32_t>(i);
+            fresh[out] = i + 1 < n && rank[i] == best;
+            symbols[out] = fresh[out] ? (rank[i] & 0xFFFF) : symbols[i];
+            i += fresh[out] ? 2 : 1;
+        }
+        n = out;
+        // In place: pair j reads the rank of pair from[j] >= j, not yet overwritten.
+        for (std::size_t j = 0; j + 1 < n; ++j) {
+            if (fresh[j] || fresh[j + 1]) {
+                look(j);
+            } else {
+                rank[j] = rank[from[j]];
+            }
+        }
+    }
+    return n;
+}
+
 }  // namespace
 
+std::size_t applyMerges(const Vocabulary& vocabulary, std::uint32_t* symbols, std::size_t n) {
+    if (n <= kHeapThreshold) return mergeByRescanning(vocabulary, symbols, n);
+    std::vector<std::uint32_t> v(symbols, symbols + n);
+    applyMergesWithHeap(vocabulary, v);
+    std::copy(v.begin(), v.end(), symbols);
+    return v.size();
+}
+
 void applyMerges(const Vocabulary& vocabulary, std::vector<std::uint32_t>& symbols) {
-    if (symbols.size() <= kHeapThreshold) applyMergesByRescanning(vocabulary, symbols);
-    else applyMergesWithHeap(vocabulary, symbols);
+    symbols.resize(applyMerges(vocabulary, symbols.data(), symbols.size()));
 }
 
 void applyMergesByRescanning(const Vocabulary& vocabulary, std::vector<std::uint32_t>& symbols) {
+    // Any length: the rescanning core works on windows of at most kHeapThreshold symbols only,
+    // so longer inputs take the plain rescanning rule here (tests hold the two strategies to
+    // each other on long inputs too).
+    if (symbols.size() <= kHeapThreshold) {
+        symbols.resize(mergeByRescanning(vocabulary, symbols.data(), symbols.size()));
+        return;
+    }
     while (symbols.size() > 1) {
         std::optional<Vocabulary::Merge> best;
         for (std::size_t i = 0; i + 1 < symbols.size(); ++i) {

@@ -9,12 +9,13 @@
 //
 // One instance per estimator; every member function is safe to call from several threads.
 
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "GPTEncoder/AtomicDict.hpp"
+#include "GPTEncoder/MergeCache.hpp"
 #include "GPTEncoder/ByteMapping.hpp"
 #include "GPTEncoder/Vocabulary.hpp"
 #include "GPTEncoder/VocabularyViews.hpp"
@@ -29,15 +30,22 @@ public:
     // The token ids of text.
     std::vector<int> encode(std::string_view text);
 
+    // How many ids encode(text) gives, without keeping them.
+    std::size_t count(std::string_view text);
+
+    // The ids of text handed to `sink` in order, in batches of at most a few thousand, so a long
+    // text never needs all its ids at once. Exceptions from the sink pass through.
+    void encode(std::string_view text, const std::function<void(std::span<const int>)>& sink);
+
     // The text of ids (see above for unknown ids and ill-formed results).
     std::string decode(std::span<const int> tokens) const;
 
     // Empties the merge cache.
-    void clearCache() { cache.removeAll(); }
+    void clearCache() { cache.clear(); }
 
-    // Byte-mapped pre-token (more than one character) -> its merged form, symbols separated by
-    // single spaces. Filled by encode, unbounded; encode trusts what it finds here.
-    AtomicDict<std::string, std::string> cache;
+    // Raw pre-token bytes (a piece that is not itself one token) -> the ids it merges into.
+    // Filled by encode, bounded (see MergeCache.hpp); encode trusts what it finds here.
+    MergeCache cache;
     const TokenEncoder encoder;
     const TokenDecoder decoder;
     const MergeList bpeMerges;
@@ -46,9 +54,10 @@ public:
     const ByteDecoder byteDecoder;
 
 private:
-    void appendPiece(std::string_view piece, std::string& key, std::vector<int>& ids);
-    void appendForm(std::string_view form, std::string_view key, std::string_view piece, std::vector<int>& ids) const;
-    std::string mergedForm(std::string_view piece, std::string_view key, std::vector<int>& ids) const;
+    template <class Emit>
+    void forEachId(std::string_view text, Emit&& emit);
+    template <class Emit>
+    void pieceIds(const vocabulary_format::PieceKey& piece, Emit& emit);
 
     const Vocabulary& vocabulary_;
 };

@@ -35,12 +35,16 @@ std::size_t PreTokenizer::contractionLength(std::size_t at) const noexcept {
 }
 
 std::size_t PreTokenizer::runEnd(std::size_t at, CharClass kind) const noexcept {
-    while (at < text_.size()) {
+    const auto* p = reinterpret_cast<const unsigned char*>(text_.data());
+    const std::size_t n = text_.size();
+    for (;;) {
+        // ASCII in a tight loop; other characters decoded one by one.
+        while (at < n && p[at] < 0x80 && vocabulary_.classOf(p[at]) == kind) ++at;
+        if (at >= n || p[at] < 0x80) return at;
         const Char c = charAt(at);
-        if (c.kind != kind) break;
+        if (c.kind != kind) return at;
         at += c.length;
     }
-    return at;
 }
 
 // \s+(?!\S) then \s+: a run of two or more white-space characters followed by other text leaves

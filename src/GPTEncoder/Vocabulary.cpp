@@ -1,7 +1,9 @@
 #include "GPTEncoder/Vocabulary.hpp"
 
 #include <algorithm>
+#include <iterator>
 #include <cstdio>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -56,6 +58,11 @@ Vocabulary::Vocabulary(std::string_view blob) : blob_(blob) {
         require(id.has_value(), "a byte has no token");
         byteIds_[b] = *id;
     }
+    byteTokensFirst_ = std::all_of(std::begin(byteIds_), std::end(byteIds_), [](std::uint32_t id) { return id < 256; });
+    if (byteTokensFirst_) {
+        bytePairMerges_ = std::make_unique_for_overwrite<std::uint32_t[]>(256 * 256);
+        for (std::uint32_t pair = 0; pair < 256 * 256; ++pair) bytePairMerges_[pair] = findMergeInTable(pair >> 8, pair & 0xFF);
+    }
 }
 
 // Every offset, id and block index in range, so lookups never leave the blob.
@@ -105,27 +112,37 @@ std::string_view Vocabulary::bytesOf(std::uint32_t id) const noexcept {
     return blob_.substr(layout_.tokenBytes + begin, end - begin);
 }
 
-std::optional<std::uint32_t> Vocabulary::idOf(std::string_view bytes) const noexcept {
+// A slot holds the token's length and its first 11 bytes zero-padded: 12 bytes compared as two
+// words against the key. Only tokens longer than 11 bytes need their whole bytes compared.
+std::uint32_t Vocabulary::find(const fmt::PieceKey& key) const noexcept {
+    static_assert(sizeof(fmt::TokenSlot) == 16 && offsetof(fmt::TokenSlot, length) == 4 && fmt::kInlineTokenBytes == 11);
     const std::uint32_t mask = (1u << header_.tokenSlotBits) - 1;
-    const auto length = static_cast<std::uint8_t>(std::min<std::size_t>(bytes.size(), 255));
-    for (auto slot = fmt::slotOf(fmt::hashBytes(bytes), header_.tokenSlotBits);; slot = (slot + 1) & mask) {
-        fmt::TokenSlot entry;
-        std::memcpy(&entry, blob_.data() + layout_.tokenSlots + std::size_t{slot} * sizeof entry, sizeof entry);
-        if (entry.id == fmt::kEmptySlot) return std::nullopt;
-        if (entry.length != length) continue;
-        if (bytes.size() <= fmt::kInlineTokenBytes ? std::memcmp(entry.prefix, bytes.data(), bytes.size()) == 0 : bytesOf(entry.id) == bytes)
-            return entry.id;
+    const std::size_t n = key.bytes.size();
+    // Slot bytes 4..11 (length, bytes 0-6) and 12..15 (bytes 7-10) as the key would fill them.
+    const std::uint64_t first = (n < 255 ? n : 255) | key.words[0] << 8;
+    const auto second = static_cast<std::uint32_t>(key.words[0] >> 56 | key.words[1] << 8);
+    const char* slots = blob_.data() + layout_.tokenSlots;
+    for (auto slot = fmt::slotOf(key.hash, header_.tokenSlotBits);; slot = (slot + 1) & mask) {
+        const char* entry = slots + std::size_t{slot} * sizeof(fmt::TokenSlot);
+        std::uint32_t id, tail;
+        std::uint64_t head;
+        std::memcpy(&id, entry, 4);
+        std::memcpy(&head, entry + 4, 8);
+        std::memcpy(&tail, entry + 12, 4);
+        if (id == fmt::kEmptySlot) return kNone;
+        if (head != first || tail != second) continue;
+        if (n <= fmt::kInlineTokenBytes || bytesOf(id) == key.bytes) return id;
     }
 }
 
-std::optional<Vocabulary::Merge> Vocabulary::merge(std::uint32_t left, std::uint32_t right) const noexcept {
+std::uint32_t Vocabulary::findMergeInTable(std::uint32_t left, std::uint32_t right) const noexcept {
     const auto key = fmt::pairKey(left, right);
     const std::uint32_t mask = (1u << header_.mergeSlotBits) - 1;
     for (auto slot = fmt::slotOf(fmt::hashPair(key), header_.mergeSlotBits);; slot = (slot + 1) & mask) {
         fmt::MergeSlot entry;
         std::memcpy(&entry, blob_.data() + layout_.mergeSlots + std::size_t{slot} * sizeof entry, sizeof entry);
-        if (entry.pair == fmt::kEmptySlot) return std::nullopt;
-        if (entry.pair == key) return Merge{entry.rankAndResult >> 16, entry.rankAndResult & 0xFFFF};
+        if (entry.pair == fmt::kEmptySlot) return kNone;
+        if (entry.pair == key) return entry.rankAndResult;
     }
 }
 

@@ -114,6 +114,46 @@ inline std::uint32_t hashBytes(std::string_view s) noexcept {
     return static_cast<std::uint32_t>((h * 0xFF51AFD7ED558CCDull) >> 32);
 }
 
+// Bytes [from, from + n) of p as one little-endian word, zero above them (0 <= n <= 8): at most
+// two loads, all inside the range (overlapping loads agree on the bytes they share).
+inline std::uint64_t partialWord(const char* p, std::size_t n) noexcept {
+    if (n >= 4) {
+        std::uint32_t a, b;
+        std::memcpy(&a, p, 4);
+        std::memcpy(&b, p + n - 4, 4);
+        return std::uint64_t{a} | std::uint64_t{b} << (8 * (n - 4));
+    }
+    if (n == 0) return 0;
+    const auto byte = [&](std::size_t i) { return std::uint64_t{static_cast<unsigned char>(p[i])} << (8 * i); };
+    return byte(0) | byte(n / 2) | byte(n - 1);
+}
+
+// A piece of text as the tokenizer's tables look it up: its bytes, their hashBytes(), and the
+// first 24 bytes as three zero-padded words (compared a word at a time, never byte by byte).
+struct PieceKey {
+    std::string_view bytes;
+    std::uint32_t hash;
+    std::uint64_t words[3];
+
+    static PieceKey of(std::string_view bytes) noexcept {
+        PieceKey key;
+        key.set(bytes);
+        return key;
+    }
+
+    // Makes this the key of `bytes`, in place (hot loops keep keys where they are: copying one
+    // whole right after writing its fields stalls on store forwarding).
+    void set(std::string_view piece) noexcept {
+        bytes = piece;
+        hash = hashBytes(piece);
+        const std::size_t n = piece.size();
+        for (std::size_t i = 0; i < 3; ++i) {
+            const std::size_t from = 8 * i;
+            words[i] = n > from ? partialWord(piece.data() + from, n - from < 8 ? n - from : 8) : 0;
+        }
+    }
+};
+
 constexpr std::uint32_t hashPair(std::uint32_t key) noexcept { return key * 0x9E3779B1u; }
 
 constexpr std::uint32_t slotOf(std::uint32_t hash, std::uint32_t bits) noexcept { return hash >> (32 - bits); }

@@ -10,6 +10,7 @@ namespace {
 
 struct BlobOptions {
     StreamOptions stream;
+    BulkInputLimit inputLimit;
     std::string encoding;
 };
 
@@ -24,7 +25,8 @@ std::string_view textOf(const std::vector<std::uint8_t>& bytes) {
 void encode(const BlobOptions& options, const GlobalOptions& globals) {
     const bool toStdout = options.stream.output.empty() || options.stream.output == "-";
     if (globals.json && toStdout) throw UsageError("blob encode --json prints the counts; give -o FILE for the bytes");
-    const auto blob = QuotaCloudBlobCodec::encode(readInput(options.stream.input));
+    const std::string payload = readInput(options.stream.input, options.inputLimit.of("a payload to encode"));
+    const auto blob = whileDoing("encoding the payload", [&] { return QuotaCloudBlobCodec::encode(payload); });
     writeOutput(options.stream.output, textOf(blob.data));
     if (globals.json) {
         json::JsonWriter w;
@@ -41,7 +43,7 @@ void encode(const BlobOptions& options, const GlobalOptions& globals) {
 }
 
 void decode(const BlobOptions& options) {
-    const std::string stored = readInput(options.stream.input);
+    const std::string stored = readInput(options.stream.input, options.inputLimit.of("a stored blob"));
     writeOutput(options.stream.output, textOf(QuotaCloudBlobCodec::decodeData(bytesOf(stored), options.encoding)));
 }
 
@@ -54,10 +56,12 @@ void registerBlobCommand(CLI::App& root, GlobalOptions& globals) {
 
     CLI::App* e = addGroup(*group, "encode", "Store a payload, compressed when that saves more than 96 bytes");
     addStreamOptions(*e, options->stream);
+    addMaxInputBytesOption(*e, options->inputLimit);
     e->callback([options, &globals] { encode(*options, globals); });
 
     CLI::App* d = addGroup(*group, "decode", "Give back the payload of stored bytes");
     addStreamOptions(*d, options->stream);
+    addMaxInputBytesOption(*d, options->inputLimit);
     d->add_option("--encoding", options->encoding, "plain or lzfse (any other name reads as plain)")
         ->option_text("NAME")
         ->required();

@@ -4,8 +4,6 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
-#include <iostream>
-#include <iterator>
 
 #include "gaugepoint/model/QuotaLanguagePreference.hpp"
 #include "gaugepoint/platform/Files.hpp"
@@ -39,11 +37,30 @@ std::string resolveLanguage(const GlobalOptions& globals) {
     return preference.resolvedLanguageCode();
 }
 
-std::string readInput(const std::string& path) {
-    if (!path.empty() && path != "-") return readWholeFile(path);
-    std::string data{std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>()};
-    if (std::cin.bad()) throw Error("cannot read standard input");
-    return data;
+InputLimit BulkInputLimit::of(std::string what) const {
+    return {maxBytes, std::move(what), "; --max-input-bytes N allows more"};
+}
+
+void addMaxInputBytesOption(CLI::App& command, BulkInputLimit& limit) {
+    command.add_option("--max-input-bytes", limit.maxBytes, "Refuse inputs larger than N bytes (default 1 GiB)")
+        ->option_text("N")
+        ->check(CLI::PositiveNumber);
+}
+
+std::string readInput(const std::string& path, const InputLimit& limit) { return readInputFile(path, limit); }
+
+OutputStream::OutputStream(const std::string& path) {
+    if (!path.empty() && path != "-") file_.emplace(path);
+}
+
+void OutputStream::write(std::string_view bytes) {
+    if (file_) return file_->write(bytes);
+    if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size()) throw Error("cannot write standard output");
+}
+
+void OutputStream::commit() {
+    if (file_) return file_->commit();
+    if (std::fflush(stdout) != 0) throw Error("cannot write standard output");
 }
 
 std::string inputName(const std::string& path) { return path.empty() || path == "-" ? "standard input" : path; }

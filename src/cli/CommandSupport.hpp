@@ -5,14 +5,18 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdint>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "gaugepoint/platform/Date.hpp"
 #include "gaugepoint/platform/Error.hpp"
+#include "gaugepoint/platform/Files.hpp"
+#include "gaugepoint/platform/InputFile.hpp"
 #include "gaugepoint/platform/Json.hpp"
 #include "gaugepoint/platform/QuotaSyncConfiguration.hpp"
 
@@ -48,17 +52,52 @@ Date resolveNow(const GlobalOptions& globals);
 // The interface language code: --lang when given, else the environment (LC_ALL, LC_MESSAGES, LANG).
 std::string resolveLanguage(const GlobalOptions& globals);
 
-// Reads a whole file, or stdin for "" and "-". Throws gaugepoint::Error naming the file.
-std::string readInput(const std::string& path);
+// ---- Outside input ----
+// Everything a command reads from a file or standard input goes through readInput() or, for
+// input processed in pieces, gaugepoint::InputFile (platform/InputFile.hpp), always with the
+// limit of its kind:
+//   documents (snapshots, sibling files, session and inbox documents, records), 64 MiB:
+//       readInput(path, InputLimit::document("a session document"))
+//   bulk input of codecs and tokenizer, 1 GiB unless --max-input-bytes says otherwise:
+//       BulkInputLimit limit;  addMaxInputBytesOption(*command, limit);  (when registering)
+//       readInput(path, limit.of("a text to tokenize"))                   (when running)
+// Past the limit the command fails with one line naming the file and the limit; a regular
+// file is judged by its size before anything is read.
+
+// The --max-input-bytes option of one command, and the limits it gives.
+struct BulkInputLimit {
+    std::uint64_t maxBytes = kMaxBulkInputBytes;
+    // A limit for one kind of bulk input ("an input to compress"); its message names the option.
+    InputLimit of(std::string what) const;
+};
+void addMaxInputBytesOption(CLI::App& command, BulkInputLimit& limit);
+
+// The whole input at `path` ("" and "-": standard input) within `limit`. Throws
+// gaugepoint::Error naming the file (InputTooLargeError past the limit).
+std::string readInput(const std::string& path, const InputLimit& limit);
+
+// Where a command writes bytes in pieces: a file (--output FILE) replaced whole by commit(),
+// so nothing appears there when the command fails, or standard output for "" and "-", where
+// the bytes go as they come (a failure part-way leaves what was written; exit status 1 says so).
+class OutputStream {
+public:
+    explicit OutputStream(const std::string& path);
+    void write(std::string_view bytes);
+    void commit();
+
+private:
+    std::optional<AtomicFileWriter> file_;
+};
 
 // "standard input" for "" and "-", else the path itself: how messages name an input.
 std::string inputName(const std::string& path);
 
-// A JSON document of type T from a file, or stdin for "" and "-". Throws gaugepoint::Error:
-// "cannot decode <input>: <key path>: <reason>" when it does not have T's shape.
+// A JSON document of type T from a file, or stdin for "" and "-", within `limit`. Throws
+// gaugepoint::Error: "cannot decode <input>: <key path>: <reason>" when it does not have T's
+// shape, and as readInput.
 template <class T>
-T readDocument(const std::string& path) {
-    const std::string text = readInput(path);
+T readDocument(const std::string& path, const InputLimit& limit) {
+    const std::string text = readInput(path, limit);
     try {
         return json::decode<T>(text);
     } catch (const json::DecodingError& e) {
@@ -115,5 +154,15 @@ std::string usdText(double value);
 
 // Rows of cells as aligned text, columns separated by two blanks.
 std::string alignedRows(const std::vector<std::vector<std::string>>& rows);
+
+// Runs `work`; an allocation failure inside becomes Error("out of memory while <doing>").
+template <class Work>
+decltype(auto) whileDoing(std::string_view doing, Work&& work) {
+    try {
+        return std::forward<Work>(work)();
+    } catch (const std::bad_alloc&) {
+        throw Error("out of memory while " + std::string(doing));
+    }
+}
 
 }  // namespace gaugepoint::cli

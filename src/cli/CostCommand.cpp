@@ -68,7 +68,7 @@ bool isAggregate(const boost::json::value& document) {
 }
 
 void priceSession(const CostOptions& options, const GlobalOptions& globals) {
-    const std::string text = readInput(options.file);
+    const std::string text = readInput(options.file, InputLimit::document("a session document"));
     const auto decodeAs = [&]<class T>(std::type_identity<T>) {
         try {
             return json::fromValue<T>(json::parse(text));

@@ -40,7 +40,7 @@ void printCount(std::string_view key, std::int64_t count, const std::string& tex
 }
 
 // The one place `inbox add` reads its document; it moves to the bounded reader with the rest.
-std::string readEntryDocument(const std::string& path) { return readInput(path); }
+std::string readEntryDocument(const std::string& path) { return readInput(path, InputLimit::document("an inbox document")); }
 
 // One entry (an object) or a list of entries (an array).
 std::vector<QuotaNotifyArchiveEntry> decodeEntries(const std::string& path) {

@@ -36,7 +36,7 @@ struct ImportFile {
 };
 
 ImportFile readImportFile(const std::string& path) {
-    const std::string text = readInput(path);
+    const std::string text = readInput(path, InputLimit::document("a session document"));
     try {
         const auto document = json::parse(text);
         if (document.is_array()) return {json::fromValue<std::vector<QuotaSessionDescriptor>>(document), false};
@@ -152,7 +152,7 @@ void messages(const SessionsOptions& options, const GlobalOptions& globals) {
 
 // A list of messages, or a transcript bundle.
 std::vector<QuotaSessionMessage> readMessages(const std::string& path) {
-    const std::string text = readInput(path);
+    const std::string text = readInput(path, InputLimit::document("a message document"));
     try {
         const auto document = json::parse(text);
         if (document.is_array()) return json::fromValue<std::vector<QuotaSessionMessage>>(document);

@@ -8,7 +8,9 @@
 
 namespace gaugepoint::cli {
 
-QuotaSnapshot readSnapshotDocument(const std::string& path) { return readDocument<QuotaSnapshot>(path); }
+QuotaSnapshot readSnapshotDocument(const std::string& path) {
+    return readDocument<QuotaSnapshot>(path, InputLimit::document("a snapshot document"));
+}
 
 QuotaSnapshot readSiblingSnapshot(const std::string& path) {
     const std::filesystem::path file =

@@ -62,7 +62,7 @@ struct SyncOptions {
 // Every document this group reads comes through here.
 template <class T>
 T readSyncDocument(const std::string& path) {
-    return readDocument<T>(path);
+    return readDocument<T>(path, InputLimit::document("a sync document"));
 }
 
 void recordName(const SyncOptions& options, const GlobalOptions& globals) {

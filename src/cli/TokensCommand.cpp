@@ -1,5 +1,6 @@
 // gaugepoint tokens: the GPT-2 tokenizer and the quota token estimate, for scripts and checks.
 
+#include <charconv>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +22,28 @@ std::vector<int> parseIds(const std::string& text) {
     }
 }
 
+// The ids of a text as one JSON array on stdout ("[31373,995]"), written as they are encoded in
+// pieces of about 1 MiB, so a long text never needs all its ids or their text at once.
+void writeIds(GPTEncoder& encoder, std::string_view text) {
+    std::string out(std::size_t{1} << 20, '\0');
+    std::size_t used = 0;
+    out[used++] = '[';
+    bool first = true;
+    encoder.encode(text, [&](std::span<const int> ids) {
+        for (const int id : ids) {
+            if (used > out.size() - 16) {
+                writeOutput("-", std::string_view(out).substr(0, used));
+                used = 0;
+            }
+            if (!first) out[used++] = ',';
+            first = false;
+            used = static_cast<std::size_t>(std::to_chars(out.data() + used, out.data() + out.size(), id).ptr - out.data());
+        }
+    });
+    out.replace(used, 2, "]\n");
+    writeOutput("-", std::string_view(out).substr(0, used + 2));
+}
+
 std::string countOutput(std::string_view text, bool asJson) {
     const TokenEstimate estimate = QuotaTokenEstimator::shared().estimate(text);
     return (asJson ? json::encode(estimate) : std::to_string(estimate.tokens)) + "\n";
@@ -29,22 +52,33 @@ std::string countOutput(std::string_view text, bool asJson) {
 }  // namespace
 
 void registerTokensCommand(CLI::App& root, GlobalOptions& globals) {
-    auto input = std::make_shared<std::string>();
+    struct Options {
+        std::string input;
+        BulkInputLimit limit;
+    };
+    auto options = std::make_shared<Options>();
     CLI::App* group = addGroup(root, "tokens", "GPT-2 token ids and quota token estimates");
     group->require_subcommand(1);
     const auto verb = [&](const char* name, const char* description) {
         CLI::App* command = addGroup(*group, name, description);
-        command->add_option("file", *input, "Input file, or - for standard input (the default)")->option_text("FILE|-");
+        command->add_option("file", options->input, "Input file, or - for standard input (the default)")->option_text("FILE|-");
+        addMaxInputBytesOption(*command, options->limit);
         return command;
     };
-    verb("encode", "Print the GPT-2 token ids of a text as a JSON array")->callback([input] {
-        writeOutput("-", json::encode(GPTEncoder().encode(readInput(*input))) + "\n");
+    verb("encode", "Print the GPT-2 token ids of a text as a JSON array")->callback([options] {
+        const std::string text = readInput(options->input, options->limit.of("a text to tokenize"));
+        GPTEncoder encoder;
+        whileDoing("encoding the tokens of " + inputName(options->input), [&] { writeIds(encoder, text); });
     });
-    verb("decode", "Print the text of a JSON array of GPT-2 token ids")->callback([input] {
-        writeOutput("-", GPTEncoder().decode(parseIds(readInput(*input))));
+    verb("decode", "Print the text of a JSON array of GPT-2 token ids")->callback([options] {
+        const std::string ids = readInput(options->input, options->limit.of("a list of token ids"));
+        writeOutput("-", whileDoing("decoding the token ids of " + inputName(options->input),
+                                    [&] { return GPTEncoder().decode(parseIds(ids)); }));
     });
-    verb("count", "Print the quota token estimate of a text (--json: with method and raw count)")->callback([input, &globals] {
-        writeOutput("-", countOutput(readInput(*input), globals.json));
+    verb("count", "Print the quota token estimate of a text (--json: with method and raw count)")->callback([options, &globals] {
+        const std::string text = readInput(options->input, options->limit.of("a text to tokenize"));
+        writeOutput("-", whileDoing("counting the tokens of " + inputName(options->input),
+                                    [&] { return countOutput(text, globals.json); }));
     });
 }
 

@@ -3,9 +3,25 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <new>
+#include <string>
 
 #include "Commands.hpp"
 #include "gaugepoint/platform/Text.hpp"
+
+namespace {
+
+// "lzfse compress": the command words of the subcommand being run.
+std::string commandWords(const CLI::App& root) {
+    std::string words;
+    for (const CLI::App* app = &root; !app->get_subcommands().empty();) {
+        app = app->get_subcommands().front();
+        words += (words.empty() ? "" : " ") + app->get_name();
+    }
+    return words;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     using namespace gaugepoint::cli;
@@ -51,6 +67,11 @@ int main(int argc, char** argv) {
     } catch (const UsageError& e) {
         std::cerr << "gaugepoint: " << gaugepoint::singleLine(e.what()) << " (see --help)\n";
         return 2;
+    } catch (const std::bad_alloc&) {
+        // Most commands say what they were doing; this is the net under the rest.
+        std::fflush(stdout);
+        std::cerr << "gaugepoint: out of memory while running \"" << commandWords(root) << "\"\n";
+        return 1;
     } catch (const std::exception& e) {
         std::fflush(stdout);
         std::cerr << "gaugepoint: " << gaugepoint::singleLine(e.what()) << "\n";  // a failure is one line

@@ -75,8 +75,8 @@ void writeLiterals(LzfseHeader& h, const std::uint8_t* literals, std::size_t cou
 
 }  // namespace
 
-BlockEncoder::BlockEncoder(std::vector<std::uint8_t>& out, const std::uint8_t* inputEnd)
-    : out_(out), inputEnd_(inputEnd),
+BlockEncoder::BlockEncoder(std::vector<std::uint8_t>& out)
+    : out_(out),
       triple_(std::make_unique_for_overwrite<Triple[]>(kMaxMatches)),
       literal_(std::make_unique_for_overwrite<std::uint8_t[]>(kMaxLiterals + 16)) {}
 

@@ -14,8 +14,11 @@ namespace gaugepoint::lzfse::detail {
 
 class BlockEncoder {
 public:
-    // Literals handed to addMatch() lie inside [input, inputEnd).
-    BlockEncoder(std::vector<std::uint8_t>& out, const std::uint8_t* inputEnd);
+    explicit BlockEncoder(std::vector<std::uint8_t>& out);
+
+    // Literals handed to addMatch() from now on lie before `inputEnd`, up to which bytes may
+    // be read (a short run is moved as one 16-byte word).
+    void setInputEnd(const std::uint8_t* inputEnd) noexcept { inputEnd_ = inputEnd; }
 
     // Takes one match: L literals starting at `literals`, then M bytes from distance D.
     // Splits it into triples within the per-triple limits; when the block cannot take them
@@ -51,7 +54,7 @@ private:
     void addMatchSlow(const std::uint8_t* literals, std::uint32_t L, std::uint32_t M, std::uint32_t D);
 
     std::vector<std::uint8_t>& out_;
-    const std::uint8_t* inputEnd_;
+    const std::uint8_t* inputEnd_ = nullptr;
     std::unique_ptr<Triple[]> triple_;      // kMaxMatches
     std::unique_ptr<std::uint8_t[]> literal_;  // kMaxLiterals plus copy slack
     std::size_t triples_ = 0;

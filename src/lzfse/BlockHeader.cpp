@@ -1,5 +1,7 @@
 #include "lzfse/BlockHeader.hpp"
 
+#include "lzfse/BlockInput.hpp"
+
 #include <array>
 #include <string>
 
@@ -20,8 +22,8 @@ std::uint32_t bits(std::uint64_t word, unsigned from, unsigned width) {
     fail(Kind::BadHeader, std::string("LZFSE ") + kind + " block" + at(offset) + ": " + why);
 }
 
-// Field checks common to both layouts; `available` is what the input holds from `offset`.
-void checkFields(const LzfseHeader& h, const char* kind, std::size_t offset, std::size_t available) {
+// Field checks common to both layouts; the payloads are not looked at.
+void checkFields(const LzfseHeader& h, const char* kind, std::size_t offset) {
     if (h.literals > kMaxLiterals)
         badHeader(kind, offset, std::to_string(h.literals) + " literals, at most 40000 allowed");
     if (h.literals % 4 != 0)
@@ -43,10 +45,18 @@ void checkFields(const LzfseHeader& h, const char* kind, std::size_t offset, std
     if (h.lmdPayloadBytes < minLmd)
         badHeader(kind, offset, "LMD payload of " + std::to_string(h.lmdPayloadBytes) +
                                     " bytes is shorter than its " + std::to_string(minLmd) + "-byte minimum");
-    const std::uint64_t total = std::uint64_t{h.headerBytes} + h.literalPayloadBytes + h.lmdPayloadBytes;
-    if (total > available)
-        failTruncated((std::string(kind) + " block (header and payloads)").c_str(), offset,
-                      static_cast<std::size_t>(total), available);
+    // 40000 literals take at most 50000 bytes and 10000 triples at most 67508, so larger
+    // payloads could never be read to their end; refusing them here also bounds what a
+    // streaming decoder holds for one block.
+    if (h.literalPayloadBytes > kMaxPayloadBytes || h.lmdPayloadBytes > kMaxPayloadBytes)
+        badHeader(kind, offset, "payloads of " + std::to_string(h.literalPayloadBytes) + " and " +
+                                    std::to_string(h.lmdPayloadBytes) + " bytes are more than any block can use");
+}
+
+// Reads the whole block (header and payloads) so the decoder may use it in place.
+const std::uint8_t* requireBlock(BlockInput& input, const LzfseHeader& h, const char* kind, std::size_t offset) {
+    const std::size_t total = h.headerBytes + std::size_t{h.literalPayloadBytes} + h.lmdPayloadBytes;
+    return input.require((std::string(kind) + " block (header and payloads)").c_str(), offset, total);
 }
 
 // One frequency code, identified by its first (up to) 5 bits: the value is
@@ -122,9 +132,8 @@ std::uint32_t frequencyCode(unsigned v, unsigned& len) {
 
 }  // namespace
 
-LzfseHeader parseV2Header(std::span<const std::uint8_t> input, std::size_t offset) {
-    requireBytes("bvx2 block header", offset, kV2FixedHeaderBytes, input.size());
-    const std::uint8_t* p = input.data() + offset;
+LzfseHeader parseV2Header(BlockInput& input, std::size_t offset) {
+    const std::uint8_t* p = input.require("bvx2 block header", offset, kV2FixedHeaderBytes);
     const std::uint64_t w0 = load64(p + 8), w1 = load64(p + 16), w2 = load64(p + 24);
     LzfseHeader h;
     h.rawBytes = load32(p + 4);
@@ -141,16 +150,21 @@ LzfseHeader parseV2Header(std::span<const std::uint8_t> input, std::size_t offse
     h.dState = static_cast<std::uint16_t>(bits(w2, 52, 10));
     if (headerBytes < kV2FixedHeaderBytes)
         badHeader("bvx2", offset, "header size " + std::to_string(headerBytes) + " is below 32");
-    requireBytes("bvx2 block header with frequency tables", offset, headerBytes, input.size());
+    // 360 codes of at most 14 bits fill at most this much; a larger header always has
+    // bytes left over after its tables.
+    if (headerBytes > kMaxV2HeaderBytes)
+        fail(Kind::BadTable, "LZFSE bvx2 block" + at(offset) + ": frequency table ends before its " +
+                                 std::to_string(headerBytes) + "-byte header does");
+    p = input.require("bvx2 block header with frequency tables", offset, headerBytes);
     h.headerBytes = headerBytes;
     readFrequencies(p, headerBytes, offset, h.freq.data());
-    checkFields(h, "bvx2", offset, input.size() - offset);
+    checkFields(h, "bvx2", offset);
+    requireBlock(input, h, "bvx2", offset);
     return h;
 }
 
-LzfseHeader parseV1Header(std::span<const std::uint8_t> input, std::size_t offset) {
-    requireBytes("bvx1 block header", offset, kV1HeaderBytes, input.size());
-    const std::uint8_t* p = input.data() + offset;
+LzfseHeader parseV1Header(BlockInput& input, std::size_t offset) {
+    const std::uint8_t* p = input.require("bvx1 block header", offset, kV1HeaderBytes);
     LzfseHeader h;
     h.rawBytes = load32(p + 4);
     h.literals = load32(p + 12);
@@ -165,7 +179,8 @@ LzfseHeader parseV1Header(std::span<const std::uint8_t> input, std::size_t offse
     h.dState = load16(p + 48);
     for (unsigned i = 0; i < kFrequencyCount; ++i) h.freq[i] = load16(p + 50 + 2 * i);
     h.headerBytes = kV1HeaderBytes;
-    checkFields(h, "bvx1", offset, input.size() - offset);
+    checkFields(h, "bvx1", offset);
+    requireBlock(input, h, "bvx1", offset);
     return h;
 }
 

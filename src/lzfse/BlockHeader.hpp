@@ -34,10 +34,19 @@ struct LzfseHeader {
     const std::uint16_t* literalFreq() const { return freq.data() + kLSymbols + kMSymbols + kDSymbols; }
 };
 
-// Parse the header of the block starting at `offset` (its magic already identified) and
-// check every field on its own and against the input length. Throw lzfse::Error.
-LzfseHeader parseV2Header(std::span<const std::uint8_t> input, std::size_t offset);
-LzfseHeader parseV1Header(std::span<const std::uint8_t> input, std::size_t offset);
+class BlockInput;
+
+// Largest bvx2 header: the fixed fields and 360 frequency codes of at most 14 bits (bytes).
+inline constexpr std::size_t kMaxV2HeaderBytes = kV2FixedHeaderBytes + (360 * 14 + 7) / 8;
+// Largest literal or LMD payload of a block (bytes): what the bvx2 header's 20-bit fields can
+// say, and more than 40000 literals (50000 bytes) or 10000 triples (67508 bytes) can fill.
+inline constexpr std::uint32_t kMaxPayloadBytes = (std::uint32_t{1} << 20) - 1;
+
+// Parse the header of the block starting at `offset` (its magic already identified), check
+// every field, and make sure the whole block is held by `input` (so require() of it is
+// cheap). Throw lzfse::Error.
+LzfseHeader parseV2Header(BlockInput& input, std::size_t offset);
+LzfseHeader parseV1Header(BlockInput& input, std::size_t offset);
 
 // Bytes of the bvx2 header that carries h.freq (fixed fields and frequency tables).
 std::size_t v2HeaderBytes(const LzfseHeader& h);

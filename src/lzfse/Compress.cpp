@@ -1,8 +1,6 @@
 // The encoder's entry point: picks the block kind by input size, as the platform encoder
 // does, so small payloads stay small and our streams match its streams.
 
-#include <stdexcept>
-
 #include "lzfse/ByteOrder.hpp"
 #include "lzfse/Format.hpp"
 #include "lzfse/Lzfse.hpp"
@@ -44,8 +42,6 @@ void writeLzvnOrRaw(std::span<const std::uint8_t> input, std::vector<std::uint8_
 }  // namespace
 
 std::vector<std::uint8_t> compress(std::span<const std::uint8_t> input) {
-    if (input.size() > kMaxCompressInputBytes)
-        throw std::length_error("lzfse::compress: input larger than 2 GiB - 1");
     std::vector<std::uint8_t> out;
     out.reserve(input.size() / 2 + 64);
     if (input.size() < kLzvnMinInput) {
@@ -57,6 +53,27 @@ std::vector<std::uint8_t> compress(std::span<const std::uint8_t> input) {
     }
     put32(out, detail::kMagicEnd);
     return out;
+}
+
+void compress(Source& input, Sink& output) {
+    // The block kinds depend on whether the input reaches kLzfseMinInput: read that far first.
+    std::vector<std::uint8_t> head(kLzfseMinInput);
+    std::size_t held = 0;
+    while (held < head.size()) {
+        const std::size_t got = input.read(head.data() + held, head.size() - held);
+        if (got == 0) break;
+        held += got;
+    }
+    head.resize(held);
+    if (held < kLzfseMinInput) {
+        const std::vector<std::uint8_t> stream = compress(head);
+        output.write(stream.data(), stream.size());
+        return;
+    }
+    detail::encodeLzfseBlocks(std::move(head), input, output);
+    std::vector<std::uint8_t> end;
+    put32(end, detail::kMagicEnd);
+    output.write(end.data(), end.size());
 }
 
 std::string compressString(std::string_view input) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "lzfse/BlockHeader.hpp"
+#include "lzfse/BlockInput.hpp"
 #include "lzfse/ByteOrder.hpp"
 #include "lzfse/Fail.hpp"
 #include "lzfse/Format.hpp"
@@ -20,27 +21,78 @@ namespace {
 
 using detail::OutputBuffer;
 
-std::size_t decodeRawBlock(std::span<const std::uint8_t> input, std::size_t offset, OutputBuffer& out) {
-    detail::requireBytes("bvx- block header", offset, detail::kRawHeaderBytes, input.size());
-    const std::uint32_t n = detail::load32(input.data() + offset + 4);
-    detail::requireBytes("bvx- block data", offset + detail::kRawHeaderBytes, n, input.size());
-    out.ensure(n);
-    std::memcpy(out.end(), input.data() + offset + detail::kRawHeaderBytes, n);
-    out.advance(n);
-    return offset + detail::kRawHeaderBytes + n;
+using detail::BlockInput;
+
+// Raw bytes, copied in pieces when streaming so a large block is never held whole.
+std::size_t decodeRawBlock(BlockInput& input, std::size_t offset, OutputBuffer& out) {
+    const std::uint32_t n = detail::load32(input.require("bvx- block header", offset, detail::kRawHeaderBytes) + 4);
+    out.checkLimit(n);
+    const std::size_t start = offset + detail::kRawHeaderBytes;
+    std::size_t at = start;
+    for (std::size_t left = n; left != 0;) {
+        const std::size_t piece = input.piece(left);
+        // A missing piece is reported as the whole block's data missing, as when it is read
+        // in one piece.
+        if (!input.has(at + piece - 1)) detail::failTruncated("bvx- block data", start, n, input.heldEnd() - start);
+        const std::uint8_t* data = input.require("bvx- block data", at, piece);
+        out.ensure(piece);
+        std::memcpy(out.end(), data, piece);
+        out.advance(piece);
+        at += piece;
+        left -= piece;
+        input.release(at);
+    }
+    return at;
 }
 
-[[noreturn]] void badMagic(std::span<const std::uint8_t> input, std::size_t offset) {
+[[noreturn]] void badMagic(const std::uint8_t* magic, std::size_t offset) {
     static constexpr char kDigits[] = "0123456789abcdef";
     std::string shown, hex;
     for (std::size_t i = 0; i < 4; ++i) {
-        const unsigned char c = input[offset + i];
+        const unsigned char c = magic[i];
         shown += (c >= 0x20 && c < 0x7F) ? static_cast<char>(c) : '.';
         hex += kDigits[c >> 4];
         hex += kDigits[c & 15];
     }
     detail::fail(Error::Kind::BadMagic, "LZFSE stream: unknown block magic \"" + shown + "\" (bytes " + hex +
                                             ")" + detail::at(offset));
+}
+
+// Walks the blocks up to the end marker, appending their bytes to `out`.
+void decodeBlocks(BlockInput& input, OutputBuffer& out) {
+    std::unique_ptr<detail::LzfseBlockDecoder> lzfse;  // ~50 KiB of tables, made on first use
+    std::size_t offset = 0;
+    for (;;) {
+        input.release(offset);
+        if (offset != 0 && !input.has(offset)) {
+            detail::fail(Error::Kind::Truncated, "LZFSE stream truncated: ends" + detail::at(offset) +
+                                                     " without the end-of-stream marker bvx$");
+        }
+        const std::uint8_t* magicBytes = input.require("block magic", offset, 4);
+        const std::uint32_t magic = detail::load32(magicBytes);
+        switch (magic) {
+        case detail::kMagicEnd:
+            return;
+        case detail::kMagicRaw:
+            offset = decodeRawBlock(input, offset, out);
+            break;
+        case detail::kMagicLzvn:
+            offset = detail::decodeLzvnBlock(input, offset, out);
+            break;
+        case detail::kMagicV1:
+        case detail::kMagicV2: {
+            const bool v2 = magic == detail::kMagicV2;
+            const detail::LzfseHeader h = v2 ? detail::parseV2Header(input, offset)
+                                             : detail::parseV1Header(input, offset);
+            if (!lzfse) lzfse = std::make_unique_for_overwrite<detail::LzfseBlockDecoder>();
+            const std::uint8_t* block = input.require("", offset, h.headerBytes);  // held by the parse
+            offset = lzfse->decode(block, offset, v2 ? "bvx2" : "bvx1", h, out);
+            break;
+        }
+        default:
+            badMagic(magicBytes, offset);
+        }
+    }
 }
 
 // Sum of the sizes the block headers announce, read without decoding anything; stops
@@ -88,38 +140,16 @@ void decompressInto(std::span<const std::uint8_t> input, std::vector<std::uint8_
                     std::size_t maxOutputBytes) {
     OutputBuffer out(maxOutputBytes, std::move(output),
                      static_cast<std::size_t>(std::min<std::uint64_t>(announcedSize(input), maxOutputBytes)));
-    std::unique_ptr<detail::LzfseBlockDecoder> lzfse;  // ~50 KiB of tables, made on first use
-    std::size_t offset = 0;
-    for (;;) {
-        if (offset == input.size() && offset != 0) {
-            detail::fail(Error::Kind::Truncated, "LZFSE stream truncated: ends" + detail::at(offset) +
-                                                     " without the end-of-stream marker bvx$");
-        }
-        detail::requireBytes("block magic", offset, 4, input.size());
-        const std::uint32_t magic = detail::load32(input.data() + offset);
-        switch (magic) {
-        case detail::kMagicEnd:
-            output = std::move(out).release();
-            return;
-        case detail::kMagicRaw:
-            offset = decodeRawBlock(input, offset, out);
-            break;
-        case detail::kMagicLzvn:
-            offset = detail::decodeLzvnBlock(input, offset, out);
-            break;
-        case detail::kMagicV1:
-        case detail::kMagicV2: {
-            const bool v2 = magic == detail::kMagicV2;
-            const detail::LzfseHeader h = v2 ? detail::parseV2Header(input, offset)
-                                             : detail::parseV1Header(input, offset);
-            if (!lzfse) lzfse = std::make_unique_for_overwrite<detail::LzfseBlockDecoder>();
-            offset = lzfse->decode(input, offset, v2 ? "bvx2" : "bvx1", h, out);
-            break;
-        }
-        default:
-            badMagic(input, offset);
-        }
-    }
+    BlockInput blocks(input);
+    decodeBlocks(blocks, out);
+    output = std::move(out).release();
+}
+
+void decompress(Source& input, Sink& output, std::uint64_t maxOutputBytes) {
+    OutputBuffer out(maxOutputBytes, output);
+    BlockInput blocks(input);
+    decodeBlocks(blocks, out);
+    out.finish();
 }
 
 std::string decompressString(std::string_view input, std::size_t maxOutputBytes) {

@@ -18,12 +18,9 @@ namespace gaugepoint::lzfse {
 // payload is a few hundred KiB at most; a hostile stream must not make us allocate more.
 inline constexpr std::size_t kDefaultMaxOutputBytes = std::size_t{64} << 20;
 
-// Largest input compress() takes (bytes); match positions are kept in 32 bits.
-inline constexpr std::size_t kMaxCompressInputBytes = (std::size_t{1} << 31) - 1;
-
 // Compresses `input` into one complete raw LZFSE stream, choosing raw, LZVN or LZFSE blocks
 // by input size the same way the platform's encoder does; the result decodes with any LZFSE
-// decoder. Throws std::length_error above kMaxCompressInputBytes.
+// decoder.
 std::vector<std::uint8_t> compress(std::span<const std::uint8_t> input);
 
 // Decodes one complete raw LZFSE stream (all block kinds, the end marker is required; bytes
@@ -36,6 +33,32 @@ std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> input,
 // for callers that decode many streams. On error `output` is left empty.
 void decompressInto(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& output,
                     std::size_t maxOutputBytes = kDefaultMaxOutputBytes);
+
+// Where a streaming call reads: read() stores up to `n` bytes at `buffer` and returns how
+// many, 0 only once the input has ended. It may throw; the exception leaves the codec as is.
+class Source {
+public:
+    virtual ~Source() = default;
+    virtual std::size_t read(std::uint8_t* buffer, std::size_t n) = 0;
+};
+
+// Where a streaming call writes, in order, in pieces of up to a few MiB. May throw.
+class Sink {
+public:
+    virtual ~Sink() = default;
+    virtual void write(const std::uint8_t* bytes, std::size_t n) = 0;
+};
+
+// Compresses everything `input` gives, writing the stream to `output` as it goes: the same
+// bytes compress() makes of the whole input, with about 10 MiB held at any time. Inputs of
+// any size (compress() takes them all too).
+void compress(Source& input, Sink& output);
+
+// Decodes one stream read from `input` (nothing past its end marker is read), writing the
+// bytes to `output` as they are decoded; at most about 10 MiB is held, whatever the stream
+// announces. Same checks and errors as decompress(); on error some output may have been
+// written already, so a caller that must not leave a part writes to a temporary place.
+void decompress(Source& input, Sink& output, std::uint64_t maxOutputBytes);
 
 // Conveniences for text payloads; same contracts as above.
 std::string compressString(std::string_view input);

@@ -66,12 +66,12 @@ constexpr std::size_t kNoDistance = SIZE_MAX;
 
 }  // namespace
 
-std::size_t LzfseBlockDecoder::decode(std::span<const std::uint8_t> input, std::size_t offset,
-                                      const char* kind, const LzfseHeader& h, OutputBuffer& out) {
+std::size_t LzfseBlockDecoder::decode(const std::uint8_t* block, std::size_t offset, const char* kind,
+                                      const LzfseHeader& h, OutputBuffer& out) {
     out.checkLimit(h.rawBytes);
     out.expect(h.rawBytes);
     buildTables(h, kind, offset);
-    const std::uint8_t* literalPayload = input.data() + offset + h.headerBytes;
+    const std::uint8_t* literalPayload = block + h.headerBytes;
     decodeLiterals(literalPayload, h, kind, offset);
     executeTriples(literalPayload + h.literalPayloadBytes, h, kind, offset, out);
     return offset + h.headerBytes + h.literalPayloadBytes + h.lmdPayloadBytes;
@@ -139,7 +139,7 @@ void LzfseBlockDecoder::executeTriples(const std::uint8_t* payload, const LzfseH
     unsigned l = h.lState, m = LmdTables::kMFirst + h.mState, d = LmdTables::kDFirst + h.dState;
     const std::uint8_t* lit = literals_.data();
     const std::uint8_t* const litEnd = lit + h.literals;
-    const std::size_t blockEnd = out.size() + h.rawBytes;
+    std::size_t blockEnd = out.size() + h.rawBytes;
     // Positions in the output; byte stores may alias anything, so nothing in the loop is
     // re-read from `out`.
     std::uint8_t* base = out.begin();
@@ -171,7 +171,9 @@ void LzfseBlockDecoder::executeTriples(const std::uint8_t* payload, const LzfseH
         if (decltype(checked)::value && L + M > room - pos) [[unlikely]] {
             if (L + M > blockEnd - pos) failTooLong(kind, offset, h.rawBytes);
             out.advance(pos - out.size());
-            out.ensure(L + M);
+            const std::size_t moved = out.ensure(L + M);
+            pos -= moved;
+            blockEnd -= moved;
             base = out.begin();
             room = std::min(out.capacity(), blockEnd);
         }

@@ -16,10 +16,11 @@ namespace gaugepoint::lzfse::detail {
 
 class LzfseBlockDecoder {
 public:
-    // Decodes the block whose header `h` was parsed at `offset` and appends its bytes to
-    // `out`. Returns the offset just past the block. Throws lzfse::Error.
-    std::size_t decode(std::span<const std::uint8_t> input, std::size_t offset, const char* kind,
-                       const LzfseHeader& h, OutputBuffer& out);
+    // Decodes the block whose header `h` was parsed at stream offset `offset` and appends its
+    // bytes to `out`; `block` points at the block's magic, with all of the block behind it.
+    // Returns the offset just past the block. Throws lzfse::Error.
+    std::size_t decode(const std::uint8_t* block, std::size_t offset, const char* kind, const LzfseHeader& h,
+                       OutputBuffer& out);
 
 private:
     void buildTables(const LzfseHeader& h, const char* kind, std::size_t offset);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "lzfse/BlockInput.hpp"
 #include "lzfse/ByteOrder.hpp"
 #include "lzfse/Copy.hpp"
 #include "lzfse/Fail.hpp"
@@ -56,37 +57,67 @@ std::string hexByte(unsigned b) {
     return std::string("0x") + digits[b >> 4] + digits[b & 15];
 }
 
+// The payload is read through a window of the input: all of it in memory, pieces of it when
+// streaming. An instruction with its literals is at most 274 bytes, far less than a piece.
 class LzvnBlock {
 public:
-    LzvnBlock(std::span<const std::uint8_t> input, std::size_t payload, std::size_t payloadBytes,
-              std::size_t rawBytes, std::size_t blockOffset, OutputBuffer& out)
-        : input_(input), p_(input.data() + payload), end_(p_ + payloadBytes), out_(out),
-          pos_(out.size()), blockStart_(out.size()), blockEnd_(out.size() + rawBytes), room_(std::min(out.capacity(), blockEnd_)),
-          blockOffset_(blockOffset) {}
+    LzvnBlock(BlockInput& input, std::size_t payload, std::size_t payloadBytes, std::size_t rawBytes,
+              std::size_t blockOffset, OutputBuffer& out)
+        : input_(input), payloadStart_(payload), payloadEnd_(payload + payloadBytes), out_(out), pos_(out.size()),
+          blockEnd_(out.size() + rawBytes), rawBytes_(rawBytes), room_(std::min(out.capacity(), blockEnd_)),
+          blockOffset_(blockOffset) {
+        load(payload, 0);
+    }
 
     void run();
 
 private:
+    // Stream offset of the instruction at p_.
+    std::size_t offsetOf(const std::uint8_t* p) const noexcept { return windowOffset_ + static_cast<std::size_t>(p - window_); }
+
     [[noreturn]] void error(Kind kind, const std::string& why) const {
-        fail(kind, "LZFSE bvxn block" + at(blockOffset_) + ": " + why + " (instruction" +
-                       at(static_cast<std::size_t>(p_ - input_.data())) + ")");
+        fail(kind, "LZFSE bvxn block" + at(blockOffset_) + ": " + why + " (instruction" + at(offsetOf(p_)) + ")");
+    }
+
+    // Makes the window start at stream offset `from` and hold at least `n` bytes where the
+    // payload has them.
+    void load(std::size_t from, std::size_t n) {
+        input_.release(from);
+        const std::size_t bytes = std::max(input_.piece(payloadEnd_ - from), std::min(n, payloadEnd_ - from));
+        try {
+            window_ = p_ = input_.require("bvxn block payload", from, bytes);
+        } catch (const Error& e) {
+            // Named as the whole payload, as when it is read in one piece.
+            if (e.kind() != Kind::Truncated) throw;
+            failTruncated("bvxn block payload", payloadStart_, payloadEnd_ - payloadStart_, input_.heldEnd() - payloadStart_);
+        }
+        windowOffset_ = from;
+        end_ = p_ + bytes;
+        readable_ = input_.readable(from);
     }
 
     // The instruction, its literals and the next opcode must all lie in the payload.
-    void need(std::size_t n) const {
+    void need(std::size_t n) {
+        if (n + 1 <= static_cast<std::size_t>(end_ - p_)) return;
+        if (offsetOf(end_) != payloadEnd_) load(offsetOf(p_), n + 1);
         if (n + 1 > static_cast<std::size_t>(end_ - p_))
             error(Kind::BadPayload, "instruction of " + std::to_string(n) + " bytes runs past the payload's end");
     }
 
     void emit(std::size_t headerBytes, std::size_t L, std::size_t M, bool distanceSet);
 
-    std::span<const std::uint8_t> input_;
-    const std::uint8_t* p_;
-    const std::uint8_t* end_;
+    BlockInput& input_;
+    std::size_t payloadStart_;  // stream offsets
+    std::size_t payloadEnd_;
+    const std::uint8_t* window_ = nullptr;  // the byte at stream offset windowOffset_
+    std::size_t windowOffset_ = 0;
+    std::size_t readable_ = 0;  // bytes that may be read from window_ (copies read ahead)
+    const std::uint8_t* p_ = nullptr;
+    const std::uint8_t* end_ = nullptr;  // end of the payload bytes in the window
     OutputBuffer& out_;
     std::size_t pos_;
-    std::size_t blockStart_;
     std::size_t blockEnd_;
+    std::size_t rawBytes_;
     std::size_t room_;
     std::size_t distance_ = 0;  // 0: no distance set in this block yet
     std::size_t blockOffset_;
@@ -102,17 +133,18 @@ void LzvnBlock::emit(std::size_t headerBytes, std::size_t L, std::size_t M, bool
     }
     if (pos_ + L + M > room_) {
         if (L + M > blockEnd_ - pos_)
-            error(Kind::SizeMismatch, "instructions produce more than the header's " +
-                                          std::to_string(blockEnd_ - blockStart_) + " bytes");
+            error(Kind::SizeMismatch, "instructions produce more than the header's " + std::to_string(rawBytes_) +
+                                          " bytes");
         out_.advance(pos_ - out_.size());
-        out_.ensure(L + M);
+        const std::size_t moved = out_.ensure(L + M);
+        pos_ -= moved;
+        blockEnd_ -= moved;
         room_ = std::min(out_.capacity(), blockEnd_);
     }
     std::uint8_t* dst = out_.begin() + pos_;
     const std::uint8_t* src = p_ + headerBytes;
     if (L != 0) {
-        const auto inputEnd = input_.data() + input_.size();
-        if (static_cast<std::size_t>(inputEnd - src) >= L + 16) {
+        if (readable_ - static_cast<std::size_t>(src - window_) >= L + 16) {
             wildCopy(dst, src, L);
         } else {
             std::memcpy(dst, src, L);
@@ -125,6 +157,7 @@ void LzvnBlock::emit(std::size_t headerBytes, std::size_t L, std::size_t M, bool
 
 void LzvnBlock::run() {
     for (;;) {
+        if (p_ >= end_ && offsetOf(end_) != payloadEnd_) load(offsetOf(p_), 1);
         if (p_ >= end_) error(Kind::BadPayload, "payload ends without the end instruction");
         const unsigned op = *p_;
         switch (kOps[op]) {
@@ -180,14 +213,16 @@ void LzvnBlock::run() {
             ++p_;
             break;
         case Op::End:
+            if (end_ - p_ < 8 && offsetOf(end_) != payloadEnd_) load(offsetOf(p_), 8);
             if (end_ - p_ < 8) error(Kind::BadPayload, "end instruction is cut short by the payload's end");
             p_ += 8;
-            if (p_ != end_)
-                error(Kind::BadPayload, std::to_string(end_ - p_) + " payload bytes follow the end instruction");
+            if (offsetOf(p_) != payloadEnd_)
+                error(Kind::BadPayload,
+                      std::to_string(payloadEnd_ - offsetOf(p_)) + " payload bytes follow the end instruction");
             out_.advance(pos_ - out_.size());
             if (pos_ != blockEnd_)
-                error(Kind::SizeMismatch, "block produced " + std::to_string(pos_ - blockStart_) +
-                                              " bytes, the header says " + std::to_string(blockEnd_ - blockStart_));
+                error(Kind::SizeMismatch, "block produced " + std::to_string(pos_ - (blockEnd_ - rawBytes_)) +
+                                              " bytes, the header says " + std::to_string(rawBytes_));
             return;
         case Op::Undefined:
             error(Kind::BadOpcode, "undefined opcode " + hexByte(op));
@@ -197,11 +232,10 @@ void LzvnBlock::run() {
 
 }  // namespace
 
-std::size_t decodeLzvnBlock(std::span<const std::uint8_t> input, std::size_t offset, OutputBuffer& out) {
-    requireBytes("bvxn block header", offset, kLzvnHeaderBytes, input.size());
-    const std::uint32_t rawBytes = load32(input.data() + offset + 4);
-    const std::uint32_t payloadBytes = load32(input.data() + offset + 8);
-    requireBytes("bvxn block payload", offset + kLzvnHeaderBytes, payloadBytes, input.size());
+std::size_t decodeLzvnBlock(BlockInput& input, std::size_t offset, OutputBuffer& out) {
+    const std::uint8_t* header = input.require("bvxn block header", offset, kLzvnHeaderBytes);
+    const std::uint32_t rawBytes = load32(header + 4);
+    const std::uint32_t payloadBytes = load32(header + 8);
     out.checkLimit(rawBytes);
     out.expect(rawBytes);
     LzvnBlock(input, offset + kLzvnHeaderBytes, payloadBytes, rawBytes, offset, out).run();

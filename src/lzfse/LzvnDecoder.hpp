@@ -10,9 +10,10 @@
 
 namespace gaugepoint::lzfse::detail {
 
+class BlockInput;
+
 // Decodes the bvxn block at `offset` (magic already identified), appending to `out`.
 // Returns the offset just past the block. Throws lzfse::Error.
-std::size_t decodeLzvnBlock(std::span<const std::uint8_t> input, std::size_t offset,
-                            OutputBuffer& out);
+std::size_t decodeLzvnBlock(BlockInput& input, std::size_t offset, OutputBuffer& out);
 
 }  // namespace gaugepoint::lzfse::detail

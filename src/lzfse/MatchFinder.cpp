@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cstring>
 #include <memory>
 
 #include "lzfse/BlockEncoder.hpp"
@@ -39,16 +40,37 @@ struct Match {
 
 unsigned hash(std::uint32_t x) { return (x * 2654435761u) >> (32 - kHashBits); }
 
+// Positions are offsets into the window of input held now, [in_, in_ + n_); when the caller
+// drops bytes from the window's front it calls rebase(), which moves every position down.
 class Encoder {
 public:
-    Encoder(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& out)
-        : in_(input.data()), n_(static_cast<std::int64_t>(input.size())), back_(out, input.data() + input.size()),
-          table_(std::make_unique_for_overwrite<Line[]>(std::size_t{1} << kHashBits)) {
+    Encoder(std::vector<std::uint8_t>& out)
+        : back_(out), table_(std::make_unique_for_overwrite<Line[]>(std::size_t{1} << kHashBits)) {
         const Slot never{static_cast<std::int32_t>(kNoPosition), 0};
         std::fill_n(table_.get(), std::size_t{1} << kHashBits, Line{{never, never, never, never}});
     }
 
-    void run();
+    // The input held now; bytes up to `readableEnd` (>= data + size) may be read by copies.
+    void setWindow(const std::uint8_t* data, std::int64_t size, const std::uint8_t* readableEnd) noexcept {
+        in_ = data;
+        n_ = size;
+        back_.setInputEnd(readableEnd);
+    }
+
+    // Searches every position below `end` not covered by an emitted match.
+    void scan(std::int64_t end);
+
+    // The caller dropped the window's first `shift` bytes.
+    void rebase(std::int64_t shift) noexcept;
+
+    // The input has ended at the window's end: emits what is pending and the last block.
+    void finish();
+
+    // The first position whose bytes are still needed, counting the history matches may
+    // reach back into (kMaxD, and the few literals before it a match may take back).
+    std::int64_t firstNeeded() const noexcept { return std::min(p_, lit_) - kKeptHistory; }
+
+    static constexpr std::int64_t kKeptHistory = kMaxD + (64 << 10);
 
 private:
     // Makes `p` (whose 4 bytes are `x`) the newest slot of its line; returns the line as
@@ -65,10 +87,11 @@ private:
     void emit(const Match& m);
     void emitLiterals(std::int64_t count);
 
-    const std::uint8_t* in_;
-    std::int64_t n_;
+    const std::uint8_t* in_ = nullptr;
+    std::int64_t n_ = 0;
     BlockEncoder back_;
     std::unique_ptr<Line[]> table_;
+    std::int64_t p_ = 0;    // next position to scan
     std::int64_t lit_ = 0;  // first byte not yet covered by an emitted triple
     Match pending_;
 };
@@ -143,9 +166,11 @@ void Encoder::step(std::int64_t p, Match incoming) {
     }
 }
 
-void Encoder::run() {
-    const std::int64_t end = n_ - 8;  // positions below are scanned
-    std::int64_t p = 0;
+void Encoder::scan(std::int64_t end) {
+    std::int64_t p = p_;
+    // Positions inside emitted matches are only entered into the table: a loop without
+    // branches on the data, so many table misses can be in flight at once.
+    for (const std::int64_t covered = std::min(lit_, end); p < covered; ++p) insert(p, load32(in_ + p));
     while (p < end) {
         const std::uint32_t x = load32(in_ + p);
         // The next position's line, requested before this one's branches: they mispredict
@@ -153,19 +178,106 @@ void Encoder::run() {
         __builtin_prefetch(&table_[hash(load32(in_ + p + 1))]);
         step(p, bestAt(p, x, insert(p, x)));
         ++p;
-        // Positions inside emitted matches are only entered into the table: a loop without
-        // branches on the data, so many table misses can be in flight at once.
         for (const std::int64_t covered = std::min(lit_, end); p < covered; ++p) insert(p, load32(in_ + p));
     }
+    p_ = p;
+}
+
+void Encoder::rebase(std::int64_t shift) noexcept {
+    for (std::size_t i = 0; i < (std::size_t{1} << kHashBits); ++i) {
+        for (Slot& s : table_[i].slots)
+            s.pos = static_cast<std::int32_t>(std::max<std::int64_t>(s.pos - shift, kNoPosition));
+    }
+    p_ -= shift;
+    lit_ -= shift;
+    pending_.start -= shift;
+    pending_.ref -= shift;
+}
+
+void Encoder::finish() {
     if (pending_.length != 0) emit(pending_);
+    pending_ = {};
     if (lit_ < n_) emitLiterals(n_ - lit_);
     back_.flush();
 }
 
+// The window of the in-memory encoder is the whole input. Positions are kept in 32 bits, so
+// past 1 GiB the window's front moves up (no bytes are copied).
+constexpr std::int64_t kRebaseAfter = std::int64_t{1} << 30;
+
+// The streaming encoder holds kWindowBytes of input and searches a position only while
+// kLookahead bytes follow it (or the input has ended). Its streams equal the in-memory ones:
+// a match is measured at most up to the window's end, so two candidates that both reach it
+// tie where the whole input might rank them; but two matches at distances d1, d2 that agree
+// with the input for d1 + d2 bytes or more follow a common period and end at the same byte,
+// so their true lengths tie too, and the first candidate wins either way. kLookahead is more
+// than 2 * kMaxD (and than the longest match taken), so every such case is a tie.
+constexpr std::int64_t kLookahead = std::int64_t{1} << 20;
+constexpr std::size_t kWindowBytes = std::size_t{8} << 20;
+static_assert(kLookahead > 2 * std::int64_t{kMaxD} + 16 && kLookahead > kMaxMatchLength + 16);
+
 }  // namespace
 
 void encodeLzfseBlocks(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& out) {
-    Encoder(input, out).run();
+    Encoder encoder(out);
+    const std::uint8_t* data = input.data();
+    std::int64_t n = static_cast<std::int64_t>(input.size());
+    encoder.setWindow(data, n, data + n);
+    for (;;) {
+        const std::int64_t end = n - 8;
+        encoder.scan(std::min(end, kRebaseAfter + kRebaseAfter / 2));
+        if (end <= kRebaseAfter + kRebaseAfter / 2) break;
+        const std::int64_t shift = encoder.firstNeeded();
+        data += shift;
+        n -= shift;
+        encoder.rebase(shift);
+        encoder.setWindow(data, n, input.data() + input.size());
+    }
+    encoder.finish();
+}
+
+void encodeLzfseBlocks(std::vector<std::uint8_t> head, Source& source, Sink& sink) {
+    std::vector<std::uint8_t> out;
+    Encoder encoder(out);
+    std::vector<std::uint8_t>& window = head;
+    std::size_t held = window.size();
+    // Starts at 1 MiB and doubles up to kWindowBytes while the input keeps coming, so a short
+    // input faults in few pages. + 16: copies may read a word past the end.
+    window.resize(std::max(held, std::size_t{1} << 20) + 16);
+    bool ended = false;
+    const auto fill = [&] {
+        while (!ended) {
+            if (held == window.size() - 16) {
+                if (held >= kWindowBytes) return;
+                window.resize(std::min(2 * held, kWindowBytes) + 16);
+            }
+            const std::size_t got = source.read(window.data() + held, window.size() - 16 - held);
+            ended = got == 0;
+            held += got;
+        }
+    };
+    const auto drain = [&] {
+        if (!out.empty()) sink.write(out.data(), out.size());
+        out.clear();
+    };
+    fill();
+    for (;;) {
+        const auto n = static_cast<std::int64_t>(held);
+        encoder.setWindow(window.data(), n, window.data() + window.size());
+        if (ended) {
+            encoder.scan(n - 8);
+            encoder.finish();
+            drain();
+            return;
+        }
+        encoder.scan(n - kLookahead);
+        drain();
+        const std::int64_t shift = std::max<std::int64_t>(encoder.firstNeeded(), 0);
+        std::memmove(window.data(), window.data() + shift, held - static_cast<std::size_t>(shift));
+        held -= static_cast<std::size_t>(shift);
+        encoder.rebase(shift);
+        fill();
+    }
 }
 
 }  // namespace gaugepoint::lzfse::detail

@@ -49,21 +49,40 @@ TEST(GPTEncoder, DecodeSkipsUnknownIdsAndRepairsSplitCharacters) {
     EXPECT_EQ(encoder.decode(std::vector<int>{}), "");
 }
 
-TEST(GPTEncoder, CacheHoldsMergedFormsOfMultiCharacterPieces) {
+TEST(GPTEncoder, CacheHoldsTheIdsOfPiecesThatAreNoSingleToken) {
     GPTEncoder encoder;
     EXPECT_EQ(encoder.encode("hello world!"), (std::vector<int>{31373, 995, 0}));
+    EXPECT_EQ(encoder.cache.count(), 0u);  // every piece is one token
     EXPECT_EQ(encoder.encode(" tokenization"), (std::vector<int>{11241, 1634}));
-    EXPECT_EQ(encoder.cache.description(), R"(["hello": "hello", "Ġtokenization": "Ġtoken ization", "Ġworld": "Ġworld"])");
+    EXPECT_EQ(encoder.cache.count(), 1u);
+    std::uint16_t ids[MergeCache::kMaxIds];
+    const std::string_view piece = " tokenization";
+    ASSERT_EQ(encoder.cache.lookup(vocabulary_format::PieceKey::of(piece), ids), 2u);
+    EXPECT_EQ(std::vector<int>(ids, ids + 2), (std::vector<int>{11241, 1634}));
     encoder.clearCache();
     EXPECT_EQ(encoder.cache.count(), 0u);
-    EXPECT_EQ(encoder.cache.description(), "[:]");
 }
 
-TEST(GPTEncoder, CachedFormIsTrustedOverMerging) {
+TEST(GPTEncoder, CachedIdsAreTrustedOverMerging) {
     GPTEncoder encoder;
-    encoder.cache.store("hello", "hel lo");
-    encoder.cache.store("Ġworld", "Ġwor ld nosuchtoken");  // a symbol without an id is skipped
-    EXPECT_EQ(encoder.encode("hello world"), (std::vector<int>{2978, 5439, 476, 335}));
+    const std::string_view piece = " tokenization";
+    const std::uint32_t ids[] = {7, 8, 9};
+    encoder.cache.store(vocabulary_format::PieceKey::of(piece), ids);
+    EXPECT_EQ(encoder.encode("a tokenization"), (std::vector<int>{64, 7, 8, 9}));
+}
+
+// The cache never grows past its slots, and pieces too long for a slot are merged every time.
+TEST(GPTEncoder, CacheStaysBounded) {
+    GPTEncoder encoder;
+    std::string text;
+    for (int i = 0; i < 150000; ++i) text += " q" + std::to_string(i * 7919) + "zx";
+    const std::string longWord = " " + std::string(40, 'q') + "zx";
+    const auto ids = encoder.encode(text);
+    EXPECT_LE(encoder.cache.count(), MergeCache::kSlots);
+    EXPECT_EQ(encoder.decode(ids), text);
+    const auto once = encoder.encode(longWord);
+    EXPECT_EQ(encoder.encode(longWord), once);
+    EXPECT_EQ(encoder.decode(once), longWord);
 }
 
 TEST(GPTEncoder, StringViewsOfTheVocabulary) {
@@ -106,19 +125,6 @@ TEST(GPTEncoder, ThreadsSharingOneEncoderAgree) {
         });
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(mismatches, std::vector<int>(4, 0));
-}
-
-TEST(AtomicDict, StoresReplacesRemovesAndDescribes) {
-    AtomicDict<std::string, int> dict;
-    dict.store("b", 2);
-    dict.store("a", 1);
-    dict.store("b", 3);
-    EXPECT_EQ(dict.lookup(std::string_view("b")), 3);
-    EXPECT_EQ(dict.description(), R"(["a": 1, "b": 3])");
-    EXPECT_TRUE(dict.remove(std::string("a")));
-    EXPECT_FALSE(dict.remove(std::string("a")));
-    EXPECT_EQ(dict.lookup(std::string("a")), std::nullopt);
-    EXPECT_EQ(dict.count(), 1u);
 }
 
 TEST(Vocabulary, RejectsDamagedBlobs) {

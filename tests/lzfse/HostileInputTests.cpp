@@ -107,6 +107,8 @@ std::vector<Case> cases() {
     rawSizeOff[4] ^= 1;
     Bytes badTable = v2;
     badTable[40] ^= 0x10;
+    Bytes headerPastEnd = v2With(2, 0, 32, 600);
+    headerPastEnd.resize(400);
     return {
         {"empty_input", {}, Kind::Truncated, "block magic needs 4 bytes at offset 0, 0 remain"},
         {"partial_magic", text("bvx"), Kind::Truncated, "block magic needs 4 bytes at offset 0, 3 remain"},
@@ -126,7 +128,9 @@ std::vector<Case> cases() {
         {"lzvn_no_end_instruction", lzvnBlock(4, kAbc + Bytes{0xE1, 'x'}) + kEnd, Kind::BadPayload, "runs past the payload's end"},
         {"lzvn_bytes_after_end_instruction", lzvnBlock(3, kAbc + kEndInstruction + Bytes{0}) + kEnd, Kind::BadPayload, "1 payload bytes follow the end instruction"},
         {"v2_truncated", Bytes(v2.begin(), v2.begin() + 500), Kind::Truncated, "bvx2 block (header and payloads) needs"},
-        {"v2_header_size_past_end", v2With(2, 0, 32, 100000), Kind::Truncated, "bvx2 block header with frequency tables needs 100000 bytes"},
+        {"v2_header_size_past_end", headerPastEnd, Kind::Truncated, "bvx2 block header with frequency tables needs 600 bytes"},
+        // No header is larger than its 360 frequency codes can fill: refused before reading it.
+        {"v2_header_larger_than_any_tables", v2With(2, 0, 32, 100000), Kind::BadTable, "frequency table ends before its 100000-byte header does"},
         {"v2_header_size_zero", v2With(2, 0, 32, 0), Kind::BadHeader, "header size 0 is below 32"},
         {"v2_all_zero_header", text("bvx2") + Bytes(28, 0) + kEnd, Kind::BadHeader, "header size 0 is below 32"},
         {"v2_no_frequency_tables", v2With(2, 0, 32, 32), Kind::BadTable, "has no frequency tables"},
@@ -140,7 +144,8 @@ std::vector<Case> cases() {
         {"v1_literal_bits_positive", v1WithInt(28, 1), Kind::BadHeader, "not in -8..0"},
         {"v1_lmd_bits_below_range", v1WithInt(40, -9), Kind::BadHeader, "not in -8..0"},
         {"v1_too_many_matches", v1WithInt(16, 10001), Kind::BadHeader, "10001 matches"},
-        {"v1_payload_past_end", v1WithInt(20, 1 << 30), Kind::Truncated, "bvx1 block (header and payloads) needs"},
+        {"v1_payload_past_end", v1WithInt(20, 1 << 19), Kind::Truncated, "bvx1 block (header and payloads) needs"},
+        {"v1_payload_larger_than_any_block", v1WithInt(20, 1 << 30), Kind::BadHeader, "bytes are more than any block can use"},
         // Distances reach into earlier blocks, but the LZVN previous distance does not carry over.
         {"lzvn_previous_distance_reset_per_block",
          lzvnBlock(6, kAbc + Bytes{0x00, 3} + kEndInstruction) + lzvnBlock(3, Bytes{0xF3} + kEndInstruction) + kEnd,

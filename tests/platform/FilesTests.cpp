@@ -13,6 +13,8 @@ namespace {
 
 using testing::ScratchDirectory;
 
+const InputLimit kLimit = InputLimit::document("a test file");
+
 TEST(AtomicWrite, ReplacesTheFileAndLeavesNoTemporaryBehind) {
     ScratchDirectory dir;
     const auto path = dir / "out.bin";
@@ -41,19 +43,35 @@ TEST(FileReading, NoticesAnEmptyFileAsBeingRewrittenButTakesAPipeAsItComes) {
     ScratchDirectory dir;
     testing::writeFile(dir / "a", "");
     testing::writeFile(dir / "b", "{}");
-    EXPECT_TRUE(readFileNoticingRewrites(dir / "a").inFlux);
-    const auto b = readFileNoticingRewrites(dir / "b");
+    EXPECT_TRUE(readFileNoticingRewrites(dir / "a", kLimit).inFlux);
+    const auto b = readFileNoticingRewrites(dir / "b", kLimit);
     EXPECT_FALSE(b.inFlux);
     EXPECT_EQ(b.bytes, "{}");
-    EXPECT_THROW(readWholeFile(dir / "c"), Error);
+    EXPECT_THROW(readInputFile(dir / "c", InputLimit::document("a test file")), Error);
 
     // A pipe reports size 0 whatever it carries (as `--snapshot <(cat file)` gives).
     ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0600), 0);
     std::thread writer([&] { testing::writeFile(dir / "pipe", "{}"); });
-    const auto piped = readFileNoticingRewrites(dir / "pipe");
+    const auto piped = readFileNoticingRewrites(dir / "pipe", kLimit);
     writer.join();
     EXPECT_FALSE(piped.inFlux);
     EXPECT_EQ(piped.bytes, "{}");
+}
+
+TEST(InputLimit, IsInclusiveAndNamedAsAPersonReadsIt) {
+    ScratchDirectory dir;
+    testing::writeFile(dir / "f", std::string(1536, 'x'));
+    EXPECT_EQ(readInputFile(dir / "f", {1536, "a test file"}).size(), 1536u);
+    try {
+        readInputFile(dir / "f", {1535, "a test file", "; raise it"});
+        FAIL() << "limit not enforced";
+    } catch (const InputTooLargeError& e) {
+        EXPECT_EQ(std::string(e.what()), (dir / "f").string() + " is larger than 1535 bytes, the most a test file may be; raise it");
+    }
+    const std::pair<std::uint64_t, const char*> sizes[] = {
+        {1, "1 byte"}, {1000, "1000 bytes"}, {1024, "1 KiB"}, {1536, "1.5 KiB"}, {std::uint64_t{64} << 20, "64 MiB"},
+        {(std::uint64_t{17} << 30) / 8, "2.125 GiB"}, {(std::uint64_t{1} << 30) + 1, "1073741825 bytes"}};
+    for (const auto& [bytes, text] : sizes) EXPECT_EQ(describeByteCount(bytes), text);
 }
 
 }  // namespace

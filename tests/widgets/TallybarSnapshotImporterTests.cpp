@@ -160,7 +160,7 @@ struct CountingImporter {
         importer.retryDelay = std::chrono::milliseconds(150);
         importer.readFile = [reads = reads](const std::filesystem::path& p) {
             ++*reads;
-            return readFileNoticingRewrites(p);
+            return readFileNoticingRewrites(p, InputLimit::document("a widget snapshot file"));
         };
     }
 };
@@ -180,7 +180,7 @@ TEST(TallybarLoad, RetriesOnceAFileCaughtMidRewrite) {
     CountingImporter c;
     // The sibling finishes its rewrite just after the first read, so only a retry can see it.
     c.importer.readFile = [&, reads = c.reads](const std::filesystem::path& p) {
-        auto contents = readFileNoticingRewrites(p);
+        auto contents = readFileNoticingRewrites(p, InputLimit::document("a widget snapshot file"));
         if (++*reads == 1) testing::writeFile(path, kValid);
         return contents;
     };

@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "gaugepoint/platform/InputFile.hpp"
+
 namespace gaugepoint {
 
 // Replaces the file at `path` with `bytes`: written to a temporary file in the same directory,
@@ -11,8 +13,27 @@ namespace gaugepoint {
 // one, never a part. Throws gaugepoint::Error naming the file; the temporary is removed on failure.
 void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes);
 
-// Reads a whole file. Throws gaugepoint::Error naming the file and the system's reason.
-std::string readWholeFile(const std::filesystem::path& path);
+// A file being replaced as in writeFileAtomically(), written in pieces: nothing appears at
+// the path until commit(); destroying an uncommitted writer removes its temporary file.
+class AtomicFileWriter {
+public:
+    // Creates the temporary file beside `path`. Throws gaugepoint::Error naming the file.
+    explicit AtomicFileWriter(const std::filesystem::path& path);
+    ~AtomicFileWriter();
+    AtomicFileWriter(const AtomicFileWriter&) = delete;
+    AtomicFileWriter& operator=(const AtomicFileWriter&) = delete;
+
+    // Appends bytes. Throws gaugepoint::Error naming the file.
+    void write(std::string_view bytes);
+    // Flushes and renames the temporary over the path. Throws gaugepoint::Error naming the file.
+    void commit();
+
+private:
+    std::filesystem::path path_;
+    std::string temporary_;
+    int fd_ = -1;
+    bool committed_ = false;
+};
 
 // A whole file, and whether it looked as if another process was rewriting it during the read:
 // it was empty, or its size at the end of the read differs from what was read.
@@ -21,7 +42,9 @@ struct FileContents {
     bool inFlux = false;
 };
 
-// Reads a whole file as above, noticing a concurrent rewrite. Throws like readWholeFile.
-FileContents readFileNoticingRewrites(const std::filesystem::path& path);
+// Reads a whole file within `limit` (see InputFile.hpp), noticing a concurrent rewrite.
+// Throws gaugepoint::Error naming the file and the system's reason, InputTooLargeError past
+// the limit.
+FileContents readFileNoticingRewrites(const std::filesystem::path& path, const InputLimit& limit);
 
 }  // namespace gaugepoint

@@ -11,6 +11,7 @@
 
 #include "gaugepoint/platform/Error.hpp"
 #include "gaugepoint/platform/Files.hpp"
+#include "gaugepoint/platform/InputFile.hpp"
 #include "gaugepoint/platform/Json.hpp"
 
 namespace gaugepoint {
@@ -35,7 +36,7 @@ namespace {
 
 boost::json::object readObject(const std::filesystem::path& file) {
     try {
-        auto document = json::parse(readWholeFile(file));
+        auto document = json::parse(readInputFile(file, InputLimit::document("a defaults file")));
         if (document.is_object()) return std::move(document.get_object());
     } catch (const Error&) {
         // A missing or damaged file holds no values; the next write replaces it whole.

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "gaugepoint/platform/Files.hpp"
+#include "gaugepoint/platform/InputFile.hpp"
 #include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/pricing/ModelNameCandidates.hpp"
 
@@ -50,7 +51,7 @@ std::optional<Payload> decodeFile(const std::filesystem::path& file) {
     std::error_code error;
     if (!std::filesystem::is_regular_file(file, error)) return std::nullopt;
     try {
-        return decodeUsable<Payload>(readWholeFile(file));
+        return decodeUsable<Payload>(readInputFile(file, InputLimit::document("a catalogue document")));
     } catch (const Error&) {
         return std::nullopt;
     }

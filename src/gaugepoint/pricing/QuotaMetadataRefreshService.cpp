@@ -4,6 +4,7 @@
 #include <map>
 
 #include "gaugepoint/platform/Files.hpp"
+#include "gaugepoint/platform/InputFile.hpp"
 #include "gaugepoint/platform/Json.hpp"
 #include "gaugepoint/pricing/QuotaMetadataCatalog.hpp"
 
@@ -73,7 +74,7 @@ QuotaMetadataRefreshState QuotaMetadataRefreshService::state() const {
     const auto container = configuration_.resolvedAppGroupDirectory();
     if (!container) return {};
     try {
-        return json::decode<QuotaMetadataRefreshState>(readWholeFile(*container / stateFilename));
+        return json::decode<QuotaMetadataRefreshState>(readInputFile(*container / stateFilename, InputLimit::document("a refresh state document")));
     } catch (const Error&) {
         return {};
     }

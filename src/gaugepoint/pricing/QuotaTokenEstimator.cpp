@@ -84,7 +84,7 @@ TokenEstimate QuotaTokenEstimator::estimate(std::string_view text) {
             break;
         case TextKind::plain: {
             std::lock_guard lock(encoderLock);
-            result = {0, EstimationMethod::bpe, static_cast<std::int64_t>(encoder.encode(text).size())};
+            result = {0, EstimationMethod::bpe, static_cast<std::int64_t>(encoder.count(text))};
             break;
         }
     }

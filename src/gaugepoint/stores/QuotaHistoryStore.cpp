@@ -1,6 +1,7 @@
 #include "gaugepoint/stores/QuotaHistoryStore.hpp"
 
 #include "gaugepoint/platform/Files.hpp"
+#include "gaugepoint/platform/InputFile.hpp"
 #include "gaugepoint/platform/Json.hpp"
 #include "gaugepoint/stores/SQLiteStore.hpp"
 #include "gaugepoint/stores/SnapshotBlob.hpp"
@@ -138,7 +139,7 @@ auto QuotaHistoryStore::run(Operation&& operation) const {
         const auto found = LegacyMigration::legacyFile(configuration_, legacyHistoryFilename);
         if (!found) return false;
         try {
-            legacy = json::decode<QuotaHistoryTimeline>(readWholeFile(*found));
+            legacy = json::decode<QuotaHistoryTimeline>(readInputFile(*found, InputLimit::document("a history document")));
         } catch (const Error&) {
             return false;
         }

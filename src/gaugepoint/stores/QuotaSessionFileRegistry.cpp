@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "gaugepoint/platform/Files.hpp"
+#include "gaugepoint/platform/InputFile.hpp"
 #include "gaugepoint/platform/Json.hpp"
 
 namespace gaugepoint {
@@ -287,7 +288,7 @@ QuotaSessionImportCheckpointCatalog QuotaSessionImportStateStore::load() const {
     std::error_code error;
     if (!std::filesystem::is_regular_file(file, error)) return {};
     try {
-        return json::decode<QuotaSessionImportCheckpointCatalog>(readWholeFile(file));
+        return json::decode<QuotaSessionImportCheckpointCatalog>(readInputFile(file, InputLimit::document("a checkpoint document")));
     } catch (const Error&) {
         return {};  // a damaged document is replaced whole by the next save
     }

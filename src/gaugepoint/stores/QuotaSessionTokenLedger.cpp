@@ -1,6 +1,7 @@
 #include "gaugepoint/stores/QuotaSessionTokenLedger.hpp"
 
 #include "gaugepoint/platform/Files.hpp"
+#include "gaugepoint/platform/InputFile.hpp"
 #include "gaugepoint/platform/Json.hpp"
 #include "gaugepoint/platform/LocalCalendar.hpp"
 
@@ -115,7 +116,7 @@ auto QuotaSessionTokenLedger::runLedger(Operation&& operation) const {
         const auto file = LegacyMigration::legacyFile(configuration_, legacyFilename);
         if (!file) return false;
         try {
-            legacy = json::decode<QuotaTokenLedgerDocument>(readWholeFile(*file));
+            legacy = json::decode<QuotaTokenLedgerDocument>(readInputFile(*file, InputLimit::document("a ledger document")));
         } catch (const Error&) {
             return false;  // a document that does not decode is left where it is
         }

@@ -31,8 +31,10 @@ private:
 struct TallybarSnapshotImporter {
     // How long to wait before the one retry of a file caught mid-rewrite.
     std::chrono::duration<double> retryDelay{0.15};
-    // How the file is read; tests substitute a counting reader.
-    std::function<FileContents(const std::filesystem::path&)> readFile = readFileNoticingRewrites;
+    // How the file is read (within kMaxDocumentBytes); tests substitute a counting reader.
+    std::function<FileContents(const std::filesystem::path&)> readFile = [](const std::filesystem::path& path) {
+        return readFileNoticingRewrites(path, InputLimit::document("a widget snapshot file"));
+    };
 
     // The file's snapshot: version 1, the raw generation time, no source. A file that is empty or
     // changes while read is read once more after retryDelay. Throws TallybarSnapshotImportError.
