@@ -19,5 +19,6 @@ void registerSessionsCommand(CLI::App& root, GlobalOptions& globals);
 void registerRegistryCommand(CLI::App& root, GlobalOptions& globals);
 void registerInboxCommand(CLI::App& root, GlobalOptions& globals);
 void registerSyncCommand(CLI::App& root, GlobalOptions& globals);
+void registerScanCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

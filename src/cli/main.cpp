@@ -52,6 +52,7 @@ int main(int argc, char** argv) {
     registerRegistryCommand(root, globals);
     registerInboxCommand(root, globals);
     registerSyncCommand(root, globals);
+    registerScanCommand(root, globals);
 
     try {
         root.parse(argc, argv);

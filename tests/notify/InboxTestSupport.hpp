@@ -44,6 +44,7 @@ public:
     explicit SecondProcess(const std::function<int()>& work) {
         EXPECT_EQ(::pipe(go_), 0);
         pid_ = inChildProcess([&] {
+            ::close(go_[1]);  // so that a parent that dies without a word ends the wait
             char byte;
             return ::read(go_[0], &byte, 1) == 1 ? work() : 0;
         });

@@ -1,6 +1,13 @@
 #include "gaugepoint/platform/QuotaSyncConfiguration.hpp"
 
+#include <unistd.h>
+
 #include <cstdlib>
+
+#include "gaugepoint/platform/InputFile.hpp"
+#include "gaugepoint/platform/Sha256.hpp"
+#include "gaugepoint/platform/Text.hpp"
+#include "gaugepoint/platform/Uuid.hpp"
 
 namespace gaugepoint {
 namespace {
@@ -49,6 +56,52 @@ std::shared_ptr<UbiquitousKeyValueStore> QuotaSyncConfiguration::resolvedUbiquit
     const auto directory = resolvedAppGroupDirectory();
     if (!directory) return nullptr;
     return std::make_shared<FileUbiquitousKeyValueStore>(*directory / FileUbiquitousKeyValueStore::defaultFilename);
+}
+
+namespace {
+
+constexpr std::string_view kLocalSourceKey = "quota.localSourceID";
+
+std::optional<std::string> machineID() {
+    for (const char* file : {"/etc/machine-id", "/var/lib/dbus/machine-id"}) {
+        try {
+            const std::string text{trimmed(readInputFile(file, InputLimit::document("a machine id file")))};
+            if (!text.empty()) return text;
+        } catch (const Error&) {
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::string QuotaSyncConfiguration::localSourceID() const {
+    if (sourceID && !sourceID->empty()) return *sourceID;
+    if (const auto fromEnvironment = environmentPath("GAUGEPOINT_SOURCE_ID")) return fromEnvironment->string();
+    if (const auto machine = machineID()) return "machine-" + sha256Hex("gaugepoint:" + *machine).substr(0, 16);
+    if (const auto stored = userDefaults->value(kLocalSourceKey); stored && stored->is_string() && !stored->get_string().empty()) {
+        return std::string(stored->get_string());
+    }
+    const std::string made = Uuid::random().lowercaseText();
+    try {
+        userDefaults->setValue(kLocalSourceKey, boost::json::value(made));
+    } catch (const Error&) {
+        // Without the defaults the id is new each run; reports still work, per run.
+    }
+    return made;
+}
+
+std::string QuotaSyncConfiguration::hostName() {
+    char name[256] = {};
+    if (::gethostname(name, sizeof name - 1) != 0) return {};
+    return name;
+}
+
+std::string QuotaSyncConfiguration::localSourceName() const {
+    if (sourceName && !sourceName->empty()) return *sourceName;
+    std::string host = hostName();
+    host = host.substr(0, host.find('.'));
+    return host.empty() ? "This machine" : host;
 }
 
 }  // namespace gaugepoint

@@ -26,6 +26,9 @@ struct QuotaSyncConfiguration {
     // The key-value store shared with the user's other machines; absent: the file-backed
     // stand-in FileUbiquitousKeyValueStore::defaultFilename in the App Group directory.
     std::shared_ptr<UbiquitousKeyValueStore> ubiquitousKeyValueStore;
+    // This machine as a publishing source; absent: see localSourceID() and localSourceName().
+    std::optional<std::string> sourceID;
+    std::optional<std::string> sourceName;
 
     // The configuration of this user: defaults in FileUserDefaults::standardLocation(), the
     // ubiquity directory from GAUGEPOINT_UBIQUITY_DIR, the system clock.
@@ -40,6 +43,16 @@ struct QuotaSyncConfiguration {
     // ubiquitousKeyValueStore, else the stand-in file in the App Group directory; none when
     // that directory cannot be resolved or created.
     std::shared_ptr<UbiquitousKeyValueStore> resolvedUbiquitousKeyValueStore() const;
+
+    // This machine's source id, stable across runs: sourceID, else GAUGEPOINT_SOURCE_ID, else
+    // "machine-" and the first 16 hex digits of the SHA-256 of "gaugepoint:" and the system's
+    // machine id (/etc/machine-id; the raw id is never shown), else a UUID kept in the user
+    // defaults under "quota.localSourceID". Never the bare host name, which machines share.
+    std::string localSourceID() const;
+    // sourceName, else the host name without its domain ("workstation"), else "This machine".
+    std::string localSourceName() const;
+    // The host name as the system reports it; "" when it has none.
+    static std::string hostName();
 };
 
 }  // namespace gaugepoint

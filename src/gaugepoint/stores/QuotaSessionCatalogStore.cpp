@@ -585,33 +585,52 @@ std::vector<QuotaSessionMessageChange> QuotaSessionCatalogStore::messagesSince(D
     });
 }
 
+namespace {
+
+void writeSessionMessages(sqlite::Connection& connection, std::string_view sourceID, std::string_view sessionID,
+                          const std::vector<QuotaSessionMessage>& messages, double now) {
+    sqlite::Statement remove{connection, kDeleteSessionMessages, "prepare replaceMessagesForSession.delete",
+                             "execute replaceMessagesForSession.delete"};
+    remove.bind(1, sourceID).bind(2, sessionID).run();
+    sqlite::Statement insert{connection, kInsertMessage, "prepare replaceMessagesForSession.insert",
+                             "execute replaceMessagesForSession.insert"};
+    std::int64_t seq = 0;
+    for (const auto& message : messages) {
+        insert.reset();
+        insert.bind(1, sessionID).bind(2, sourceID).bind(3, seq++).bind(4, json::rawValue(message.role));
+        insert.bind(5, nonEmpty(message.text));
+        sqlite::bindDate(insert, 6, message.timestamp);
+        insert.bind(7, message.model ? std::optional(message.model->id) : std::nullopt);
+        std::int64_t tokens = 0;
+        if (message.tokenUsage) {
+            try {
+                tokens = totalTokens(*message.tokenUsage);
+            } catch (const QuotaSessionCatalogStoreError&) {
+                insert.fail("token counts of message " + message.id + " overflow");
+            }
+        }
+        insert.bind(8, tokens).bind(9, now).bind(10, now).run();
+    }
+}
+
+}  // namespace
+
 void QuotaSessionCatalogStore::replaceMessagesForSession(std::string_view sourceID, std::string_view sessionID,
                                                          const std::vector<QuotaSessionMessage>& messages) const {
     const double now = secondsSince1970(configuration_.clock.now());
     runCatalog([&](sqlite::Connection& connection) {
         sqlite::Transaction transaction{connection, "replaceMessagesForSession"};
-        sqlite::Statement remove{connection, kDeleteSessionMessages, "prepare replaceMessagesForSession.delete",
-                                 "execute replaceMessagesForSession.delete"};
-        remove.bind(1, sourceID).bind(2, sessionID).run();
-        sqlite::Statement insert{connection, kInsertMessage, "prepare replaceMessagesForSession.insert",
-                                 "execute replaceMessagesForSession.insert"};
-        std::int64_t seq = 0;
-        for (const auto& message : messages) {
-            insert.reset();
-            insert.bind(1, sessionID).bind(2, sourceID).bind(3, seq++).bind(4, json::rawValue(message.role));
-            insert.bind(5, nonEmpty(message.text));
-            sqlite::bindDate(insert, 6, message.timestamp);
-            insert.bind(7, message.model ? std::optional(message.model->id) : std::nullopt);
-            std::int64_t tokens = 0;
-            if (message.tokenUsage) {
-                try {
-                    tokens = totalTokens(*message.tokenUsage);
-                } catch (const QuotaSessionCatalogStoreError&) {
-                    insert.fail("token counts of message " + message.id + " overflow");
-                }
-            }
-            insert.bind(8, tokens).bind(9, now).bind(10, now).run();
-        }
+        writeSessionMessages(connection, sourceID, sessionID, messages, now);
+        transaction.commit();
+    });
+}
+
+void QuotaSessionCatalogStore::replaceMessagesForSessions(
+    std::string_view sourceID, const std::vector<std::pair<std::string, std::vector<QuotaSessionMessage>>>& sessions) const {
+    const double now = secondsSince1970(configuration_.clock.now());
+    runCatalog([&](sqlite::Connection& connection) {
+        sqlite::Transaction transaction{connection, "replaceMessagesForSession"};
+        for (const auto& [sessionID, messages] : sessions) writeSessionMessages(connection, sourceID, sessionID, messages, now);
         transaction.commit();
     });
 }

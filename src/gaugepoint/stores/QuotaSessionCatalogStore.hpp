@@ -97,6 +97,10 @@ public:
     // sum of the four counts; inserted and updated now. Throws.
     void replaceMessagesForSession(std::string_view sourceID, std::string_view sessionID,
                                    const std::vector<QuotaSessionMessage>& messages) const;
+    // replaceMessagesForSession for many sessions of one source, in one transaction.
+    void replaceMessagesForSessions(
+        std::string_view sourceID,
+        const std::vector<std::pair<std::string, std::vector<QuotaSessionMessage>>>& sessions) const;
     // Deletes the messages of these sessions; returns how many rows went. Throws.
     std::int64_t removeMessagesForSessions(std::string_view sourceID, const std::vector<std::string>& sessionIDs) const;
 

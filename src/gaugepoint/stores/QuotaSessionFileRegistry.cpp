@@ -7,6 +7,7 @@
 #include "gaugepoint/platform/Files.hpp"
 #include "gaugepoint/platform/InputFile.hpp"
 #include "gaugepoint/platform/Json.hpp"
+#include "gaugepoint/stores/QuotaUsageEntryStore.hpp"
 
 namespace gaugepoint {
 namespace {
@@ -116,6 +117,9 @@ void migrate(sqlite::Connection& connection) {
     connection.exec("CREATE INDEX IF NOT EXISTS idx_session_file_registry_session_id\n"
                     "ON session_file_registry(session_id)",
                     "ensure session_id index");
+    // The log import's rows live in this file so that they commit with the entries that say
+    // how far each file was read.
+    QuotaUsageEntryStore::ensureSchema(connection);
 }
 
 std::optional<QuotaSessionContentCaptureMode> captureModeNamed(std::optional<std::string_view> name) {
@@ -250,6 +254,10 @@ void QuotaSessionFileRegistry::runInTransaction(std::string_view label,
         work(connection);
         transaction.commit();
     });
+}
+
+void QuotaSessionFileRegistry::withConnection(const std::function<void(sqlite::Connection&)>& work) const {
+    runRegistry([&](sqlite::Connection& connection) { work(connection); });
 }
 
 void QuotaSessionFileRegistry::walCheckpoint() const noexcept {

@@ -31,6 +31,8 @@ void Connection::rollbackQuietly() noexcept {
 
 std::int64_t Connection::changes() const { return sqlite3_changes64(db_); }
 
+std::int64_t Connection::lastInsertRowID() const { return sqlite3_last_insert_rowid(db_); }
+
 void Connection::checkpointQuietly() noexcept {
     sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
 }

@@ -38,6 +38,8 @@ public:
     void rollbackQuietly() noexcept;
     // Rows changed by the last statement.
     std::int64_t changes() const;
+    // The rowid of the last row inserted on this connection.
+    std::int64_t lastInsertRowID() const;
     // Copies the write-ahead log into the database without waiting for readers; errors ignored.
     void checkpointQuietly() noexcept;
     // Throws Failure with `label` and the connection's current error message.

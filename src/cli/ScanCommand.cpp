@@ -1,0 +1,105 @@
+// gaugepoint scan: import the local logs of Claude Code, Codex CLI and Gemini CLI.
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+
+#include "Commands.hpp"
+#include "gaugepoint/importers/QuotaLogScanner.hpp"
+
+namespace gaugepoint::cli {
+namespace {
+
+struct ScanCommandOptions {
+    std::vector<std::string> claudeDirs, codexDirs, geminiDirs;
+    std::string capture = "metadataOnly";
+    bool quiet = false;
+    bool verbose = false;
+};
+
+// A progress line on stderr, only when stderr is a terminal and the scan has taken a moment.
+class ProgressLine {
+public:
+    ProgressLine() : enabled_(::isatty(STDERR_FILENO) == 1), start_(std::chrono::steady_clock::now()) {}
+    ~ProgressLine() {
+        if (shown_) std::fputs("\r\033[K", stderr);
+    }
+    ProgressLine(const ProgressLine&) = delete;
+    ProgressLine& operator=(const ProgressLine&) = delete;
+
+    void update(std::int64_t done, std::int64_t total, std::int64_t bytes) {
+        if (!enabled_ || std::chrono::steady_clock::now() - start_ < std::chrono::milliseconds(500)) return;
+        shown_ = true;
+        const int width = 30;
+        const int filled = total > 0 ? int(width * done / total) : width;
+        std::fprintf(stderr, "\r[%.*s%*s] %lld/%lld files, %lld MB", filled, "##############################",
+                     width - filled, "", (long long)done, (long long)total, (long long)(bytes >> 20));
+        std::fflush(stderr);
+    }
+
+private:
+    bool enabled_;
+    bool shown_ = false;
+    std::chrono::steady_clock::time_point start_;
+};
+
+std::string summaryLine(const QuotaScanSummary& s) {
+    std::string line = counted(s.filesRead, "file") + " read, " + groupedInteger(s.filesUnchanged) + " unchanged";
+    if (s.filesSkipped > 0) line += ", " + groupedInteger(s.filesSkipped) + " skipped";
+    line += " · " + groupedInteger(s.newSessions) + " new " + (s.newSessions == 1 ? "session" : "sessions") + ", " +
+            groupedInteger(s.updatedSessions) + " updated";
+    line += " · " + groupedInteger(s.tokens) + " tokens";
+    line += " · " + groupedInteger(s.linesSkipped) + (s.linesSkipped == 1 ? " line" : " lines") + " skipped";
+    return line;
+}
+
+void scan(const ScanCommandOptions& options, const GlobalOptions& globals) {
+    QuotaScanOptions scanOptions;
+    scanOptions.capture = parseEnumeration<QuotaSessionContentCaptureMode>(options.capture, "--capture");
+    const auto homes = [&](const char* provider, const std::vector<std::string>& dirs) {
+        if (!dirs.empty()) scanOptions.homes[provider] = {dirs.begin(), dirs.end()};
+    };
+    homes("claude", options.claudeDirs);
+    homes("codex", options.codexDirs);
+    homes("gemini", options.geminiDirs);
+    ProgressLine progress;
+    if (!options.quiet && !globals.json) {
+        scanOptions.progress = [&](std::int64_t done, std::int64_t total, std::int64_t bytes) { progress.update(done, total, bytes); };
+    }
+    const QuotaScanSummary summary = QuotaLogScanner{resolveConfiguration(globals)}.scan(scanOptions);
+    if (globals.json) return printJson(summary);
+    if (options.quiet) return;
+    std::string text = summaryLine(summary) + "\n";
+    if (options.verbose) {
+        for (const auto& p : summary.problems) {
+            text += "  " + p.path + (p.offset ? " at byte " + std::to_string(*p.offset) : "") + ": " + p.reason + "\n";
+        }
+    }
+    writeOutput("-", text);
+}
+
+}  // namespace
+
+void registerScanCommand(CLI::App& root, GlobalOptions& globals) {
+    auto options = std::make_shared<ScanCommandOptions>();
+    CLI::App* command = addGroup(root, "scan", "Import the local logs of Claude Code, Codex CLI and Gemini CLI");
+    command->add_option("--claude-dir", options->claudeDirs, "A Claude Code home (repeatable; default $CLAUDE_CONFIG_DIR, "
+                                                            "else ~/.config/claude and ~/.claude)")
+        ->option_text("DIR");
+    command->add_option("--codex-dir", options->codexDirs, "A Codex CLI home (repeatable; default $CODEX_HOME, else ~/.codex)")
+        ->option_text("DIR");
+    command->add_option("--gemini-dir", options->geminiDirs,
+                        "A Gemini CLI home (repeatable; default $GEMINI_CLI_HOME/.gemini, else ~/.gemini)")
+        ->option_text("DIR");
+    command->add_option("--capture", options->capture,
+                        "How much message text to keep: metadataOnly (default: none), promptsOnly, promptsAndAnswers, "
+                        "fullTranscript")
+        ->option_text("MODE")
+        ->check(CLI::IsMember(enumerationNames<QuotaSessionContentCaptureMode>()));
+    command->add_flag("--quiet", options->quiet, "Print nothing unless the scan fails");
+    command->add_flag("--verbose", options->verbose, "Name every skipped line and file");
+    command->callback([options, &globals] { scan(*options, globals); });
+}
+
+}  // namespace gaugepoint::cli

@@ -1,0 +1,224 @@
+// Claude Code transcripts: projects/**/*.jsonl under each home, one JSON record per line.
+//
+// An assistant record whose message has `usage` is one API response. Its four counts are written
+// as they stand (input, output, cache read, cache write). Claude Code writes one line per
+// content block of a response, and a resumed conversation starts its file with copies of earlier
+// lines, so a response is counted once across all files: by message.id and requestId, keeping
+// the line with the most output tokens. Lines of the model "<synthetic>" and API error lines are
+// Claude Code's own and count nothing. A record belongs to the session its sessionId names, so
+// subagent transcripts count toward their parent session.
+
+#include <cstdlib>
+#include <set>
+
+#include "gaugepoint/importers/CodingToolLogs.hpp"
+#include "gaugepoint/importers/JsonLineParser.hpp"
+#include "gaugepoint/platform/Text.hpp"
+
+namespace gaugepoint {
+namespace {
+
+namespace fs = std::filesystem;
+using simdjson::ondemand::object;
+using simdjson::ondemand::value;
+
+struct Usage {
+    std::optional<std::int64_t> input, output, cacheRead, cacheWrite;
+};
+
+// The fields of one record that the import reads.
+struct Record {
+    std::string type, sessionID, uuid, cwd, requestID, messageID, model, role, text;
+    std::optional<Date> timestamp;
+    std::optional<Usage> usage;
+    std::optional<double> cost;
+    bool sidechain = false, meta = false, apiError = false, toolResult = false, hasText = false, badCount = false;
+};
+
+// Reads usage counts; a count that is not a plausible whole number marks the record bad.
+Usage readUsage(object usage, bool& bad) {
+    Usage u;
+    for (auto field : usage) {
+        std::string_view key;
+        if (field.unescaped_key().get(key)) {
+            bad = true;
+            break;
+        }
+        std::optional<std::int64_t>* slot = key == "input_tokens"                  ? &u.input
+                                            : key == "output_tokens"               ? &u.output
+                                            : key == "cache_read_input_tokens"     ? &u.cacheRead
+                                            : key == "cache_creation_input_tokens" ? &u.cacheWrite
+                                                                                   : nullptr;
+        if (!slot) continue;
+        value v = field.value();
+        if (jsonline::isNull(v)) continue;  // read as 0
+        *slot = jsonline::integer(v);
+        if (!*slot || !isPlausibleTokenCount(**slot)) bad = true;
+    }
+    return u;
+}
+
+bool readMessage(object message, Record& r, bool wantText) {
+    for (auto field : message) {
+        std::string_view key;
+        if (field.unescaped_key().get(key)) return false;
+        value v = field.value();
+        if (key == "id") {
+            r.messageID = std::string(jsonline::text(v).value_or(""));
+        } else if (key == "model") {
+            r.model = std::string(jsonline::text(v).value_or(""));
+        } else if (key == "role") {
+            r.role = std::string(jsonline::text(v).value_or(""));
+        } else if (key == "usage") {
+            object usage;
+            if (!v.get_object().get(usage)) r.usage = readUsage(usage, r.badCount);
+        } else if (key == "content") {
+            // The content is read for the kind of a user record (a tool result is not a prompt)
+            // and for text the capture mode keeps.
+            auto summary = jsonline::content(v, "tool_result", wantText);
+            r.toolResult = summary.sawType;
+            r.hasText = summary.hasText;
+            r.text = std::move(summary.text);
+        }
+    }
+    return true;
+}
+
+std::optional<Record> readRecord(object line, bool wantText) {
+    Record r;
+    for (auto field : line) {
+        std::string_view key;
+        if (field.unescaped_key().get(key)) return std::nullopt;
+        value v = field.value();
+        if (key == "type") {
+            r.type = std::string(jsonline::text(v).value_or(""));
+        } else if (key == "timestamp") {
+            r.timestamp = jsonline::date(v);
+        } else if (key == "sessionId") {
+            r.sessionID = std::string(jsonline::text(v).value_or(""));
+        } else if (key == "uuid") {
+            r.uuid = std::string(jsonline::text(v).value_or(""));
+        } else if (key == "cwd") {
+            r.cwd = std::string(jsonline::text(v).value_or(""));
+        } else if (key == "requestId") {
+            r.requestID = std::string(jsonline::text(v).value_or(""));
+        } else if (key == "isSidechain") {
+            r.sidechain = jsonline::boolean(v).value_or(false);
+        } else if (key == "isMeta") {
+            r.meta = jsonline::boolean(v).value_or(false);
+        } else if (key == "isApiErrorMessage") {
+            r.apiError = jsonline::boolean(v).value_or(false);
+        } else if (key == "costUSD") {
+            r.cost = jsonline::number(v);
+        } else if (key == "message") {
+            object message;
+            if (!v.get_object().get(message) && !readMessage(message, r, wantText)) return std::nullopt;
+        }
+    }
+    return r;
+}
+
+class ClaudeCodeLogs final : public CodingToolLogs {
+public:
+    QuotaSessionProviderIdentity provider() const override { return {"claude", "Claude"}; }
+    std::int64_t parserVersion() const override { return 1; }
+
+    std::vector<fs::path> defaultHomes() const override {
+        if (const char* dirs = std::getenv("CLAUDE_CONFIG_DIR"); dirs && *dirs) {
+            std::vector<fs::path> homes;
+            std::string_view rest = dirs;
+            while (!rest.empty()) {
+                const auto comma = rest.find(',');
+                const auto part = trimmed(rest.substr(0, comma));
+                if (!part.empty()) homes.emplace_back(part);
+                rest = comma == std::string_view::npos ? std::string_view{} : rest.substr(comma + 1);
+            }
+            return homes;
+        }
+        const char* home = std::getenv("HOME");
+        if (!home || !*home) return {};
+        return {fs::path(home) / ".config" / "claude", fs::path(home) / ".claude"};
+    }
+
+    std::vector<fs::path> logFolders() const override { return {"projects"}; }
+
+    std::optional<LogLayout> layoutOf(const fs::path& file) const override {
+        if (file.extension() == ".jsonl") return LogLayout::appendedLines;
+        return std::nullopt;
+    }
+
+    void parseLines(std::span<const LogLine> lines, const LogFileContext& file, std::string&,
+                    LogRecordSink& sink) const override {
+        const bool anyText = file.capture != QuotaSessionContentCaptureMode::metadataOnly;
+        std::set<std::string> projectsSeen;
+        for (const auto& line : lines) {
+            const auto object = file.parser->object(line.text);
+            if (!object) {
+                sink.badLine(line.offset, "not a JSON object");
+                continue;
+            }
+            auto record = readRecord(*object, anyText);
+            if (!record) {
+                sink.badLine(line.offset, "malformed JSON");
+                continue;
+            }
+            handle(*record, line, file, sink, projectsSeen);
+        }
+    }
+
+    void parseDocument(std::string_view, const LogFileContext&, LogRecordSink&) const override {}
+
+private:
+    void handle(Record& r, const LogLine& line, const LogFileContext& file, LogRecordSink& sink,
+                std::set<std::string>& projectsSeen) const {
+        if (r.type != "user" && r.type != "assistant") return;  // summaries, snapshots, system notes
+        if (r.badCount) return sink.badLine(line.offset, "a token count that is negative, fractional or absurd");
+        if (!r.timestamp) return sink.badLine(line.offset, "no timestamp");
+        // Old transcripts without a sessionId are one session per file.
+        if (r.sessionID.empty()) r.sessionID = file.path.stem().string();
+        if (!r.cwd.empty() && projectsSeen.insert(r.sessionID).second) sink.session(r.sessionID, r.cwd);
+
+        const bool synthetic = r.model == "<synthetic>" || r.apiError;
+        std::optional<QuotaSessionTokenUsage> tokens;
+        if (r.type == "assistant" && r.usage && !synthetic) {
+            QuotaUsageEntry entry;
+            entry.providerID = "claude";
+            entry.sessionID = r.sessionID;
+            // One response across files; a line without both ids is counted as it stands.
+            entry.dedupKey = !r.messageID.empty() && !r.requestID.empty()
+                                 ? r.messageID + ":" + r.requestID
+                                 : "line:" + (r.uuid.empty() ? r.sessionID + "@" + std::to_string(line.offset) : r.uuid);
+            entry.timestamp = *r.timestamp;
+            entry.model = r.model.empty() ? "unknown" : r.model;
+            entry.tokens = {r.usage->input.value_or(0), r.usage->output.value_or(0), r.usage->cacheRead.value_or(0),
+                            r.usage->cacheWrite.value_or(0), r.cost};
+            tokens = entry.tokens;
+            sink.usage(std::move(entry));
+        }
+
+        QuotaImportedMessage message;
+        message.sessionID = r.sessionID;
+        message.timestamp = r.timestamp;
+        if (r.type == "assistant") {
+            // The content blocks of one response are one message.
+            message.messageKey = "a:" + (r.messageID.empty() ? r.uuid : r.messageID);
+            message.role = synthetic ? QuotaSessionRole::meta : QuotaSessionRole::assistant;
+            if (!synthetic) message.model = r.model;
+            message.tokenUsage = tokens;
+        } else {
+            message.messageKey = "u:" + r.uuid;
+            message.role = r.meta ? QuotaSessionRole::meta : r.toolResult ? QuotaSessionRole::toolResult : QuotaSessionRole::user;
+            // A subagent's "user" lines are its parent's instructions, not the person typing.
+            message.isPrompt = message.role == QuotaSessionRole::user && !r.sidechain && r.hasText;
+        }
+        if (message.messageKey.size() <= 2) message.messageKey += r.sessionID + "@" + std::to_string(line.offset);
+        if (keepsText(file.capture, message.role, message.isPrompt) && !r.text.empty()) message.text = std::move(r.text);
+        sink.message(std::move(message));
+    }
+};
+
+}  // namespace
+
+std::unique_ptr<CodingToolLogs> makeClaudeCodeLogs() { return std::make_unique<ClaudeCodeLogs>(); }
+
+}  // namespace gaugepoint

@@ -1,0 +1,115 @@
+#pragma once
+
+// What the scan needs to know of one coding tool: where its logs are, which files are logs,
+// how each is read, and how its records become usage entries, messages and rate limits. One
+// implementation per tool, each in its own file; CodingTools.cpp lists them.
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "gaugepoint/model/QuotaSessionMessage.hpp"
+#include "gaugepoint/model/QuotaSessionModes.hpp"
+#include "gaugepoint/model/QuotaUsageRecords.hpp"
+
+namespace gaugepoint {
+
+class JsonLineParser;
+
+// How a log file is read: appended line by line (read on from where the last scan stopped), or
+// rewritten whole (read again from the start whenever it changes).
+enum class LogLayout { appendedLines, wholeDocument };
+
+// One complete line of a file and where it starts (bytes from the start of the file). The
+// bytes after `text` are readable up to the parser's padding, as fast JSON parsers need.
+struct LogLine {
+    std::string_view text;
+    std::int64_t offset = 0;
+};
+
+// Receives what a parser finds. A bad line is reported with its reason and the rest goes on.
+class LogRecordSink {
+public:
+    virtual ~LogRecordSink() = default;
+    virtual void usage(QuotaUsageEntry entry) = 0;
+    virtual void message(QuotaImportedMessage message) = 0;
+    // Where a session ran ("" when the log does not say).
+    virtual void session(const std::string& sessionID, const std::string& projectPath) = 0;
+    virtual void rateLimits(QuotaObservedRateLimits limits) = 0;
+    virtual void badLine(std::int64_t offset, std::string reason) = 0;
+};
+
+// Holds what one line gave until the whole line has been read, so that a line found bad half
+// way contributes nothing.
+class PendingRecords final : public LogRecordSink {
+public:
+    void usage(QuotaUsageEntry entry) override { usage_.push_back(std::move(entry)); }
+    void message(QuotaImportedMessage message) override { messages_.push_back(std::move(message)); }
+    void session(const std::string& sessionID, const std::string& projectPath) override {
+        sessions_.emplace_back(sessionID, projectPath);
+    }
+    void rateLimits(QuotaObservedRateLimits limits) override { limits_.push_back(std::move(limits)); }
+    void badLine(std::int64_t offset, std::string reason) override {
+        if (!bad_) bad_ = std::pair{offset, std::move(reason)};
+    }
+    bool isBad() const { return bad_.has_value(); }
+    // Passes everything on, or only the first bad-line report when there was one; then empties.
+    void flushTo(LogRecordSink& sink);
+
+private:
+    std::vector<QuotaUsageEntry> usage_;
+    std::vector<QuotaImportedMessage> messages_;
+    std::vector<std::pair<std::string, std::string>> sessions_;
+    std::vector<QuotaObservedRateLimits> limits_;
+    std::optional<std::pair<std::int64_t, std::string>> bad_;
+};
+
+// What a parser knows of the file at hand.
+struct LogFileContext {
+    std::filesystem::path path;
+    QuotaSessionContentCaptureMode capture = QuotaSessionContentCaptureMode::metadataOnly;
+    JsonLineParser* parser = nullptr;
+};
+
+class CodingToolLogs {
+public:
+    virtual ~CodingToolLogs() = default;
+
+    virtual QuotaSessionProviderIdentity provider() const = 0;
+    // Raised whenever the reading rules change, so that the next scan reads every file again.
+    virtual std::int64_t parserVersion() const = 0;
+    // The tool's home directories when the user names none (from its environment variables,
+    // else the usual places); missing ones are simply not there.
+    virtual std::vector<std::filesystem::path> defaultHomes() const = 0;
+    // The folders below a home that hold its logs ("projects").
+    virtual std::vector<std::filesystem::path> logFolders() const = 0;
+    // How a file found below a log folder is read; none when it is not a log.
+    virtual std::optional<LogLayout> layoutOf(const std::filesystem::path& file) const = 0;
+
+    // Reads complete lines of an appended file in order. `state` is what the previous lines of
+    // the same file left ("" at its start); the parser updates it.
+    virtual void parseLines(std::span<const LogLine> lines, const LogFileContext& file, std::string& state,
+                            LogRecordSink& sink) const = 0;
+    // Reads a whole document (padded as LogLine says).
+    virtual void parseDocument(std::string_view text, const LogFileContext& file, LogRecordSink& sink) const = 0;
+};
+
+// Every tool the scan reads: Claude Code, Codex CLI, Gemini CLI.
+const std::vector<std::unique_ptr<CodingToolLogs>>& codingTools();
+std::unique_ptr<CodingToolLogs> makeClaudeCodeLogs();
+std::unique_ptr<CodingToolLogs> makeCodexLogs();
+std::unique_ptr<CodingToolLogs> makeGeminiLogs();
+
+// Whether a message of this role keeps its text under the capture mode: prompts from
+// promptsOnly on, answers from promptsAndAnswers on, everything else with fullTranscript.
+bool keepsText(QuotaSessionContentCaptureMode capture, QuotaSessionRole role, bool isPrompt);
+
+// A token count as logs write it: a whole number from 0 to 10^12 (more is no real response).
+bool isPlausibleTokenCount(std::int64_t count);
+
+}  // namespace gaugepoint

@@ -1,0 +1,80 @@
+#include "gaugepoint/importers/LogFileWalker.hpp"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <utility>
+
+namespace gaugepoint {
+namespace {
+
+namespace fs = std::filesystem;
+constexpr int kMaximumDepth = 64;
+
+Date modificationTime(const struct stat& info) {
+#if defined(__APPLE__)
+    const auto& time = info.st_mtimespec;
+#else
+    const auto& time = info.st_mtim;
+#endif
+    return dateFromSeconds(double(time.tv_sec) + double(time.tv_nsec) / 1e9);
+}
+
+struct Walk {
+    const CodingToolLogs& tool;
+    const fs::path& folder;  // the log folder being walked; layouts are judged below it
+    std::vector<LogFileCandidate>& found;
+    std::vector<WalkProblem>& problems;
+    std::set<std::pair<dev_t, ino_t>> visited;
+
+    void directory(const fs::path& path, int depth) {
+        struct stat info {};
+        if (::stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return;
+        if (!visited.emplace(info.st_dev, info.st_ino).second) return;  // reached again through a link
+        if (depth > kMaximumDepth) return problems.push_back({path, "directories nested too deep"});
+        DIR* dir = ::opendir(path.c_str());
+        if (!dir) return problems.push_back({path, std::strerror(errno)});
+        std::vector<std::string> names;
+        while (const dirent* entry = ::readdir(dir)) {
+            const std::string_view name = entry->d_name;
+            if (name != "." && name != "..") names.emplace_back(name);
+        }
+        ::closedir(dir);
+        std::sort(names.begin(), names.end());
+        for (const auto& name : names) entry(path / name, depth);
+    }
+
+    void entry(const fs::path& path, int depth) {
+        struct stat info {};
+        if (::stat(path.c_str(), &info) != 0) return;  // vanished, or a dangling link
+        if (S_ISDIR(info.st_mode)) return directory(path, depth + 1);
+        if (!S_ISREG(info.st_mode)) return;
+        const auto layout = tool.layoutOf(path.lexically_relative(folder));
+        if (!layout) return;
+        found.push_back({path, *layout, std::int64_t(info.st_size), modificationTime(info),
+                         std::to_string(std::uint64_t(info.st_dev)) + ":" + std::to_string(std::uint64_t(info.st_ino))});
+    }
+};
+
+}  // namespace
+
+std::vector<LogFileCandidate> findLogFiles(const CodingToolLogs& tool, const std::vector<fs::path>& homes,
+                                           std::vector<WalkProblem>& problems) {
+    std::vector<LogFileCandidate> found;
+    std::set<std::pair<dev_t, ino_t>> visited;  // shared by all homes: one folder reached twice is read once
+    for (const auto& home : homes) {
+        for (const auto& folder : tool.logFolders()) {
+            const fs::path root = home / folder;
+            Walk walk{tool, root, found, problems, std::move(visited)};
+            walk.directory(root, 0);
+            visited = std::move(walk.visited);
+        }
+    }
+    return found;
+}
+
+}  // namespace gaugepoint

@@ -1,0 +1,122 @@
+#include "gaugepoint/importers/SessionPublisher.hpp"
+
+#include <algorithm>
+
+#include "gaugepoint/importers/CodingToolLogs.hpp"
+#include "gaugepoint/platform/Text.hpp"
+
+namespace gaugepoint {
+namespace {
+
+constexpr std::size_t kBatch = 200;
+constexpr std::size_t kTitleLength = 80;  // characters
+
+QuotaSessionProviderIdentity providerIdentity(std::string_view providerID) {
+    for (const auto& tool : codingTools()) {
+        if (tool->provider().id == providerID) return tool->provider();
+    }
+    return {std::string(providerID), std::string(providerID)};
+}
+
+// The first `count` characters (code points) of `text`.
+std::string firstCharacters(std::string_view text, std::size_t count) {
+    std::size_t end = 0;
+    for (std::size_t n = 0; end < text.size() && n < count; ++n) {
+        ++end;
+        while (end < text.size() && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) ++end;
+    }
+    return std::string(text.substr(0, end));
+}
+
+// The first line of the first kept prompt that is the person's own words (tools put their own
+// notes in angle brackets), else the project folder, else the provider's name.
+std::string titleOf(const std::vector<QuotaImportedMessage>& messages, const std::optional<std::string>& projectPath,
+                    const QuotaSessionProviderIdentity& provider) {
+    for (const auto& m : messages) {
+        if (!m.isPrompt || !m.text) continue;
+        const std::string_view text = trimmed(*m.text);
+        const std::string line{trimmed(singleLine(text.substr(0, text.find('\n'))))};
+        if (line.empty() || line.front() == '<') continue;
+        return firstCharacters(line, kTitleLength);
+    }
+    if (projectPath) {
+        const auto folder = std::filesystem::path(*projectPath).filename().string();
+        if (!folder.empty()) return folder;
+    }
+    return provider.displayName + " session";
+}
+
+QuotaSessionMessage catalogMessage(const QuotaImportedMessage& m) {
+    QuotaSessionMessage message;
+    message.id = m.messageKey;
+    message.role = m.role;
+    message.text = m.text.value_or("");
+    message.timestamp = m.timestamp;
+    if (m.model) message.model = QuotaSessionModelIdentity{*m.model, *m.model};
+    message.tokenUsage = m.tokenUsage;
+    return message;
+}
+
+struct Published {
+    QuotaSessionDescriptor descriptor;
+    std::vector<QuotaSessionMessage> messages;
+};
+
+Published build(const QuotaUsageEntryStore& usage, const QuotaUsageEntryStore::SessionKey& key,
+                const std::string& sourceID, const std::string& sourceName) {
+    const auto sessionUsage = usage.sessionUsage(key);
+    const auto messages = usage.sessionMessages(key);
+    Published out;
+    auto& d = out.descriptor;
+    d.id = key.sessionID;
+    d.sourceID = sourceID;
+    d.sourceName = sourceName;
+    d.provider = providerIdentity(key.providerID);
+    d.projectPath = usage.sessionProjectPath(key);
+    d.title = titleOf(messages, d.projectPath, d.provider);
+    d.startedAt = sessionUsage.first;
+    d.endedAt = sessionUsage.last;
+    for (const auto& m : messages) {
+        if (!m.timestamp) continue;
+        if (!d.startedAt || *m.timestamp < *d.startedAt) d.startedAt = m.timestamp;
+        if (!d.endedAt || *m.timestamp > *d.endedAt) d.endedAt = m.timestamp;
+    }
+    d.messageCount = std::int64_t(messages.size());
+    d.promptCount = std::count_if(messages.begin(), messages.end(), [](const auto& m) { return m.isPrompt; });
+    for (const auto& model : sessionUsage.models) d.tokenUsage += model.tokenUsage;
+    d.topModels = sessionUsage.models;
+    out.messages.reserve(messages.size());
+    for (const auto& m : messages) out.messages.push_back(catalogMessage(m));
+    return out;
+}
+
+}  // namespace
+
+PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog) {
+    PublishTally tally;
+    const auto dirty = usage.dirtySessions();
+    const std::string sourceID = catalog.configuration().localSourceID();
+    const std::string sourceName = catalog.configuration().localSourceName();
+    for (std::size_t first = 0; first < dirty.size(); first += kBatch) {
+        const std::vector batch(dirty.begin() + long(first), dirty.begin() + long(std::min(first + kBatch, dirty.size())));
+        std::vector<QuotaSessionDescriptor> changed;
+        std::vector<std::pair<std::string, std::vector<QuotaSessionMessage>>> messages;
+        for (const auto& key : batch) {
+            auto published = build(usage, key, sourceID, sourceName);
+            const auto stored = catalog.loadDescriptor(sourceID, key.sessionID);
+            if (!stored) {
+                ++tally.newSessions;
+            } else if (!(*stored == published.descriptor)) {
+                ++tally.updatedSessions;
+            }
+            if (!stored || !(*stored == published.descriptor)) changed.push_back(std::move(published.descriptor));
+            messages.emplace_back(key.sessionID, std::move(published.messages));
+        }
+        if (!changed.empty()) catalog.upsertBatch(changed, sourceID);
+        catalog.replaceMessagesForSessions(sourceID, messages);
+        usage.clearDirty(batch);
+    }
+    return tally;
+}
+
+}  // namespace gaugepoint

@@ -1,0 +1,25 @@
+#pragma once
+
+// Writes the sessions whose imported rows changed to the session catalogue: one descriptor per
+// session built from its counted usage and messages, and its messages.
+
+#include <cstdint>
+
+#include "gaugepoint/stores/QuotaSessionCatalogStore.hpp"
+#include "gaugepoint/stores/QuotaUsageEntryStore.hpp"
+
+namespace gaugepoint {
+
+struct PublishTally {
+    std::int64_t newSessions = 0;
+    std::int64_t updatedSessions = 0;
+};
+
+// Publishes every session marked behind, in batches, clearing each mark once its session is in
+// the catalogue; a publish stopped half way is finished by the next. Descriptors are written
+// under the configuration's local source. A descriptor that did not change is not written, so it
+// keeps its change time. A title is the first line of the first prompt whose text was kept (the
+// capture mode decides), else the project folder's name. Throws the stores' errors.
+PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog);
+
+}  // namespace gaugepoint

@@ -1,0 +1,516 @@
+#include "gaugepoint/stores/QuotaUsageEntryStore.hpp"
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "gaugepoint/platform/Json.hpp"
+
+namespace gaugepoint {
+namespace {
+
+constexpr const char* kSchema =
+    "CREATE TABLE IF NOT EXISTS import_files (\n"
+    "    file_key INTEGER PRIMARY KEY,\n"
+    "    path TEXT NOT NULL,\n"
+    "    source_id TEXT NOT NULL,\n"
+    "    provider_id TEXT NOT NULL,\n"
+    "    capture_mode TEXT NOT NULL,\n"
+    "    parser_state TEXT NOT NULL DEFAULT '',\n"
+    "    UNIQUE (path, source_id, provider_id, capture_mode)\n"
+    ");\n"
+    "CREATE TABLE IF NOT EXISTS usage_entries (\n"
+    "    id INTEGER PRIMARY KEY,\n"
+    "    file_key INTEGER NOT NULL,\n"
+    "    provider_id TEXT NOT NULL,\n"
+    "    session_id TEXT NOT NULL,\n"
+    "    dedup_key TEXT NOT NULL,\n"
+    "    timestamp REAL NOT NULL,\n"
+    "    model TEXT NOT NULL,\n"
+    "    input_tokens INTEGER NOT NULL,\n"
+    "    output_tokens INTEGER NOT NULL,\n"
+    "    cache_read_tokens INTEGER NOT NULL,\n"
+    "    cache_write_tokens INTEGER NOT NULL,\n"
+    "    cost_usd REAL,\n"
+    "    counted INTEGER NOT NULL,\n"
+    "    UNIQUE (provider_id, dedup_key, file_key)\n"
+    ");\n"
+    "CREATE INDEX IF NOT EXISTS idx_ue_file ON usage_entries(file_key);\n"
+    // Reports group counted entries by time (in any zone), by model and by session.
+    "CREATE INDEX IF NOT EXISTS idx_ue_time ON usage_entries(timestamp) WHERE counted = 1;\n"
+    "CREATE INDEX IF NOT EXISTS idx_ue_session ON usage_entries(provider_id, session_id) WHERE counted = 1;\n"
+    "CREATE TABLE IF NOT EXISTS import_messages (\n"
+    "    id INTEGER PRIMARY KEY,\n"
+    "    file_key INTEGER NOT NULL,\n"
+    "    provider_id TEXT NOT NULL,\n"
+    "    session_id TEXT NOT NULL,\n"
+    "    message_key TEXT NOT NULL,\n"
+    "    timestamp REAL,\n"
+    "    role TEXT NOT NULL,\n"
+    "    model TEXT,\n"
+    "    input_tokens INTEGER,\n"
+    "    output_tokens INTEGER,\n"
+    "    cache_read_tokens INTEGER,\n"
+    "    cache_write_tokens INTEGER,\n"
+    "    is_prompt INTEGER NOT NULL DEFAULT 0,\n"
+    "    text TEXT,\n"
+    "    UNIQUE (file_key, message_key)\n"
+    ");\n"
+    "CREATE INDEX IF NOT EXISTS idx_im_session ON import_messages(provider_id, session_id);\n"
+    "CREATE TABLE IF NOT EXISTS import_sessions (\n"
+    "    provider_id TEXT NOT NULL,\n"
+    "    session_id TEXT NOT NULL,\n"
+    "    project_path TEXT,\n"
+    "    PRIMARY KEY (provider_id, session_id)\n"
+    ") WITHOUT ROWID;\n"
+    "CREATE TABLE IF NOT EXISTS import_dirty_sessions (\n"
+    "    provider_id TEXT NOT NULL,\n"
+    "    session_id TEXT NOT NULL,\n"
+    "    PRIMARY KEY (provider_id, session_id)\n"
+    ") WITHOUT ROWID;\n"
+    "CREATE TABLE IF NOT EXISTS import_rate_limits (\n"
+    "    provider_id TEXT PRIMARY KEY,\n"
+    "    observed_at REAL NOT NULL,\n"
+    "    limits_json TEXT NOT NULL\n"
+    ");";
+
+constexpr const char* kFindFile =
+    "SELECT file_key FROM import_files WHERE path = ? AND source_id = ? AND provider_id = ? AND capture_mode = ?";
+constexpr const char* kAddFile =
+    "INSERT INTO import_files (path, source_id, provider_id, capture_mode) VALUES (?, ?, ?, ?)";
+constexpr const char* kParserState = "SELECT parser_state FROM import_files WHERE file_key = ?";
+constexpr const char* kSetParserState = "UPDATE import_files SET parser_state = ? WHERE file_key = ?";
+
+constexpr const char* kCountedRow =
+    "SELECT id, file_key, output_tokens,\n"
+    "       input_tokens + output_tokens + cache_read_tokens + cache_write_tokens\n"
+    "FROM usage_entries WHERE provider_id = ? AND dedup_key = ? AND counted = 1";
+constexpr const char* kOwnRow =
+    "SELECT id, output_tokens FROM usage_entries WHERE provider_id = ? AND dedup_key = ? AND file_key = ?";
+constexpr const char* kInsertEntry =
+    "INSERT INTO usage_entries (\n    file_key,\n    provider_id,\n    dedup_key,\n    session_id,\n    timestamp,\n"
+    "    model,\n    input_tokens,\n    output_tokens,\n    cache_read_tokens,\n    cache_write_tokens,\n"
+    "    cost_usd,\n    counted\n) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
+constexpr const char* kUpdateEntry =
+    "UPDATE usage_entries SET session_id = ?, timestamp = ?, model = ?, input_tokens = ?, output_tokens = ?,\n"
+    "    cache_read_tokens = ?, cache_write_tokens = ?, cost_usd = ? WHERE id = ?";
+// The row of a response that is counted: most output tokens, then the earliest recorded.
+constexpr const char* kBestRow =
+    "SELECT id, input_tokens + output_tokens + cache_read_tokens + cache_write_tokens\n"
+    "FROM usage_entries WHERE provider_id = ? AND dedup_key = ?\nORDER BY output_tokens DESC, id ASC LIMIT 1";
+constexpr const char* kSetCounted = "UPDATE usage_entries SET counted = ? WHERE id = ?";
+
+constexpr const char* kFileEntries =
+    "SELECT provider_id, dedup_key, session_id, counted,\n"
+    "       input_tokens + output_tokens + cache_read_tokens + cache_write_tokens\n"
+    "FROM usage_entries WHERE file_key = ?";
+constexpr const char* kDeleteFileEntries = "DELETE FROM usage_entries WHERE file_key = ?";
+constexpr const char* kFileMessageSessions = "SELECT DISTINCT provider_id, session_id FROM import_messages WHERE file_key = ?";
+constexpr const char* kDeleteFileMessages = "DELETE FROM import_messages WHERE file_key = ?";
+
+// The lines of one response join: the most output tokens win, and texts follow each other.
+constexpr const char* kUpsertMessage =
+    "INSERT INTO import_messages (\n    file_key,\n    provider_id,\n    session_id,\n    message_key,\n"
+    "    timestamp,\n    role,\n    model,\n    input_tokens,\n    output_tokens,\n    cache_read_tokens,\n"
+    "    cache_write_tokens,\n    is_prompt,\n    text\n"
+    ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)\n"
+    "ON CONFLICT(file_key, message_key) DO UPDATE SET\n"
+    "    model = COALESCE(excluded.model, model),\n"
+    "    input_tokens = CASE WHEN COALESCE(excluded.output_tokens, -1) > COALESCE(output_tokens, -1)\n"
+    "                        THEN excluded.input_tokens ELSE input_tokens END,\n"
+    "    cache_read_tokens = CASE WHEN COALESCE(excluded.output_tokens, -1) > COALESCE(output_tokens, -1)\n"
+    "                             THEN excluded.cache_read_tokens ELSE cache_read_tokens END,\n"
+    "    cache_write_tokens = CASE WHEN COALESCE(excluded.output_tokens, -1) > COALESCE(output_tokens, -1)\n"
+    "                              THEN excluded.cache_write_tokens ELSE cache_write_tokens END,\n"
+    "    output_tokens = MAX(COALESCE(output_tokens, -1), COALESCE(excluded.output_tokens, -1)),\n"
+    "    text = CASE WHEN excluded.text IS NULL THEN text WHEN text IS NULL THEN excluded.text\n"
+    "                ELSE text || char(10) || excluded.text END";
+constexpr const char* kUpsertSession =
+    "INSERT INTO import_sessions (provider_id, session_id, project_path) VALUES (?, ?, ?)\n"
+    "ON CONFLICT(provider_id, session_id) DO UPDATE SET\n"
+    "    project_path = COALESCE(import_sessions.project_path, excluded.project_path)";
+constexpr const char* kMarkDirty = "INSERT OR IGNORE INTO import_dirty_sessions (provider_id, session_id) VALUES (?, ?)";
+
+constexpr const char* kStoredLimits = "SELECT observed_at FROM import_rate_limits WHERE provider_id = ?";
+constexpr const char* kSetLimits =
+    "INSERT OR REPLACE INTO import_rate_limits (provider_id, observed_at, limits_json) VALUES (?, ?, ?)";
+
+std::int64_t total(const QuotaSessionTokenUsage& t) {
+    return t.inputTokens + t.outputTokens + t.cacheReadTokens + t.cacheWriteTokens;  // parsers bound each count
+}
+
+// The statements of one write, prepared once for all its rows.
+struct EntryWriter {
+    sqlite::Connection& connection;
+    sqlite::Statement counted{connection, kCountedRow, "prepare usage lookup", "execute usage lookup"};
+    sqlite::Statement own{connection, kOwnRow, "prepare usage lookup", "execute usage lookup"};
+    sqlite::Statement insert{connection, kInsertEntry, "prepare usage insert", "execute usage insert"};
+    sqlite::Statement update{connection, kUpdateEntry, "prepare usage update", "execute usage update"};
+    sqlite::Statement best{connection, kBestRow, "prepare usage recount", "execute usage recount"};
+    sqlite::Statement setCounted{connection, kSetCounted, "prepare usage recount", "execute usage recount"};
+
+    void bindValues(sqlite::Statement& s, int first, const QuotaUsageEntry& e) {
+        s.bind(first, e.sessionID).bind(first + 1, secondsSince1970(e.timestamp)).bind(first + 2, e.model);
+        s.bind(first + 3, e.tokens.inputTokens).bind(first + 4, e.tokens.outputTokens);
+        s.bind(first + 5, e.tokens.cacheReadTokens).bind(first + 6, e.tokens.cacheWriteTokens);
+        if (e.tokens.exactCostUSD) {
+            s.bind(first + 7, *e.tokens.exactCostUSD);
+        } else {
+            s.bindNull(first + 7);
+        }
+    }
+
+    void insertRow(std::int64_t fileKey, const QuotaUsageEntry& e, bool isCounted) {
+        insert.reset();
+        insert.bind(1, fileKey).bind(2, e.providerID).bind(3, e.dedupKey);
+        bindValues(insert, 4, e);
+        insert.bind(12, std::int64_t(isCounted ? 1 : 0)).run();
+    }
+
+    void setFlag(std::int64_t id, std::int64_t flag) {
+        setCounted.reset();
+        setCounted.bind(1, flag).bind(2, id).run();
+    }
+
+    // Makes the best row of the response the counted one; returns the change in counted tokens.
+    std::int64_t recount(const QuotaUsageEntry& e, std::optional<std::pair<std::int64_t, std::int64_t>> was) {
+        best.reset();
+        best.bind(1, e.providerID).bind(2, e.dedupKey);
+        if (!best.step()) return was ? -was->second : 0;
+        const std::int64_t id = best.integer(0), tokens = best.integer(1);
+        best.reset();
+        if (was && was->first == id) return tokens - was->second;
+        if (was) setFlag(was->first, 0);
+        setFlag(id, 1);
+        return tokens - (was ? was->second : 0);
+    }
+
+    QuotaUsageEntryStore::Tally write(std::int64_t fileKey, const QuotaUsageEntry& e) {
+        counted.reset();
+        counted.bind(1, e.providerID).bind(2, e.dedupKey);
+        std::optional<std::pair<std::int64_t, std::int64_t>> was;  // counted row: id, tokens
+        if (counted.step()) was = std::pair{counted.integer(0), counted.integer(3)};
+        counted.reset();
+        if (!was) {  // the common case: a response seen for the first time
+            insertRow(fileKey, e, true);
+            return {total(e.tokens), 1};
+        }
+        own.reset();
+        own.bind(1, e.providerID).bind(2, e.dedupKey).bind(3, fileKey);
+        if (own.step()) {
+            const std::int64_t id = own.integer(0), output = own.integer(1);
+            own.reset();
+            if (e.tokens.outputTokens <= output) return {};
+            update.reset();
+            bindValues(update, 1, e);
+            update.bind(9, id).run();
+        } else {
+            own.reset();
+            insertRow(fileKey, e, false);
+        }
+        return {recount(e, was), 0};
+    }
+};
+
+// Merges what one read gave for the same key: the line with the most output tokens wins.
+std::vector<QuotaUsageEntry> mergedUsage(const std::vector<QuotaUsageEntry>& usage) {
+    std::map<std::pair<std::string, std::string>, std::size_t> index;
+    std::vector<QuotaUsageEntry> merged;
+    merged.reserve(usage.size());
+    for (const auto& e : usage) {
+        const auto [slot, inserted] = index.try_emplace({e.providerID, e.dedupKey}, merged.size());
+        if (inserted) {
+            merged.push_back(e);
+        } else if (e.tokens.outputTokens > merged[slot->second].tokens.outputTokens) {
+            merged[slot->second] = e;
+        }
+    }
+    return merged;
+}
+
+void markDirty(sqlite::Statement& mark, std::string_view provider, std::string_view session) {
+    mark.reset();
+    mark.bind(1, provider).bind(2, session).run();
+}
+
+std::vector<QuotaUsageEntry> readEntries(sqlite::Statement& select) {
+    std::vector<QuotaUsageEntry> entries;
+    while (select.step()) {
+        QuotaUsageEntry e;
+        e.providerID = std::string(select.text(0).value_or(""));
+        e.sessionID = std::string(select.text(1).value_or(""));
+        e.dedupKey = std::string(select.text(2).value_or(""));
+        e.timestamp = dateFromSeconds(select.real(3));
+        e.model = std::string(select.text(4).value_or(""));
+        e.tokens = {select.integer(5), select.integer(6), select.integer(7), select.integer(8), std::nullopt};
+        if (!select.isNull(9)) e.tokens.exactCostUSD = select.real(9);
+        entries.push_back(std::move(e));
+    }
+    return entries;
+}
+
+}  // namespace
+
+void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
+    connection.exec(kSchema, "ensure import tables");
+}
+
+std::int64_t QuotaUsageEntryStore::fileKey(sqlite::Connection& connection, const QuotaSessionFileRegistryEntry& entry) {
+    const auto bindKey = [&](sqlite::Statement& s) {
+        s.bind(1, entry.path).bind(2, entry.sourceID).bind(3, entry.providerID).bind(4, json::rawValue(entry.captureMode));
+    };
+    sqlite::Statement find{connection, kFindFile, "prepare file key", "execute file key"};
+    bindKey(find);
+    if (find.step()) return find.integer(0);
+    sqlite::Statement add{connection, kAddFile, "prepare file key", "execute file key"};
+    bindKey(add);
+    add.run();
+    return connection.lastInsertRowID();
+}
+
+std::string QuotaUsageEntryStore::parserState(sqlite::Connection& connection, std::int64_t fileKey) {
+    sqlite::Statement select{connection, kParserState, "prepare parser state", "execute parser state"};
+    select.bind(1, fileKey);
+    return select.step() ? std::string(select.text(0).value_or("")) : std::string();
+}
+
+void QuotaUsageEntryStore::setParserState(sqlite::Connection& connection, std::int64_t fileKey, std::string_view state) {
+    sqlite::Statement update{connection, kSetParserState, "prepare parser state", "execute parser state"};
+    update.bind(1, state).bind(2, fileKey).run();
+}
+
+QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::Connection& connection, std::int64_t fileKey) {
+    struct Gone {
+        std::string provider, key, session;
+        bool counted;
+        std::int64_t tokens;
+    };
+    std::vector<Gone> gone;
+    {
+        sqlite::Statement select{connection, kFileEntries, "prepare forget file", "execute forget file"};
+        select.bind(1, fileKey);
+        while (select.step()) {
+            gone.push_back({std::string(select.text(0).value_or("")), std::string(select.text(1).value_or("")),
+                            std::string(select.text(2).value_or("")), select.integer(3) != 0, select.integer(4)});
+        }
+    }
+    std::set<std::pair<std::string, std::string>> sessions;
+    {
+        sqlite::Statement select{connection, kFileMessageSessions, "prepare forget file", "execute forget file"};
+        select.bind(1, fileKey);
+        while (select.step()) sessions.emplace(select.text(0).value_or(""), select.text(1).value_or(""));
+    }
+    sqlite::Statement deleteEntries{connection, kDeleteFileEntries, "prepare forget file", "execute forget file"};
+    deleteEntries.bind(1, fileKey).run();
+    sqlite::Statement deleteMessages{connection, kDeleteFileMessages, "prepare forget file", "execute forget file"};
+    deleteMessages.bind(1, fileKey).run();
+
+    EntryWriter writer{connection};
+    Tally tally;
+    for (const auto& g : gone) {
+        sessions.emplace(g.provider, g.session);
+        if (!g.counted) continue;
+        QuotaUsageEntry key;
+        key.providerID = g.provider;
+        key.dedupKey = g.key;
+        tally.countedTokens += writer.recount(key, std::pair{std::int64_t{-1}, g.tokens});
+    }
+    sqlite::Statement mark{connection, kMarkDirty, "prepare mark session", "execute mark session"};
+    for (const auto& [provider, session] : sessions) markDirty(mark, provider, session);
+    return tally;
+}
+
+QuotaUsageEntryStore::Tally QuotaUsageEntryStore::record(
+    sqlite::Connection& connection, std::int64_t fileKey, const std::vector<QuotaUsageEntry>& usage,
+    const std::vector<QuotaImportedMessage>& messages, std::string_view providerID,
+    const std::vector<std::pair<std::string, std::string>>& sessionProjects) {
+    Tally tally;
+    std::set<std::string> sessions;
+    if (!usage.empty()) {
+        EntryWriter writer{connection};
+        for (const auto& e : mergedUsage(usage)) {
+            const Tally t = writer.write(fileKey, e);
+            tally.countedTokens += t.countedTokens;
+            tally.countedEntries += t.countedEntries;
+            sessions.insert(e.sessionID);
+        }
+    }
+    if (!messages.empty()) {
+        sqlite::Statement upsert{connection, kUpsertMessage, "prepare message insert", "execute message insert"};
+        for (const auto& m : messages) {
+            upsert.reset();
+            upsert.bind(1, fileKey).bind(2, providerID).bind(3, m.sessionID).bind(4, m.messageKey);
+            sqlite::bindDate(upsert, 5, m.timestamp);
+            upsert.bind(6, json::rawValue(m.role)).bind(7, m.model);
+            if (m.tokenUsage) {
+                upsert.bind(8, m.tokenUsage->inputTokens).bind(9, m.tokenUsage->outputTokens);
+                upsert.bind(10, m.tokenUsage->cacheReadTokens).bind(11, m.tokenUsage->cacheWriteTokens);
+            } else {
+                for (int i = 8; i <= 11; ++i) upsert.bindNull(i);
+            }
+            upsert.bind(12, std::int64_t(m.isPrompt ? 1 : 0)).bind(13, m.text).run();
+            sessions.insert(m.sessionID);
+        }
+    }
+    if (!sessionProjects.empty()) {
+        sqlite::Statement upsert{connection, kUpsertSession, "prepare session insert", "execute session insert"};
+        for (const auto& [session, project] : sessionProjects) {
+            upsert.reset();
+            upsert.bind(1, providerID).bind(2, session);
+            if (project.empty()) {
+                upsert.bindNull(3);
+            } else {
+                upsert.bind(3, project);
+            }
+            upsert.run();
+        }
+    }
+    sqlite::Statement mark{connection, kMarkDirty, "prepare mark session", "execute mark session"};
+    for (const auto& session : sessions) markDirty(mark, providerID, session);
+    return tally;
+}
+
+void QuotaUsageEntryStore::noteRateLimits(sqlite::Connection& connection, const QuotaObservedRateLimits& limits) {
+    sqlite::Statement stored{connection, kStoredLimits, "prepare rate limits", "execute rate limits"};
+    stored.bind(1, limits.providerID);
+    if (stored.step() && stored.real(0) >= secondsSince1970(limits.observedAt)) return;
+    sqlite::Statement set{connection, kSetLimits, "prepare rate limits", "execute rate limits"};
+    set.bind(1, limits.providerID).bind(2, secondsSince1970(limits.observedAt)).bind(3, json::encode(limits)).run();
+}
+
+// ---- reads ----
+
+std::vector<QuotaUsageEntryStore::SessionKey> QuotaUsageEntryStore::dirtySessions() const {
+    std::vector<SessionKey> sessions;
+    registry_.withConnection([&](sqlite::Connection& connection) {
+        sqlite::Statement select{connection, "SELECT provider_id, session_id FROM import_dirty_sessions",
+                                 "prepare dirty sessions", "execute dirty sessions"};
+        while (select.step()) sessions.push_back({std::string(select.text(0).value_or("")), std::string(select.text(1).value_or(""))});
+    });
+    return sessions;
+}
+
+void QuotaUsageEntryStore::clearDirty(const std::vector<SessionKey>& sessions) const {
+    registry_.inTransaction("clear dirty sessions", [&](sqlite::Connection& connection) {
+        sqlite::Statement remove{connection, "DELETE FROM import_dirty_sessions WHERE provider_id = ? AND session_id = ?",
+                                 "prepare clear dirty sessions", "execute clear dirty sessions"};
+        for (const auto& s : sessions) {
+            remove.reset();
+            remove.bind(1, s.providerID).bind(2, s.sessionID).run();
+        }
+    });
+}
+
+QuotaUsageEntryStore::SessionUsage QuotaUsageEntryStore::sessionUsage(const SessionKey& session) const {
+    SessionUsage result;
+    registry_.withConnection([&](sqlite::Connection& connection) {
+        sqlite::Statement select{
+            connection,
+            "SELECT model, COUNT(*), SUM(input_tokens), SUM(output_tokens), SUM(cache_read_tokens),\n"
+            "       SUM(cache_write_tokens), SUM(cost_usd), MIN(timestamp), MAX(timestamp)\n"
+            "FROM usage_entries WHERE provider_id = ? AND session_id = ? AND counted = 1\nGROUP BY model",
+            "prepare session usage", "execute session usage"};
+        select.bind(1, session.providerID).bind(2, session.sessionID);
+        while (select.step()) {
+            QuotaSessionModelUsageSummary model;
+            model.id = std::string(select.text(0).value_or(""));
+            model.displayName = model.id;
+            model.sessionCount = 1;
+            model.messageCount = select.integer(1);
+            model.tokenUsage = {select.integer(2), select.integer(3), select.integer(4), select.integer(5), std::nullopt};
+            if (!select.isNull(6)) model.tokenUsage.exactCostUSD = select.real(6);
+            result.models.push_back(std::move(model));
+            const Date first = dateFromSeconds(select.real(7)), last = dateFromSeconds(select.real(8));
+            if (!result.first || first < *result.first) result.first = first;
+            if (!result.last || last > *result.last) result.last = last;
+        }
+    });
+    std::stable_sort(result.models.begin(), result.models.end(), [](const auto& a, const auto& b) {
+        return a.tokenUsage.totalTokens() > b.tokenUsage.totalTokens();
+    });
+    return result;
+}
+
+std::vector<QuotaImportedMessage> QuotaUsageEntryStore::sessionMessages(const SessionKey& session) const {
+    std::vector<QuotaImportedMessage> messages;
+    registry_.withConnection([&](sqlite::Connection& connection) {
+        // One row per message key: copies of a message in other files (or read under another
+        // capture mode) are left out, a copy that kept text winning over one that did not.
+        sqlite::Statement select{
+            connection,
+            "SELECT message_key, timestamp, role, model, input_tokens, output_tokens, cache_read_tokens,\n"
+            "       cache_write_tokens, is_prompt, text FROM (\n"
+            "    SELECT *, ROW_NUMBER() OVER (PARTITION BY message_key ORDER BY text IS NULL, id) AS copy\n"
+            "    FROM import_messages WHERE provider_id = ? AND session_id = ?\n"
+            ") WHERE copy = 1\nORDER BY timestamp IS NULL, timestamp, id",
+            "prepare session messages", "execute session messages"};
+        select.bind(1, session.providerID).bind(2, session.sessionID);
+        while (select.step()) {
+            QuotaImportedMessage m;
+            m.sessionID = session.sessionID;
+            m.messageKey = std::string(select.text(0).value_or(""));
+            m.timestamp = sqlite::optionalDate(select, 1);
+            const std::string role{select.text(2).value_or("meta")};
+            if (!boost::describe::enum_from_string(role.c_str(), m.role)) m.role = QuotaSessionRole::meta;
+            m.model = sqlite::optionalText(select, 3);
+            if (!select.isNull(5) && select.integer(5) >= 0) {
+                m.tokenUsage = QuotaSessionTokenUsage{select.integer(4), select.integer(5), select.integer(6),
+                                                      select.integer(7), std::nullopt};
+            }
+            m.isPrompt = select.integer(8) != 0;
+            m.text = sqlite::optionalText(select, 9);
+            messages.push_back(std::move(m));
+        }
+    });
+    return messages;
+}
+
+std::optional<std::string> QuotaUsageEntryStore::sessionProjectPath(const SessionKey& session) const {
+    std::optional<std::string> path;
+    registry_.withConnection([&](sqlite::Connection& connection) {
+        sqlite::Statement select{connection,
+                                 "SELECT project_path FROM import_sessions WHERE provider_id = ? AND session_id = ?",
+                                 "prepare session project", "execute session project"};
+        select.bind(1, session.providerID).bind(2, session.sessionID);
+        if (select.step()) path = sqlite::optionalText(select, 0);
+    });
+    return path;
+}
+
+std::vector<QuotaUsageEntry> QuotaUsageEntryStore::countedEntries(const std::optional<std::string>& providerID,
+                                                                  std::optional<Date> since, std::optional<Date> until) const {
+    std::string sql =
+        "SELECT provider_id, session_id, dedup_key, timestamp, model, input_tokens, output_tokens, cache_read_tokens,\n"
+        "       cache_write_tokens, cost_usd\nFROM usage_entries WHERE counted = 1";
+    if (providerID) sql += " AND provider_id = ?";
+    if (since) sql += " AND timestamp >= ?";
+    if (until) sql += " AND timestamp < ?";
+    sql += "\nORDER BY timestamp, id";
+    std::vector<QuotaUsageEntry> entries;
+    registry_.withConnection([&](sqlite::Connection& connection) {
+        sqlite::Statement select{connection, sql.c_str(), "prepare usage entries", "execute usage entries"};
+        int index = 1;
+        if (providerID) select.bind(index++, *providerID);
+        if (since) select.bind(index++, secondsSince1970(*since));
+        if (until) select.bind(index, secondsSince1970(*until));
+        entries = readEntries(select);
+    });
+    return entries;
+}
+
+std::optional<QuotaObservedRateLimits> QuotaUsageEntryStore::latestRateLimits(std::string_view providerID) const {
+    std::optional<QuotaObservedRateLimits> limits;
+    registry_.withConnection([&](sqlite::Connection& connection) {
+        sqlite::Statement select{connection, "SELECT limits_json FROM import_rate_limits WHERE provider_id = ?",
+                                 "prepare rate limits", "execute rate limits"};
+        select.bind(1, providerID);
+        if (!select.step()) return;
+        try {
+            limits = json::decode<QuotaObservedRateLimits>(select.text(0).value_or(""));
+        } catch (const json::DecodingError&) {
+        }
+    });
+    return limits;
+}
+
+}  // namespace gaugepoint

@@ -1,0 +1,92 @@
+#pragma once
+
+// The rows the log import records, kept in the registry's file so that they commit in the same
+// transaction as the registry entry that says how far their file was read:
+//   usage_entries    one row per file and counted response; of the rows that share a response
+//                    (a dedup key) exactly one is counted, the one with the most output tokens;
+//   import_messages  one row per file and message, with text only as the capture mode allows;
+//   import_sessions  where each session ran; import_dirty_sessions, sessions whose catalogue
+//                    descriptor is behind; import_rate_limits, the newest limits per provider;
+//   import_files     an integer key and the parser's state (Codex running totals) per file.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "gaugepoint/model/QuotaSessionDescriptor.hpp"
+#include "gaugepoint/model/QuotaSessionImportRecords.hpp"
+#include "gaugepoint/model/QuotaUsageRecords.hpp"
+#include "gaugepoint/stores/QuotaSessionFileRegistry.hpp"
+
+namespace gaugepoint {
+
+class QuotaUsageEntryStore {
+public:
+    explicit QuotaUsageEntryStore(QuotaSessionFileRegistry registry) : registry_(std::move(registry)) {}
+
+    // Creates the tables and indexes (part of the registry file's set-up).
+    static void ensureSchema(sqlite::Connection& connection);
+
+    // ---- writes, inside one registry transaction ----
+
+    // The integer key of the file an entry describes, made on first use.
+    static std::int64_t fileKey(sqlite::Connection& connection, const QuotaSessionFileRegistryEntry& entry);
+    // The parser's state for the file ("" at first), and its replacement.
+    static std::string parserState(sqlite::Connection& connection, std::int64_t fileKey);
+    static void setParserState(sqlite::Connection& connection, std::int64_t fileKey, std::string_view state);
+
+    // What writes changed: counted tokens added (negative when a forgotten file took some away).
+    struct Tally {
+        std::int64_t countedTokens = 0;
+        std::int64_t countedEntries = 0;
+    };
+    // Removes what the file contributed. A response it shared with other files is then counted
+    // from the best of those. The sessions it touched are marked behind.
+    static Tally forgetFile(sqlite::Connection& connection, std::int64_t fileKey);
+    // Records one read of the file: usage entries (the same key twice keeps the most output),
+    // messages (the same key twice joins their texts), and where sessions ran. Marks the
+    // sessions behind.
+    static Tally record(sqlite::Connection& connection, std::int64_t fileKey, const std::vector<QuotaUsageEntry>& usage,
+                        const std::vector<QuotaImportedMessage>& messages, std::string_view providerID,
+                        const std::vector<std::pair<std::string, std::string>>& sessionProjects);
+    // Keeps `limits` when they are newer than those stored for the provider.
+    static void noteRateLimits(sqlite::Connection& connection, const QuotaObservedRateLimits& limits);
+
+    // ---- reads; each throws QuotaSessionFileRegistryError ----
+
+    struct SessionKey {
+        std::string providerID;
+        std::string sessionID;
+        bool operator==(const SessionKey&) const = default;
+        auto operator<=>(const SessionKey&) const = default;
+    };
+    std::vector<SessionKey> dirtySessions() const;
+    void clearDirty(const std::vector<SessionKey>& sessions) const;
+
+    // A session's counted usage per model (sessionCount 1, messageCount its responses), most
+    // tokens first, and the first and last response times.
+    struct SessionUsage {
+        std::vector<QuotaSessionModelUsageSummary> models;
+        std::optional<Date> first;
+        std::optional<Date> last;
+    };
+    SessionUsage sessionUsage(const SessionKey& session) const;
+    // A session's messages, each once, in time order.
+    std::vector<QuotaImportedMessage> sessionMessages(const SessionKey& session) const;
+    std::optional<std::string> sessionProjectPath(const SessionKey& session) const;
+
+    // Counted entries in time order, of one provider or all, within [since, until).
+    std::vector<QuotaUsageEntry> countedEntries(const std::optional<std::string>& providerID = std::nullopt,
+                                                std::optional<Date> since = std::nullopt,
+                                                std::optional<Date> until = std::nullopt) const;
+    std::optional<QuotaObservedRateLimits> latestRateLimits(std::string_view providerID) const;
+
+    const QuotaSessionFileRegistry& registry() const { return registry_; }
+
+private:
+    QuotaSessionFileRegistry registry_;
+};
+
+}  // namespace gaugepoint
