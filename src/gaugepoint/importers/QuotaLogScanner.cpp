@@ -7,7 +7,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
+#include <mutex>
+#include <thread>
 #include <unordered_map>
 
 #include "gaugepoint/importers/CodingToolLogs.hpp"
@@ -115,169 +119,231 @@ std::string identityOf(const struct stat& info) {
     return std::to_string(std::uint64_t(info.st_dev)) + ":" + std::to_string(std::uint64_t(info.st_ino));
 }
 
-// One scan of one tool's files.
-class ToolScan {
-public:
-    ToolScan(const CodingToolLogs& tool, const QuotaSessionFileRegistry& registry, const QuotaScanOptions& options,
-             const std::string& sourceID, QuotaScanSummary& summary, std::vector<char>& buffer)
-        : tool_(tool), registry_(registry), options_(options), sourceID_(sourceID), summary_(summary), buffer_(buffer),
-          now_(registry.configuration().clock.now()) {}
+// One read of one file, parsed and waiting for its transaction.
+struct Piece {
+    const CodingToolLogs* tool = nullptr;
+    QuotaSessionFileRegistryEntry entry;   // the file's entry as this piece leaves it
+    std::optional<std::int64_t> expected;  // the position the registry must still hold
+    bool forgetFirst = false;              // what the file gave before is replaced
+    std::string state;                     // the parser's state after this piece
+    std::unique_ptr<Collected> records;
+};
 
-    // The files found, and what the registry knows of them.
-    void run(const std::vector<LogFileCandidate>& files, std::int64_t& done, std::int64_t total) {
-        std::unordered_map<std::string, QuotaSessionFileRegistryEntry> known;
-        for (auto& entry : registry_.list(tool_.provider().id, options_.capture, sourceID_)) {
-            known.emplace(entry.path, std::move(entry));
-        }
-        for (const auto& file : files) {
-            const auto found = known.find(file.path.string());
-            const QuotaSessionFileRegistryEntry* entry = found == known.end() ? nullptr : &found->second;
-            if (entry && isUnchanged(*entry, file)) {
-                ++summary_.filesUnchanged;
-            } else {
-                read(file, entry);
+// Hands pieces from the reading thread to the writing one. It holds a few at most, so memory
+// stays bounded whatever the files hold.
+class PieceQueue {
+public:
+    // Waits for room; false when the writer has given up.
+    bool push(Piece piece) {
+        std::unique_lock lock{mutex_};
+        roomLeft_.wait(lock, [&] { return pieces_.size() < kCapacity || abandoned_; });
+        if (abandoned_) return false;
+        pieces_.push_back(std::move(piece));
+        ready_.notify_one();
+        return true;
+    }
+    // The next piece; none once the reader has finished and everything was taken.
+    std::optional<Piece> pop() {
+        std::unique_lock lock{mutex_};
+        ready_.wait(lock, [&] { return !pieces_.empty() || finished_; });
+        if (pieces_.empty()) return std::nullopt;
+        Piece piece = std::move(pieces_.front());
+        pieces_.pop_front();
+        roomLeft_.notify_one();
+        return piece;
+    }
+    void finish() {
+        std::lock_guard lock{mutex_};
+        finished_ = true;
+        ready_.notify_all();
+    }
+    void abandon() {
+        std::lock_guard lock{mutex_};
+        abandoned_ = true;
+        roomLeft_.notify_all();
+    }
+
+private:
+    static constexpr std::size_t kCapacity = 4;
+    std::mutex mutex_;
+    std::condition_variable ready_, roomLeft_;
+    std::deque<Piece> pieces_;
+    bool finished_ = false, abandoned_ = false;
+};
+
+// What one tool's scan starts from: its files as they are now, and what the registry knows.
+struct ToolFiles {
+    const CodingToolLogs* tool = nullptr;
+    std::vector<LogFileCandidate> files;
+    std::unordered_map<std::string, QuotaSessionFileRegistryEntry> known;
+};
+
+// Reads and parses the files that changed into pieces, on a thread of its own while the scan's
+// thread writes the pieces before them: parsing and SQLite then share the two cores.
+class FileReader {
+public:
+    FileReader(const QuotaSessionFileRegistry& registry, const QuotaScanOptions& options, const std::string& sourceID,
+               PieceQueue& queue, QuotaScanSummary& tally)
+        : registry_(registry), options_(options), sourceID_(sourceID), queue_(queue), tally_(tally),
+          now_(registry.configuration().clock.now()), buffer_(kPieceBytes + kJsonPadding) {}
+
+    void readAll(const std::vector<ToolFiles>& tools, std::int64_t total) {
+        std::int64_t done = 0;
+        for (const auto& tool : tools) {
+            for (const auto& file : tool.files) {
+                const auto found = tool.known.find(file.path.string());
+                const QuotaSessionFileRegistryEntry* entry = found == tool.known.end() ? nullptr : &found->second;
+                if (entry && isUnchanged(*tool.tool, *entry, file)) {
+                    ++tally_.filesUnchanged;
+                } else if (!read(*tool.tool, file, entry)) {
+                    return;  // the writer gave up
+                }
+                if (++done % 16 == 0 && options_.progress) options_.progress(done, total, tally_.bytesRead);
             }
-            if (++done % 16 == 0 && options_.progress) options_.progress(done, total, summary_.bytesRead);
         }
     }
 
 private:
-    bool isUnchanged(const QuotaSessionFileRegistryEntry& entry, const LogFileCandidate& file) const {
-        return entry.parserVersion == tool_.parserVersion() && entry.fileIdentifier == file.identity &&
+    static bool isUnchanged(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& entry,
+                            const LogFileCandidate& file) {
+        return entry.parserVersion == tool.parserVersion() && entry.fileIdentifier == file.identity &&
                entry.size == file.size && entry.modifiedAt == file.modifiedAt;
     }
 
-    void problem(const std::string& path, std::optional<std::int64_t> offset, std::string reason) {
-        if (summary_.problems.size() < kMaximumProblems) summary_.problems.push_back({path, offset, std::move(reason)});
+    void skipped(const std::string& path, std::string reason) {
+        ++tally_.filesSkipped;
+        if (tally_.problems.size() < kMaximumProblems) tally_.problems.push_back({path, std::nullopt, std::move(reason)});
     }
 
-    void read(const LogFileCandidate& file, const QuotaSessionFileRegistryEntry* entry) {
+    // False when the writer gave up.
+    bool read(const CodingToolLogs& tool, const LogFileCandidate& file, const QuotaSessionFileRegistryEntry* entry) {
         const std::string path = file.path.string();
         ReadableFile opened{file.path};
         struct stat info {};
         if (!opened.isOpen() || ::fstat(opened.fd(), &info) != 0) {
-            ++summary_.filesSkipped;
-            return problem(path, std::nullopt, errno == ENOENT ? "vanished before it could be read" : std::strerror(errno));
+            skipped(path, errno == ENOENT ? "vanished before it could be read" : std::strerror(errno));
+            return true;
         }
-        QuotaSessionFileRegistryEntry next;
-        next.path = path;
-        next.sourceID = sourceID_;
-        next.providerID = tool_.provider().id;
-        next.captureMode = options_.capture;
-        next.parserVersion = tool_.parserVersion();
-        next.fileIdentifier = identityOf(info);
+        Piece piece;
+        piece.tool = &tool;
+        piece.entry.path = path;
+        piece.entry.sourceID = sourceID_;
+        piece.entry.providerID = tool.provider().id;
+        piece.entry.captureMode = options_.capture;
+        piece.entry.parserVersion = tool.parserVersion();
+        piece.entry.fileIdentifier = identityOf(info);
+        piece.entry.updatedAt = now_;
+        piece.expected = entry ? std::optional(entry->lastOffset) : std::nullopt;
         // A file read before by these rules, the same file and not cut short, is read on from
         // where the last read stopped; anything else is read again from the start, and what it
         // gave before is replaced.
-        const bool goesOn = entry && file.layout == LogLayout::appendedLines && entry->parserVersion == next.parserVersion &&
-                            entry->fileIdentifier == next.fileIdentifier && entry->lastOffset <= std::int64_t(info.st_size);
-        const std::optional<std::int64_t> expected = entry ? std::optional(entry->lastOffset) : std::nullopt;
-        ++summary_.filesRead;
-        if (file.layout == LogLayout::wholeDocument) return readDocument(opened, next, expected);
-        readLines(opened, next, expected, goesOn ? entry->lastOffset : 0, !goesOn && entry);
+        const bool goesOn = entry && file.layout == LogLayout::appendedLines && entry->parserVersion == tool.parserVersion() &&
+                            entry->fileIdentifier == piece.entry.fileIdentifier &&
+                            entry->lastOffset <= std::int64_t(info.st_size);
+        piece.forgetFirst = entry && !goesOn;
+        ++tally_.filesRead;
+        if (file.layout == LogLayout::wholeDocument) return readDocument(opened, std::move(piece));
+        const std::int64_t offset = goesOn ? entry->lastOffset : 0;
+        if (offset > 0) piece.state = parserStateOf(piece.entry);
+        return readLines(opened, std::move(piece), offset);
     }
 
-    void readDocument(ReadableFile& opened, QuotaSessionFileRegistryEntry& next, std::optional<std::int64_t> expected) {
+    bool readDocument(ReadableFile& opened, Piece piece) {
         std::string text;
         try {
-            text = readInputFile(next.path, InputLimit::document("a chat document"));
+            text = readInputFile(piece.entry.path, InputLimit::document("a chat document"));
         } catch (const Error& e) {
-            ++summary_.filesSkipped;
-            return problem(next.path, std::nullopt, e.what());
+            --tally_.filesRead;
+            skipped(piece.entry.path, e.what());
+            return true;
         }
-        summary_.bytesRead += std::int64_t(text.size());
-        text.resize(text.size() + kJsonPadding);
-        Collected collected{next.path};
-        const LogFileContext context{next.path, options_.capture, &parser_};
-        tool_.parseDocument(std::string_view(text.data(), text.size() - kJsonPadding), context, collected);
+        tally_.bytesRead += std::int64_t(text.size());
+        const std::size_t size = text.size();
+        text.resize(size + kJsonPadding);
+        piece.records = std::make_unique<Collected>(piece.entry.path);
+        const LogFileContext context{piece.entry.path, options_.capture, &parser_};
+        piece.tool->parseDocument(std::string_view(text.data(), size), context, *piece.records);
         struct stat info {};
         ::fstat(opened.fd(), &info);
-        next.lastOffset = std::int64_t(text.size() - kJsonPadding);
-        next.size = std::int64_t(info.st_size);
-        next.modifiedAt = modificationTime(info);
-        commit(collected, next, expected, /*forgetFirst=*/true, std::string());
+        piece.entry.lastOffset = std::int64_t(size);
+        piece.entry.size = std::int64_t(info.st_size);
+        piece.entry.modifiedAt = modificationTime(info);
+        piece.forgetFirst = true;  // a document is read whole: what it gave before is replaced
+        return queue_.push(std::move(piece));
     }
 
-    // Reads complete lines from `offset` in pieces, committing each piece with the position after
-    // its last complete line. A last line without its newline is left for the next scan.
-    void readLines(ReadableFile& opened, QuotaSessionFileRegistryEntry& next, std::optional<std::int64_t> expected,
-                   std::int64_t offset, bool forgetFirst) {
+    // Reads complete lines from `offset` in pieces, each ending after its last complete line. A
+    // last line without its newline is left for the next scan. Every piece but the last leaves
+    // the entry's size unknown, so a scan stopped in between reads on from its position.
+    bool readLines(ReadableFile& opened, Piece piece, std::int64_t offset) {
         if (::lseek(opened.fd(), off_t(offset), SEEK_SET) < 0) {
-            ++summary_.filesSkipped;
-            return problem(next.path, std::nullopt, std::strerror(errno));
+            skipped(piece.entry.path, std::strerror(errno));
+            return true;
         }
-        std::string state = forgetFirst || offset == 0 ? std::string() : parserStateOf(next);
-        Collected collected{next.path};
-        const LogFileContext context{next.path, options_.capture, &parser_};
-        std::size_t used = 0;             // bytes in the buffer, starting at file position `offset`
-        bool skippingLongLine = false;    // inside a line longer than a piece
+        const LogFileContext context{piece.entry.path, options_.capture, &parser_};
+        std::size_t used = 0;           // bytes in the buffer, starting at file position `offset`
+        bool skippingLongLine = false;  // inside a line longer than a piece
+        auto records = std::make_unique<Collected>(piece.entry.path);
         std::vector<LogLine> lines;
         for (;;) {
             const ssize_t n = ::read(opened.fd(), buffer_.data() + used, kPieceBytes - used);
             if (n < 0 && errno == EINTR) continue;
             if (n < 0) {
-                problem(next.path, offset, std::strerror(errno));
-                ++summary_.filesSkipped;
-                return;
+                records->badLine(offset, std::string("reading stopped: ") + std::strerror(errno));
+                break;
             }
-            const bool atEnd = n == 0;
             used += std::size_t(n);
-            summary_.bytesRead += n;
-            const char* data = buffer_.data();
-            const auto lastNewline = std::string_view(data, used).rfind('\n');
+            tally_.bytesRead += n;
+            const bool atEnd = n == 0 || used < kPieceBytes;
+            const std::string_view data(buffer_.data(), used);
+            const auto lastNewline = data.rfind('\n');
             if (lastNewline == std::string_view::npos) {
-                if (atEnd) break;
+                if (n == 0) break;
                 if (used < kPieceBytes) continue;
-                // A piece without a newline: a line longer than any real one. It is skipped up to
-                // its end, whenever that comes.
-                if (!skippingLongLine) collected.badLine(offset, "a line longer than 32 MiB");
+                // A piece without a newline: a line longer than any real one, skipped up to its end.
+                if (!skippingLongLine) records->badLine(offset, "a line longer than 32 MiB");
                 skippingLongLine = true;
                 offset += std::int64_t(used);
                 used = 0;
                 continue;
             }
-            std::size_t start = 0;
-            if (skippingLongLine) {
-                start = std::string_view(data, used).find('\n') + 1;
-                skippingLongLine = false;
-            }
+            std::size_t pos = skippingLongLine ? data.find('\n') + 1 : 0;
+            skippingLongLine = false;
             lines.clear();
-            for (std::size_t pos = start; pos <= lastNewline;) {
-                const std::size_t end = std::string_view(data, used).find('\n', pos);
-                if (end > pos && std::string_view(data + pos, end - pos).find_first_not_of(" \t\r") != std::string_view::npos) {
-                    lines.push_back({std::string_view(data + pos, end - pos), offset + std::int64_t(pos)});
-                }
+            while (pos <= lastNewline) {
+                const std::size_t end = data.find('\n', pos);
+                const std::string_view line = data.substr(pos, end - pos);
+                if (line.find_first_not_of(" \t\r") != std::string_view::npos) lines.push_back({line, offset + std::int64_t(pos)});
                 pos = end + 1;
             }
-            tool_.parseLines(lines, context, state, collected);
-            const std::int64_t consumed = std::int64_t(lastNewline + 1);
-            next.lastOffset = offset + consumed;
-            struct stat info {};
-            const bool last = atEnd || used < kPieceBytes;
-            if (last && ::fstat(opened.fd(), &info) == 0) {
-                next.size = std::int64_t(info.st_size);
-                next.modifiedAt = modificationTime(info);
-            }
-            if (!commit(collected, next, expected, forgetFirst, state)) return;
-            expected = next.lastOffset;
-            forgetFirst = false;
-            collected.clear();
-            std::memmove(buffer_.data(), data + consumed, used - std::size_t(consumed));
-            used -= std::size_t(consumed);
-            offset = next.lastOffset;
+            piece.tool->parseLines(lines, context, piece.state, *records);
+            offset += std::int64_t(lastNewline + 1);
+            std::memmove(buffer_.data(), buffer_.data() + lastNewline + 1, used - (lastNewline + 1));
+            used -= lastNewline + 1;
             if (atEnd) break;
+            Piece next = followOn(piece, offset);
+            piece.entry.lastOffset = offset;
+            piece.entry.size.reset();
+            piece.records = std::exchange(records, std::make_unique<Collected>(piece.entry.path));
+            if (!queue_.push(std::exchange(piece, std::move(next)))) return false;
         }
-        if (!collected.bad_.empty() || (next.size.value_or(-1) < 0)) {
-            // A file that ended without a complete line in its last piece: its position and look
-            // are still recorded, so an unchanged file is not opened again.
-            struct stat info {};
-            if (::fstat(opened.fd(), &info) == 0) {
-                next.lastOffset = offset;
-                next.size = std::int64_t(info.st_size);
-                next.modifiedAt = modificationTime(info);
-                commit(collected, next, expected, forgetFirst, state);
-            }
-        }
+        struct stat info {};
+        ::fstat(opened.fd(), &info);
+        piece.entry.lastOffset = offset;
+        piece.entry.size = std::int64_t(info.st_size);
+        piece.entry.modifiedAt = modificationTime(info);
+        piece.records = std::move(records);
+        return queue_.push(std::move(piece));
+    }
+
+    // The piece that follows `piece` once it ends at `offset`.
+    static Piece followOn(const Piece& piece, std::int64_t offset) {
+        Piece next;
+        next.tool = piece.tool;
+        next.entry = piece.entry;
+        next.expected = offset;
+        next.state = piece.state;
+        return next;
     }
 
     std::string parserStateOf(const QuotaSessionFileRegistryEntry& entry) const {
@@ -288,41 +354,81 @@ private:
         return state;
     }
 
-    // Writes one read: its rows, the parser's state and the file's new position, in one
-    // transaction. Another scan that moved the position in between wins: nothing is written and
-    // false is returned.
-    bool commit(Collected& collected, QuotaSessionFileRegistryEntry& next, std::optional<std::int64_t> expected,
-                bool forgetFirst, const std::string& state) {
-        next.updatedAt = now_;
-        if (next.sessionID.value_or("").empty() && !collected.firstSession_.empty()) next.sessionID = collected.firstSession_;
-        const bool written = registry_.inTransaction("import " + std::string(tool_.provider().id), [&](sqlite::Connection& c) {
-            const auto current = QuotaSessionFileRegistry::load(c, next.path, next.sourceID, next.providerID, next.captureMode);
-            if ((current ? std::optional(current->lastOffset) : std::nullopt) != expected) return false;
-            const std::int64_t key = QuotaUsageEntryStore::fileKey(c, next);
-            QuotaUsageEntryStore::Tally tally;
-            if (forgetFirst) tally = QuotaUsageEntryStore::forgetFile(c, key);
-            const auto added = QuotaUsageEntryStore::record(c, key, collected.usage_, collected.messages_,
-                                                            tool_.provider().id, collected.sessions_);
-            if (collected.limits_) QuotaUsageEntryStore::noteRateLimits(c, *collected.limits_);
-            QuotaUsageEntryStore::setParserState(c, key, state);
-            QuotaSessionFileRegistry::upsert(c, next);
-            summary_.tokens += tally.countedTokens + added.countedTokens;
-            return true;
-        });
-        summary_.linesSkipped += std::int64_t(collected.bad_.size());
-        for (auto& bad : collected.bad_) problem(bad.path, bad.offset, std::move(bad.reason));
-        collected.bad_.clear();
-        return written;
-    }
-
-    const CodingToolLogs& tool_;
     const QuotaSessionFileRegistry& registry_;
     const QuotaScanOptions& options_;
     const std::string& sourceID_;
-    QuotaScanSummary& summary_;
-    std::vector<char>& buffer_;
+    PieceQueue& queue_;
+    QuotaScanSummary& tally_;
     Date now_;
+    std::vector<char> buffer_;
     JsonLineParser parser_;
+};
+
+// Writes pieces in order: a piece's rows, the parser's state and the file's new position in one
+// transaction. Another scan that moved a file's position in between wins: that piece and the
+// rest of its file are not written.
+class PieceWriter {
+public:
+    PieceWriter(const QuotaSessionFileRegistry& registry, QuotaScanSummary& tally) : registry_(registry), tally_(tally) {}
+
+    void write(Piece& piece) {
+        Collected& records = *piece.records;
+        tally_.linesSkipped += std::int64_t(records.bad_.size());
+        for (auto& bad : records.bad_) {
+            if (tally_.problems.size() < kMaximumProblems) tally_.problems.push_back(std::move(bad));
+        }
+        if (abandonedPath_ == piece.entry.path) return;
+        if (!records.firstSession_.empty()) piece.entry.sessionID = records.firstSession_;
+        const bool written = registry_.inTransaction("import " + piece.entry.providerID, [&](sqlite::Connection& c) {
+            const auto& e = piece.entry;
+            const auto current = QuotaSessionFileRegistry::load(c, e.path, e.sourceID, e.providerID, e.captureMode);
+            if ((current ? std::optional(current->lastOffset) : std::nullopt) != piece.expected) return false;
+            const std::int64_t key = QuotaUsageEntryStore::fileKey(c, e);
+            QuotaUsageEntryStore::Tally forgotten;
+            if (piece.forgetFirst) forgotten = QuotaUsageEntryStore::forgetFile(c, key);
+            const auto added =
+                QuotaUsageEntryStore::record(c, key, records.usage_, records.messages_, e.providerID, records.sessions_);
+            if (records.limits_) QuotaUsageEntryStore::noteRateLimits(c, *records.limits_);
+            QuotaUsageEntryStore::setParserState(c, key, piece.state);
+            QuotaSessionFileRegistry::upsert(c, e);
+            tally_.tokens += forgotten.countedTokens + added.countedTokens;
+            return true;
+        });
+        if (!written) abandonedPath_ = piece.entry.path;
+    }
+
+private:
+    const QuotaSessionFileRegistry& registry_;
+    QuotaScanSummary& tally_;
+    std::string abandonedPath_;
+};
+
+// The stores map up to 256 MiB of each database file into memory for fast reads. A scan
+// touches most pages of the files it fills, so for its length the connections read through
+// the page cache instead: the scan's memory then stays the same whatever the size of the tree
+// and of the stores. The set-up size is restored after.
+class UnmappedWhileImporting {
+public:
+    UnmappedWhileImporting(const QuotaSessionFileRegistry& registry, const QuotaSessionCatalogStore& catalog)
+        : registry_(registry), catalog_(catalog) {
+        registry_.setMemoryMapLimit(0);
+        catalog_.setMemoryMapLimit(0);
+
+    }
+    ~UnmappedWhileImporting() {
+        try {
+            registry_.setMemoryMapLimit(SQLiteConnectionHolder::memoryMapBytes);
+            catalog_.setMemoryMapLimit(SQLiteConnectionHolder::memoryMapBytes);
+        } catch (const Error&) {
+            // The connections work unmapped too; only slower reads are at stake.
+        }
+    }
+    UnmappedWhileImporting(const UnmappedWhileImporting&) = delete;
+    UnmappedWhileImporting& operator=(const UnmappedWhileImporting&) = delete;
+
+private:
+    const QuotaSessionFileRegistry& registry_;
+    const QuotaSessionCatalogStore& catalog_;
 };
 
 // The checkpoint of a tool's scan: a digest of every file's path, size and time, which changes
@@ -363,32 +469,62 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     const ScanLock lock{*directory / lockFilename};
     const std::string sourceID = configuration_.localSourceID();
     const QuotaSessionFileRegistry registry{configuration_};
+    const QuotaSessionCatalogStore catalog{configuration_};
     const QuotaSessionImportStateStore states{configuration_};
-    QuotaScanSummary summary;
+    const UnmappedWhileImporting unmapped{registry, catalog};
+    QuotaScanSummary summary, written;
 
-    std::vector<std::vector<LogFileCandidate>> filesPerTool;
+    std::vector<ToolFiles> tools;
     std::int64_t total = 0;
     for (const auto& tool : codingTools()) {
         const auto given = options.homes.find(tool->provider().id);
         const auto homes = given != options.homes.end() ? given->second : tool->defaultHomes();
         std::vector<WalkProblem> problems;
-        filesPerTool.push_back(findLogFiles(*tool, homes, problems));
-        total += std::int64_t(filesPerTool.back().size());
+        ToolFiles& files = tools.emplace_back();
+        files.tool = tool.get();
+        files.files = findLogFiles(*tool, homes, problems);
+        for (auto& entry : registry.list(tool->provider().id, options.capture, sourceID)) {
+            files.known.emplace(entry.path, std::move(entry));
+        }
+        total += std::int64_t(files.files.size());
         for (const auto& p : problems) {
             if (summary.problems.size() < kMaximumProblems) summary.problems.push_back({p.path.string(), std::nullopt, p.reason});
         }
     }
-    std::vector<char> buffer(kPieceBytes + kJsonPadding);
-    std::int64_t done = 0;
-    for (std::size_t i = 0; i < codingTools().size(); ++i) {
-        const auto& tool = *codingTools()[i];
-        ToolScan{tool, registry, options, sourceID, summary, buffer}.run(filesPerTool[i], done, total);
-        updateCheckpoint(states, tool, sourceID, options.capture, filesPerTool[i], configuration_.clock.now());
+
+    PieceQueue queue;
+    std::exception_ptr readFailure;
+    std::thread reader{[&] {
+        try {
+            FileReader{registry, options, sourceID, queue, summary}.readAll(tools, total);
+        } catch (...) {
+            readFailure = std::current_exception();
+        }
+        queue.finish();
+    }};
+    try {
+        PieceWriter writer{registry, written};
+        while (auto piece = queue.pop()) writer.write(*piece);
+    } catch (...) {
+        queue.abandon();
+        while (queue.pop()) {
+        }
+        reader.join();
+        throw;
     }
-    const auto published = publishDirtySessions(QuotaUsageEntryStore{registry}, QuotaSessionCatalogStore{configuration_});
+    reader.join();
+    if (readFailure) std::rethrow_exception(readFailure);
+
+    summary.tokens = written.tokens;
+    summary.linesSkipped = written.linesSkipped;
+    for (auto& p : written.problems) {
+        if (summary.problems.size() < kMaximumProblems) summary.problems.push_back(std::move(p));
+    }
+    for (const auto& tool : tools) updateCheckpoint(states, *tool.tool, sourceID, options.capture, tool.files, configuration_.clock.now());
+    const auto published = publishDirtySessions(QuotaUsageEntryStore{registry}, catalog);
     summary.newSessions = published.newSessions;
     summary.updatedSessions = published.updatedSessions;
-    if (options.progress) options.progress(done, total, summary.bytesRead);
+    if (options.progress) options.progress(total, total, summary.bytesRead);
     return summary;
 }
 

@@ -824,6 +824,11 @@ std::int64_t QuotaSessionCatalogStore::clearAll() const {
     });
 }
 
+void QuotaSessionCatalogStore::setMemoryMapLimit(std::int64_t bytes) const {
+    const std::string sql = "PRAGMA mmap_size=" + std::to_string(bytes);
+    runCatalog([&](sqlite::Connection& connection) { connection.exec(sql.c_str(), "set mmap size"); });
+}
+
 void QuotaSessionCatalogStore::walCheckpoint() const noexcept {
     try {
         runCatalog([](sqlite::Connection& connection) { connection.checkpointQuietly(); });

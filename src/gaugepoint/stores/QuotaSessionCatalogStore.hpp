@@ -141,6 +141,10 @@ public:
     // Descriptors, messages and watermarks.
     std::int64_t clearAll() const;
     void walCheckpoint() const noexcept;
+    // Changes how much of the file this process's connection maps into memory (PRAGMA
+    // mmap_size), for bulk work that would otherwise keep every page it touched resident; the
+    // set-up value is SQLiteConnectionHolder::memoryMapBytes. Throws like every operation.
+    void setMemoryMapLimit(std::int64_t bytes) const;
 
 private:
     template <class Operation>

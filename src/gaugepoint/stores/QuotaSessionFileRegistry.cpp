@@ -260,6 +260,11 @@ void QuotaSessionFileRegistry::withConnection(const std::function<void(sqlite::C
     runRegistry([&](sqlite::Connection& connection) { work(connection); });
 }
 
+void QuotaSessionFileRegistry::setMemoryMapLimit(std::int64_t bytes) const {
+    const std::string sql = "PRAGMA mmap_size=" + std::to_string(bytes);
+    runRegistry([&](sqlite::Connection& connection) { connection.exec(sql.c_str(), "set mmap size"); });
+}
+
 void QuotaSessionFileRegistry::walCheckpoint() const noexcept {
     try {
         runRegistry([](sqlite::Connection& connection) { connection.checkpointQuietly(); });

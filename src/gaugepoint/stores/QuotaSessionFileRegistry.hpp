@@ -60,6 +60,10 @@ public:
     std::int64_t remove(std::string_view providerID) const;
     std::int64_t clear() const;
     void walCheckpoint() const noexcept;
+    // Changes how much of the file this process's connection maps into memory (PRAGMA
+    // mmap_size), for bulk work that would otherwise keep every page it touched resident; the
+    // set-up value is SQLiteConnectionHolder::memoryMapBytes. Throws like every operation.
+    void setMemoryMapLimit(std::int64_t bytes) const;
 
     // The identity of the file at `path`: "<device>:<inode>" in decimal. On POSIX systems that
     // pair names one file for as long as it exists, across renames and appends; a file written

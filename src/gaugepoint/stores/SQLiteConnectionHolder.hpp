@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -25,6 +26,9 @@ struct SQLiteStoreSetup {
 // process, and closed again when its set-up fails so that the next call starts over.
 class SQLiteConnectionHolder {
 public:
+    // The memory map every connection is set up with (PRAGMA mmap_size): 256 MiB.
+    static constexpr std::int64_t memoryMapBytes = 268435456;
+
     // The holder of `file`, shared by every store value that uses that file.
     static std::shared_ptr<SQLiteConnectionHolder> shared(const std::filesystem::path& file);
 
