@@ -4,6 +4,8 @@
 // and some Gemini by bytes. Deterministic for a given size.
 //
 // usage: generate_log_tree DIR MEGABYTES
+// The homes are DIR/claude (CLAUDE_CONFIG_DIR), DIR/codex (CODEX_HOME) and DIR/gemini/.gemini
+// (GEMINI_CLI_HOME=DIR/gemini).
 
 #include <cstdint>
 #include <cstdio>
@@ -81,10 +83,13 @@ std::size_t claudeSession(Generator& g, const fs::path& file, std::size_t bytes,
         for (int r = 0; r < responses; ++r) {
             const std::string messageID = "msg_01" + g.uuid().substr(0, 22);
             const std::string requestID = "req_011C" + g.uuid().substr(0, 20);
+            // The cache write split into its 5-minute and 1-hour parts, which add up to it.
+            const std::uint64_t write5m = g.next(16000), write1h = g.next(4000);
             const std::string usage = "\"usage\":{\"input_tokens\":" + std::to_string(g.next(60)) +
-                                      ",\"cache_creation_input_tokens\":" + std::to_string(g.next(20000)) +
+                                      ",\"cache_creation_input_tokens\":" + std::to_string(write5m + write1h) +
                                       ",\"cache_read_input_tokens\":" + std::to_string(g.next(300000)) +
-                                      ",\"cache_creation\":{\"ephemeral_5m_input_tokens\":0,\"ephemeral_1h_input_tokens\":0},"
+                                      ",\"cache_creation\":{\"ephemeral_5m_input_tokens\":" + std::to_string(write5m) +
+                                      ",\"ephemeral_1h_input_tokens\":" + std::to_string(write1h) + "},"
                                       "\"output_tokens\":" + std::to_string(g.next(4000)) + ",\"service_tier\":\"standard\"}";
             // One line per content block: thinking, text, tool_use, each with the same usage.
             for (const char* block : {"thinking", "text", "tool_use"}) {
@@ -209,7 +214,7 @@ int main(int argc, char** argv) {
             const std::string id = g.uuid();
             codex += codexSession(g, dir / ("rollout-2026-10-01T10-00-00-" + id + ".jsonl"), id, 100000 + g.next(800000), start);
         } else {
-            const fs::path dir = root / "gemini" / "tmp" / "0a135305f7a07ab9" / "chats";
+            const fs::path dir = root / "gemini" / ".gemini" / "tmp" / "0a135305f7a07ab9" / "chats";
             fs::create_directories(dir);
             const std::string id = g.uuid();
             gemini += geminiSession(g, dir / ("session-2026-10-01T10-00-" + id.substr(0, 8) + ".json"), id,

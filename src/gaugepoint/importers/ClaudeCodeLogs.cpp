@@ -154,7 +154,7 @@ public:
         for (const auto& line : lines) {
             const auto object = file.parser->object(line.text);
             if (!object) {
-                sink.badLine(line.offset, "not a JSON object");
+                sink.badLine(line.offset, "not a complete JSON object");
                 continue;
             }
             auto record = readRecord(*object, anyText);

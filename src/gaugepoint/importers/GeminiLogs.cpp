@@ -154,7 +154,7 @@ public:
         PendingRecords pending;
         const auto object = file.parser->object(text);
         if (!object) {
-            sink.badLine(0, "not a JSON object");
+            sink.badLine(0, "not a complete JSON object");
             return;
         }
         std::string sessionID;
@@ -170,7 +170,7 @@ public:
         for (const auto& line : lines) {
             const auto object = file.parser->object(line.text);
             if (!object) {
-                sink.badLine(line.offset, "not a JSON object");
+                sink.badLine(line.offset, "not a complete JSON object");
                 continue;
             }
             readLine(*object, line.offset, file, state, pending);

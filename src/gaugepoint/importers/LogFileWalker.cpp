@@ -31,28 +31,40 @@ struct Walk {
     std::vector<WalkProblem>& problems;
     std::set<std::pair<dev_t, ino_t>> visited;
 
+    // Entries are examined relative to their open directory, so the system does not resolve
+    // each file's whole path again.
     void directory(const fs::path& path, int depth) {
         struct stat info {};
         if (::stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return;
+        enter(path, info, depth);
+    }
+
+    void enter(const fs::path& path, const struct stat& info, int depth) {
         if (!visited.emplace(info.st_dev, info.st_ino).second) return;  // reached again through a link
         if (depth > kMaximumDepth) return problems.push_back({path, "directories nested too deep"});
         DIR* dir = ::opendir(path.c_str());
         if (!dir) return problems.push_back({path, std::strerror(errno)});
-        std::vector<std::string> names;
+        std::vector<std::pair<std::string, struct stat>> entries;
         while (const dirent* entry = ::readdir(dir)) {
             const std::string_view name = entry->d_name;
-            if (name != "." && name != "..") names.emplace_back(name);
+            if (name == "." || name == "..") continue;
+            struct stat child {};
+            if (::fstatat(::dirfd(dir), entry->d_name, &child, 0) != 0) continue;  // vanished, or a dangling link
+            entries.emplace_back(name, child);
         }
         ::closedir(dir);
-        std::sort(names.begin(), names.end());
-        for (const auto& name : names) entry(path / name, depth);
+        std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+        for (const auto& [name, child] : entries) {
+            const fs::path childPath = path / name;
+            if (S_ISDIR(child.st_mode)) {
+                enter(childPath, child, depth + 1);
+            } else if (S_ISREG(child.st_mode)) {
+                file(childPath, child);
+            }
+        }
     }
 
-    void entry(const fs::path& path, int depth) {
-        struct stat info {};
-        if (::stat(path.c_str(), &info) != 0) return;  // vanished, or a dangling link
-        if (S_ISDIR(info.st_mode)) return directory(path, depth + 1);
-        if (!S_ISREG(info.st_mode)) return;
+    void file(const fs::path& path, const struct stat& info) {
         const auto layout = tool.layoutOf(path.lexically_relative(folder));
         if (!layout) return;
         found.push_back({path, *layout, std::int64_t(info.st_size), modificationTime(info),

@@ -185,7 +185,7 @@ public:
     FileReader(const QuotaSessionFileRegistry& registry, const QuotaScanOptions& options, const std::string& sourceID,
                PieceQueue& queue, QuotaScanSummary& tally)
         : registry_(registry), options_(options), sourceID_(sourceID), queue_(queue), tally_(tally),
-          now_(registry.configuration().clock.now()), buffer_(kPieceBytes + kJsonPadding) {}
+          now_(registry.configuration().clock.now()) {}
 
     void readAll(const std::vector<ToolFiles>& tools, std::int64_t total) {
         std::int64_t done = 0;
@@ -280,13 +280,16 @@ private:
             skipped(piece.entry.path, std::strerror(errno));
             return true;
         }
+        // Made on the first file that needs reading and left uninitialised, so a scan of an
+        // unchanged tree touches none of it.
+        if (!buffer_) buffer_.reset(new char[kPieceBytes + kJsonPadding]);
         const LogFileContext context{piece.entry.path, options_.capture, &parser_};
         std::size_t used = 0;           // bytes in the buffer, starting at file position `offset`
         bool skippingLongLine = false;  // inside a line longer than a piece
         auto records = std::make_unique<Collected>(piece.entry.path);
         std::vector<LogLine> lines;
         for (;;) {
-            const ssize_t n = ::read(opened.fd(), buffer_.data() + used, kPieceBytes - used);
+            const ssize_t n = ::read(opened.fd(), buffer_.get() + used, kPieceBytes - used);
             if (n < 0 && errno == EINTR) continue;
             if (n < 0) {
                 records->badLine(offset, std::string("reading stopped: ") + std::strerror(errno));
@@ -295,7 +298,7 @@ private:
             used += std::size_t(n);
             tally_.bytesRead += n;
             const bool atEnd = n == 0 || used < kPieceBytes;
-            const std::string_view data(buffer_.data(), used);
+            const std::string_view data(buffer_.get(), used);
             const auto lastNewline = data.rfind('\n');
             if (lastNewline == std::string_view::npos) {
                 if (n == 0) break;
@@ -318,7 +321,7 @@ private:
             }
             piece.tool->parseLines(lines, context, piece.state, *records);
             offset += std::int64_t(lastNewline + 1);
-            std::memmove(buffer_.data(), buffer_.data() + lastNewline + 1, used - (lastNewline + 1));
+            std::memmove(buffer_.get(), buffer_.get() + lastNewline + 1, used - (lastNewline + 1));
             used -= lastNewline + 1;
             if (atEnd) break;
             Piece next = followOn(piece, offset);
@@ -360,7 +363,7 @@ private:
     PieceQueue& queue_;
     QuotaScanSummary& tally_;
     Date now_;
-    std::vector<char> buffer_;
+    std::unique_ptr<char[]> buffer_;
     JsonLineParser parser_;
 };
 
@@ -442,21 +445,35 @@ std::string scanSignature(const CodingToolLogs& tool, QuotaSessionContentCapture
     return sha256Hex(text);
 }
 
-void updateCheckpoint(const QuotaSessionImportStateStore& states, const CodingToolLogs& tool, const std::string& sourceID,
-                      QuotaSessionContentCaptureMode capture, const std::vector<LogFileCandidate>& files, Date now) {
-    const std::string signature = scanSignature(tool, capture, files);
-    const auto stored = states.checkpoint(sourceID, tool.provider().id);
-    if (stored && stored->scanSignature == signature) return;  // an unchanged tree writes nothing
-    QuotaSessionImportCheckpoint checkpoint;
-    checkpoint.sourceID = sourceID;
-    checkpoint.providerID = tool.provider().id;
-    checkpoint.scanSignature = signature;
-    for (const auto& f : files) checkpoint.candidateFileFingerprints.push_back({f.path.string(), f.size, f.modifiedAt});
-    checkpoint.rangePresetID = "all";
-    checkpoint.depthPresetID = std::string(json::rawValue(capture));
-    checkpoint.parserVersion = tool.parserVersion();
-    checkpoint.updatedAt = now;
-    states.upsert(checkpoint);
+// Writes the checkpoints of the tools whose files changed, in one save; an unchanged tree
+// writes nothing.
+void updateCheckpoints(const QuotaSessionImportStateStore& states, const std::vector<ToolFiles>& tools,
+                       const std::string& sourceID, QuotaSessionContentCaptureMode capture, Date now) {
+    auto catalog = states.load();
+    bool changed = false;
+    for (const auto& tool : tools) {
+        const std::string providerID = tool.tool->provider().id;
+        const std::string signature = scanSignature(*tool.tool, capture, tool.files);
+        auto found = std::find_if(catalog.entries.begin(), catalog.entries.end(), [&](const auto& c) {
+            return c.sourceID == sourceID && c.providerID == providerID;
+        });
+        if (found != catalog.entries.end() && found->scanSignature == signature) continue;
+        if (found == catalog.entries.end()) found = catalog.entries.insert(catalog.entries.end(), QuotaSessionImportCheckpoint{});
+        QuotaSessionImportCheckpoint& checkpoint = *found;
+        checkpoint.sourceID = sourceID;
+        checkpoint.providerID = providerID;
+        checkpoint.scanSignature = signature;
+        checkpoint.candidateFileFingerprints.clear();
+        for (const auto& f : tool.files) checkpoint.candidateFileFingerprints.push_back({f.path.string(), f.size, f.modifiedAt});
+        checkpoint.rangePresetID = "all";
+        checkpoint.depthPresetID = std::string(json::rawValue(capture));
+        checkpoint.parserVersion = tool.tool->parserVersion();
+        checkpoint.updatedAt = now;
+        changed = true;
+    }
+    if (!changed) return;
+    catalog.updatedAt = now;
+    states.save(catalog);
 }
 
 }  // namespace
@@ -520,7 +537,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     for (auto& p : written.problems) {
         if (summary.problems.size() < kMaximumProblems) summary.problems.push_back(std::move(p));
     }
-    for (const auto& tool : tools) updateCheckpoint(states, *tool.tool, sourceID, options.capture, tool.files, configuration_.clock.now());
+    updateCheckpoints(states, tools, sourceID, options.capture, configuration_.clock.now());
     const auto published = publishDirtySessions(QuotaUsageEntryStore{registry}, catalog);
     summary.newSessions = published.newSessions;
     summary.updatedSessions = published.updatedSessions;

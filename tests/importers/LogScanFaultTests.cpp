@@ -1,0 +1,96 @@
+#include <gtest/gtest.h>
+
+#include <signal.h>
+
+#include <fstream>
+#include <thread>
+
+#include "ImporterTestSupport.hpp"
+
+namespace gaugepoint {
+namespace {
+
+using testing::LogTree;
+namespace fs = std::filesystem;
+
+TEST(LogScanFaults, BadLinesAndFilesAreSkippedCountedAndTheRestImported) {
+    const LogTree tree;
+    const auto dir = tree.home("claude") / "projects" / "-tmp-bad";
+    fs::create_directories(dir);
+    const auto good = [](const char* uuid, const std::string& usage) {
+        return std::string(R"({"type":"assistant","sessionId":"bad-lines","uuid":")") + uuid +
+               R"(","timestamp":"2026-11-20T10:00:00.000Z","message":{"role":"assistant","model":"m","usage":)" + usage + "}}\n";
+    };
+    std::string content = good("u1", R"({"input_tokens":1,"output_tokens":2})");
+    content += "{\"type\":\"assistant\",\"sessionId\":\n";                                  // cut short
+    content += good("u2", R"({"input_tokens":"7","output_tokens":2})");                     // a wrong type
+    content += good("u3", R"({"input_tokens":-7,"output_tokens":2})");                      // negative
+    content += good("u4", R"({"input_tokens":1e15,"output_tokens":2})");                    // absurd
+    content += good("u5", R"({"input_tokens":1.5,"output_tokens":2})");                     // a fraction
+    content += "[1,2,3]\n";
+    content += "{\"type\":\"assistant\",\"message\":\"" + std::string(40u << 20, 'x') + "\"}\n";  // 40 MB
+    content += good("u6", R"({"input_tokens":3,"output_tokens":4})");
+    testing::writeFile(dir / "bad.jsonl", content);
+    fs::create_directory_symlink("..", dir / "loop");  // a directory loop
+    fs::create_directories(tree.home("gemini") / "tmp" / "p" / "chats");
+    testing::writeFile(tree.home("gemini") / "tmp" / "p" / "chats" / "session-x.json", "{\"sessionId\":\"g\",\"messages\":[{");
+
+    const auto summary = tree.scan();
+    EXPECT_EQ(summary.linesSkipped, 2 + 7 + 1);  // the sample's own two, these seven, the chat document
+    EXPECT_EQ(summary.filesSkipped, 0);
+    std::int64_t tokens = 0;
+    for (const auto& e : tree.usage().countedEntries("claude")) {
+        if (e.sessionID == "bad-lines") tokens += e.tokens.totalTokens();
+    }
+    EXPECT_EQ(tokens, 3 + 7);
+    std::set<std::string> reasons;
+    for (const auto& p : summary.problems) {
+        if (p.path.find("bad.jsonl") != std::string::npos) reasons.insert(p.reason);
+    }
+    EXPECT_TRUE(reasons.contains("a line longer than 32 MiB"));
+    EXPECT_TRUE(reasons.contains("a token count that is negative, fractional or absurd"));
+    EXPECT_EQ(tree.scan().linesSkipped, 0);  // skipped lines are not read again
+}
+
+// A scan killed at any moment, then a full scan: every row once.
+TEST(LogScanFaults, AScanKilledAtAnyMomentLosesAndDoublesNothing) {
+    const LogTree tree;
+    // Enough Codex files that a scan takes a while: each event adds 1,000 tokens.
+    for (int f = 0; f < 40; ++f) {
+        const auto dir = tree.home("codex") / "sessions" / "2026" / "11" / std::to_string(f);
+        fs::create_directories(dir);
+        std::ofstream out(dir / ("rollout-" + std::to_string(f) + ".jsonl"));
+        out << R"({"timestamp":"2026-11-01T00:00:00.000Z","type":"session_meta","payload":{"id":"crash-)" << f << "\"}}\n";
+        for (int e = 1; e <= 2000; ++e) {
+            out << R"({"timestamp":"2026-11-01T00:00:01.000Z","type":"event_msg","payload":{"type":"token_count","info":{"total_token_usage":{"input_tokens":)"
+                << e * 900 << R"(,"cached_input_tokens":0,"output_tokens":)" << e * 100 << R"(,"total_tokens":)" << e * 1000 << "}}}}\n";
+        }
+    }
+    for (const int delay : {5, 15, 40, 80, 150}) {
+        const pid_t child = testing::inChildProcess([&] { return (tree.scan(), 0); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+        ::kill(child, SIGKILL);
+        testing::exitStatus(child);
+    }
+    tree.scan();
+    std::int64_t tokens = 0;
+    for (const auto& e : tree.usage().countedEntries("codex")) {
+        if (e.sessionID.starts_with("crash-")) tokens += e.tokens.totalTokens();
+    }
+    EXPECT_EQ(tokens, 40 * 2000 * 1000);
+    EXPECT_EQ(tree.scan().filesRead, 0);
+}
+
+TEST(LogScanFaults, TwoScansAtOnceCountNothingTwice) {
+    const LogTree tree;
+    const pid_t child = testing::inChildProcess([&] { return (tree.scan(), 0); });
+    const auto mine = tree.scan();
+    EXPECT_EQ(testing::exitStatus(child), 0);
+    std::int64_t tokens = 0;
+    for (const auto& e : tree.usage().countedEntries()) tokens += e.tokens.totalTokens();
+    EXPECT_EQ(tokens, 2667716 + 432815 + 602820);
+    EXPECT_TRUE(mine.tokens == 0 || mine.tokens == tokens);  // one of the two did the work
+}
+
+}  // namespace
+}  // namespace gaugepoint
