@@ -532,6 +532,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     reader.join();
     if (readFailure) std::rethrow_exception(readFailure);
 
+    QuotaUsageEntryStore{registry}.refreshUsageQuarters();
     summary.tokens = written.tokens;
     summary.linesSkipped = written.linesSkipped;
     for (auto& p : written.problems) {

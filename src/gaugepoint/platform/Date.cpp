@@ -94,6 +94,38 @@ std::string formatISO8601(Date date) {
     return text + "Z";
 }
 
+std::string formatISO8601Milliseconds(Date date) {
+    const std::int64_t millis = millisecondsSince1970(dateFromSeconds(clampSeconds(secondsSince1970(date))));
+    const std::int64_t whole = millis >= 0 ? millis / 1000 : -((-millis + 999) / 1000);
+    char fraction[8];
+    std::snprintf(fraction, sizeof fraction, ".%03d", int(millis - whole * 1000));
+    return formatCivil(civilFromSeconds(whole)) + fraction + "Z";
+}
+
+std::optional<std::int64_t> dayNumber(std::string_view dayKey) {
+    std::size_t pos = 0;
+    const auto y = digits(dayKey, pos, 4);
+    if (!y || !expect(dayKey, pos, '-')) return std::nullopt;
+    const auto m = digits(dayKey, pos, 2);
+    if (!m || !expect(dayKey, pos, '-')) return std::nullopt;
+    const auto d = digits(dayKey, pos, 2);
+    if (!d || pos != dayKey.size()) return std::nullopt;
+    const year_month_day ymd{year{*y}, month{unsigned(*m)}, day{unsigned(*d)}};
+    if (!ymd.ok()) return std::nullopt;
+    return sys_days{ymd}.time_since_epoch().count();
+}
+
+std::string dayKeyOfNumber(std::int64_t dayNumber) {
+    const year_month_day ymd{sys_days{std::chrono::days{dayNumber}}};
+    char buffer[16];
+    std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u", int(ymd.year()), unsigned(ymd.month()), unsigned(ymd.day()));
+    return buffer;
+}
+
+int weekdayOfNumber(std::int64_t dayNumber) {
+    return int(weekday{sys_days{std::chrono::days{dayNumber}}}.c_encoding());
+}
+
 std::optional<Date> parseISO8601(std::string_view text) {
     std::size_t pos = 0;
     const auto y = digits(text, pos, 4);

@@ -25,6 +25,17 @@ std::int64_t millisecondsSince1970(Date date);
 // only when the value has them. Dates outside years 0000-9999 are clamped to that range.
 std::string formatISO8601(Date date);
 
+// Always three fraction digits, as JavaScript writes dates: "2026-11-21T13:19:00.000Z"
+// (rounded to the nearest millisecond; clamped as above).
+std::string formatISO8601Milliseconds(Date date);
+
+// Gregorian calendar days as day numbers (days since 1970-01-01) and "yyyy-MM-dd" keys.
+// dayNumber() is none for any other text or an impossible date ("2026-02-30").
+std::optional<std::int64_t> dayNumber(std::string_view dayKey);
+std::string dayKeyOfNumber(std::int64_t dayNumber);
+// 0 for Sunday ... 6 for Saturday.
+int weekdayOfNumber(std::int64_t dayNumber);
+
 // The internet date-time form without fractional seconds (the seconds are floored):
 // "2026-11-21T13:19:00Z".
 std::string formatInternetDateTime(Date date);

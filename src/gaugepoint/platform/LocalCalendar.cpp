@@ -1,6 +1,7 @@
 #include "gaugepoint/platform/LocalCalendar.hpp"
 
 #include <unicode/calendar.h>
+#include <unicode/gregocal.h>
 #include <unicode/smpdtfmt.h>
 #include <unicode/timezone.h>
 
@@ -14,6 +15,7 @@ struct LocalCalendar::State {
     std::mutex lock;
     std::unique_ptr<icu::Calendar> calendar;
     std::unique_ptr<icu::SimpleDateFormat> dayFormat;
+    std::unique_ptr<icu::SimpleDateFormat> dayTimeFormat;
 };
 
 namespace {
@@ -23,33 +25,41 @@ constexpr double millisecondsPerSecond = 1000.0;
 UDate toUDate(Date date) { return secondsSince1970(date) * millisecondsPerSecond; }
 Date fromUDate(UDate date) { return dateFromSeconds(date / millisecondsPerSecond); }
 
-std::shared_ptr<LocalCalendar::State> makeState(icu::TimeZone* zone) {
-    // The user's calendar (Gregorian, Buddhist, Japanese, ... by the locale), digits and
-    // pattern letters of en_US_POSIX.
+std::shared_ptr<LocalCalendar::State> makeState(icu::TimeZone* zone, LocalCalendar::Kind kind) {
+    // The user's calendar (Gregorian, Buddhist, Japanese, ... by the locale) or the Gregorian
+    // one; digits and pattern letters of en_US_POSIX. The calendar adopts `zone`.
     UErrorCode status = U_ZERO_ERROR;
     auto state = std::make_shared<LocalCalendar::State>();
-    state->calendar.reset(icu::Calendar::createInstance(zone, icu::Locale::getDefault(), status));
+    if (kind == LocalCalendar::Kind::gregorian) {
+        state->calendar = std::make_unique<icu::GregorianCalendar>(zone, icu::Locale::getDefault(), status);
+    } else {
+        state->calendar.reset(icu::Calendar::createInstance(zone, icu::Locale::getDefault(), status));
+    }
     state->dayFormat = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(u"yyyy-MM-dd"),
                                                               icu::Locale("en_US_POSIX"), status);
     if (U_FAILURE(status) || !state->calendar || !state->dayFormat) throw std::bad_alloc();
+    state->dayTimeFormat = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(u"yyyy-MM-dd HH:mm"),
+                                                                  icu::Locale("en_US_POSIX"), status);
+    if (U_FAILURE(status) || !state->dayTimeFormat) throw std::bad_alloc();
     state->dayFormat->setCalendar(*state->calendar);
+    state->dayTimeFormat->setCalendar(*state->calendar);
     return state;
 }
 
 }  // namespace
 
-LocalCalendar LocalCalendar::current() {
-    return LocalCalendar{makeState(icu::TimeZone::detectHostTimeZone())};
+LocalCalendar LocalCalendar::current(Kind kind) {
+    return LocalCalendar{makeState(icu::TimeZone::detectHostTimeZone(), kind)};
 }
 
-std::optional<LocalCalendar> LocalCalendar::inTimeZone(std::string_view identifier) {
+std::optional<LocalCalendar> LocalCalendar::inTimeZone(std::string_view identifier, Kind kind) {
     icu::TimeZone* zone = icu::TimeZone::createTimeZone(icu::UnicodeString::fromUTF8({identifier.data(), int32_t(identifier.size())}));
     icu::UnicodeString id;
     if (!zone || zone->getID(id) == icu::UnicodeString(UCAL_UNKNOWN_ZONE_ID)) {
         delete zone;
         return std::nullopt;
     }
-    return LocalCalendar{makeState(zone)};
+    return LocalCalendar{makeState(zone, kind)};
 }
 
 std::string LocalCalendar::timeZoneID() const {
@@ -68,6 +78,14 @@ std::string LocalCalendar::dayKey(Date date) const {
     return text.toUTF8String(key);
 }
 
+std::string LocalCalendar::dayTimeText(Date date) const {
+    std::lock_guard guard{state_->lock};
+    icu::UnicodeString text;
+    state_->dayTimeFormat->format(toUDate(date), text);
+    std::string result;
+    return text.toUTF8String(result);
+}
+
 Date LocalCalendar::startOfDay(Date date) const {
     std::lock_guard guard{state_->lock};
     UErrorCode status = U_ZERO_ERROR;
@@ -79,6 +97,20 @@ Date LocalCalendar::startOfDay(Date date) const {
     calendar.set(UCAL_MILLISECOND, 0);
     // A day whose midnight a clock change skips starts at the first moment that exists.
     return fromUDate(calendar.getTime(status));
+}
+
+std::optional<Date> LocalCalendar::startOfDay(std::string_view dayKey) const {
+    UDate parsed = 0;
+    {
+        std::lock_guard guard{state_->lock};
+        UErrorCode status = U_ZERO_ERROR;
+        parsed = state_->dayFormat->parse(icu::UnicodeString::fromUTF8({dayKey.data(), int32_t(dayKey.size())}), status);
+        if (U_FAILURE(status)) return std::nullopt;
+    }
+    // The format is lenient ("2026-02-30" reads as March 2): only a key that reads back is one.
+    const Date day = startOfDay(fromUDate(parsed));
+    if (this->dayKey(day) != dayKey) return std::nullopt;
+    return day;
 }
 
 Date LocalCalendar::startOfHour(Date date) const {

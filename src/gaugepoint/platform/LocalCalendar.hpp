@@ -14,11 +14,15 @@ namespace gaugepoint {
 
 class LocalCalendar {
 public:
-    // The calendar of the user's locale in the current time zone, as they are at this call.
-    static LocalCalendar current();
+    // The calendar of the user's locale, or the Gregorian calendar whatever the locale (reports
+    // whose keys are Gregorian dates).
+    enum class Kind { locale, gregorian };
+
+    // The calendar in the current time zone, as they are at this call.
+    static LocalCalendar current(Kind kind = Kind::locale);
     // The same calendar in the IANA zone `identifier` ("Europe/Berlin"); none for a zone that
     // the time-zone database does not know.
-    static std::optional<LocalCalendar> inTimeZone(std::string_view identifier);
+    static std::optional<LocalCalendar> inTimeZone(std::string_view identifier, Kind kind = Kind::locale);
 
     // The zone's identifier ("America/New_York", "UTC").
     std::string timeZoneID() const;
@@ -26,8 +30,12 @@ public:
     // The day of `date` as "yyyy-MM-dd" (ASCII digits whatever the locale), so that keys compare
     // as text in date order.
     std::string dayKey(Date date) const;
+    // The day and the wall-clock minute of `date`: "yyyy-MM-dd HH:mm".
+    std::string dayTimeText(Date date) const;
     // The first moment of the day, and of the hour, that holds `date`.
     Date startOfDay(Date date) const;
+    // The first moment of the day whose dayKey() is `dayKey`; none for any other text.
+    std::optional<Date> startOfDay(std::string_view dayKey) const;
     Date startOfHour(Date date) const;
     // `date` moved by whole calendar days, keeping its wall-clock time where the day has it.
     Date addingDays(Date date, int days) const;

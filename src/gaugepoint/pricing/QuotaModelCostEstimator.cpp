@@ -165,6 +165,19 @@ double estimatedBaselineCostWithoutCacheUSD(const QuotaSessionAggregateSnapshot&
     return estimatedBaselineCostWithoutCacheUSD(aggregate.modelUsage, aggregate.tokenUsage);
 }
 
+QuotaUsageCostMetrics costMetrics(const std::vector<QuotaSessionModelUsageSummary>& models,
+                                  const QuotaSessionTokenUsage& total) {
+    return metrics(models, total);
+}
+
+std::int64_t unpricedTokens(const std::vector<QuotaSessionModelUsageSummary>& models) {
+    std::int64_t tokens = 0;
+    for (const auto& entry : models) {
+        if (!hasExactCost(entry.tokenUsage) && !pricedModel(entry)) tokens = checkedAdd(tokens, entry.tokenUsage.totalTokens());
+    }
+    return tokens;
+}
+
 QuotaUsageCostMetrics costMetrics(const QuotaSessionDescriptor& descriptor) {
     return metrics(descriptor.topModels, descriptor.tokenUsage);
 }

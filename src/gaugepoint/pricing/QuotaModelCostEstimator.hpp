@@ -53,8 +53,14 @@ double estimatedBaselineCostWithoutCacheUSD(const QuotaSessionDescriptor& descri
 double estimatedBaselineCostWithoutCacheUSD(const QuotaSessionAggregateSnapshot& aggregate);
 
 // Baseline, savings (never negative) and how the cost was arrived at.
+QuotaUsageCostMetrics costMetrics(const std::vector<QuotaSessionModelUsageSummary>& models,
+                                  const QuotaSessionTokenUsage& total);
 QuotaUsageCostMetrics costMetrics(const QuotaSessionDescriptor& descriptor);
 QuotaUsageCostMetrics costMetrics(const QuotaSessionAggregateSnapshot& aggregate);
+
+// The tokens of the per-model usages that neither report a cost nor have a catalogue price:
+// what a cost from resolvedCostUSD() leaves out.
+std::int64_t unpricedTokens(const std::vector<QuotaSessionModelUsageSummary>& models);
 
 // The largest of: the session's reported cost when plausible, its resolved cost, the family
 // prices of its per-model usages, and the family price of its total under its provider's

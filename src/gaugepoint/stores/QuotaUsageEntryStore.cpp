@@ -74,6 +74,59 @@ constexpr const char* kSchema =
     "    limits_json TEXT NOT NULL\n"
     ");";
 
+// Counted usage summed per quarter hour (seconds since 1970 / 900, floored), provider, model and
+// whether the log reported a cost. Triggers note the quarters whose counted rows change;
+// refreshUsageQuarters() sums those again. Until then readers sum a noted quarter from the rows.
+#define GP_QUARTER(row) \
+    "(CAST(" row "timestamp / 900 AS INTEGER) - (CAST(" row "timestamp / 900 AS INTEGER) * 900 > " row "timestamp))"
+constexpr const char* kQuarterSchema =
+    "CREATE TABLE IF NOT EXISTS usage_dirty_quarters (quarter INTEGER PRIMARY KEY);\n"
+    "CREATE TABLE IF NOT EXISTS usage_quarters (\n"
+    "    quarter INTEGER NOT NULL,\n"
+    "    provider_id TEXT NOT NULL,\n"
+    "    model TEXT NOT NULL,\n"
+    "    reported INTEGER NOT NULL,\n"
+    "    entries INTEGER NOT NULL,\n"
+    "    input_tokens INTEGER NOT NULL,\n"
+    "    output_tokens INTEGER NOT NULL,\n"
+    "    cache_read_tokens INTEGER NOT NULL,\n"
+    "    cache_write_tokens INTEGER NOT NULL,\n"
+    "    cost_usd REAL,\n"
+    "    PRIMARY KEY (quarter, provider_id, model, reported)\n"
+    ") WITHOUT ROWID;\n"
+    "CREATE TRIGGER IF NOT EXISTS usage_entries_counted_insert AFTER INSERT ON usage_entries\n"
+    "WHEN NEW.counted = 1 BEGIN\n"
+    "    INSERT OR IGNORE INTO usage_dirty_quarters (quarter) VALUES (" GP_QUARTER("NEW.") ");\n"
+    "END;\n"
+    "CREATE TRIGGER IF NOT EXISTS usage_entries_counted_update AFTER UPDATE ON usage_entries\n"
+    "WHEN OLD.counted = 1 OR NEW.counted = 1 BEGIN\n"
+    "    INSERT OR IGNORE INTO usage_dirty_quarters (quarter) VALUES (" GP_QUARTER("OLD.") ");\n"
+    "    INSERT OR IGNORE INTO usage_dirty_quarters (quarter) VALUES (" GP_QUARTER("NEW.") ");\n"
+    "END;\n"
+    "CREATE TRIGGER IF NOT EXISTS usage_entries_counted_delete AFTER DELETE ON usage_entries\n"
+    "WHEN OLD.counted = 1 BEGIN\n"
+    "    INSERT OR IGNORE INTO usage_dirty_quarters (quarter) VALUES (" GP_QUARTER("OLD.") ");\n"
+    "END;";
+// Rows written before the quarter sums existed.
+constexpr const char* kNoteAllQuarters =
+    "INSERT OR IGNORE INTO usage_dirty_quarters (quarter)\n"
+    "SELECT DISTINCT " GP_QUARTER("") " FROM usage_entries WHERE counted = 1";
+#undef GP_QUARTER
+
+// The sums of the noted quarters, from the rows (through the time index, one quarter at a time).
+constexpr const char* kDirtyQuarterSums =
+    "SELECT d.quarter, u.provider_id, u.model, IFNULL(u.cost_usd, 0) > 0 AS reported, COUNT(*),\n"
+    "       SUM(u.input_tokens), SUM(u.output_tokens), SUM(u.cache_read_tokens), SUM(u.cache_write_tokens),\n"
+    "       SUM(u.cost_usd)\n"
+    "FROM usage_dirty_quarters d\n"
+    "JOIN usage_entries u ON u.counted = 1 AND u.timestamp >= d.quarter * 900 AND u.timestamp < d.quarter * 900 + 900\n";
+constexpr const char* kRefreshQuarters =
+    "DELETE FROM usage_quarters WHERE quarter IN (SELECT quarter FROM usage_dirty_quarters)";
+constexpr const char* kStoredQuarterSums =
+    "SELECT quarter, provider_id, model, reported, entries, input_tokens, output_tokens, cache_read_tokens,\n"
+    "       cache_write_tokens, cost_usd\n"
+    "FROM usage_quarters WHERE quarter NOT IN (SELECT quarter FROM usage_dirty_quarters)";
+
 constexpr const char* kFindFile =
     "SELECT file_key FROM import_files WHERE path = ? AND source_id = ? AND provider_id = ? AND capture_mode = ?";
 constexpr const char* kAddFile =
@@ -253,6 +306,32 @@ std::vector<QuotaUsageEntry> readEntries(sqlite::Statement& select) {
 
 void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
     connection.exec(kSchema, "ensure import tables");
+    bool hadQuarters = false;
+    {
+        sqlite::Statement exists{connection, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'usage_quarters'",
+                                 "prepare usage quarters", "execute usage quarters"};
+        hadQuarters = exists.step();
+    }
+    connection.exec(kQuarterSchema, "ensure usage quarters");
+    if (!hadQuarters) connection.exec(kNoteAllQuarters, "ensure usage quarters");
+}
+
+void QuotaUsageEntryStore::refreshUsageQuarters() const {
+    bool dirty = false;  // a scan that changed nothing writes nothing
+    registry_.withConnection([&](sqlite::Connection& connection) {
+        sqlite::Statement any{connection, "SELECT 1 FROM usage_dirty_quarters LIMIT 1", "prepare usage quarters",
+                              "execute usage quarters"};
+        dirty = any.step();
+    });
+    if (!dirty) return;
+    registry_.inTransaction("refresh usage quarters", [](sqlite::Connection& connection) {
+        connection.exec(kRefreshQuarters, "refresh usage quarters");
+        const std::string insert = std::string("INSERT INTO usage_quarters\n") + kDirtyQuarterSums +
+                                   "GROUP BY d.quarter, u.provider_id, u.model, reported";
+        connection.exec(insert.c_str(), "refresh usage quarters");
+        connection.exec("DELETE FROM usage_dirty_quarters", "refresh usage quarters");
+        return true;
+    });
 }
 
 std::int64_t QuotaUsageEntryStore::fileKey(sqlite::Connection& connection, const QuotaSessionFileRegistryEntry& entry) {
@@ -496,6 +575,73 @@ std::vector<QuotaUsageEntry> QuotaUsageEntryStore::countedEntries(const std::opt
         entries = readEntries(select);
     });
     return entries;
+}
+
+namespace {
+
+// Columns `first`...`first` + 6 of a grouped row: reported (0/1), entries, the four sums, the sum
+// of the reported costs.
+QuotaSessionTokenUsage groupTokens(const sqlite::Statement& row, int first) {
+    QuotaSessionTokenUsage tokens{row.integer(first + 2), row.integer(first + 3), row.integer(first + 4),
+                                  row.integer(first + 5), std::nullopt};
+    if (row.integer(first) != 0) tokens.exactCostUSD = row.real(first + 6);
+    return tokens;
+}
+
+constexpr const char* kGroupedColumns =
+    "IFNULL(cost_usd, 0) > 0 AS reported, COUNT(*), SUM(input_tokens), SUM(output_tokens), SUM(cache_read_tokens),\n"
+    "       SUM(cache_write_tokens), SUM(cost_usd)";
+
+}  // namespace
+
+std::vector<QuotaUsageEntryStore::UsageBucket> QuotaUsageEntryStore::usageBuckets(const std::optional<std::string>& providerID,
+                                                                                 std::optional<Date> since,
+                                                                                 std::optional<Date> until) const {
+    // Stored sums of the quarters no write has touched since they were summed, and live sums of
+    // the others; the same filter on both halves.
+    std::string filter;
+    if (providerID) filter += " AND provider_id = :provider";
+    if (since) filter += " AND quarter * 900 >= :since";
+    if (until) filter += " AND quarter * 900 < :until";
+    const std::string sql = std::string("SELECT * FROM (\n") + kStoredQuarterSums + "\nUNION ALL\n" + kDirtyQuarterSums +
+                            "GROUP BY d.quarter, u.provider_id, u.model, reported\n) WHERE 1" + filter + "\nORDER BY quarter";
+    std::vector<UsageBucket> buckets;
+    registry_.withConnection([&](sqlite::Connection& connection) {
+        sqlite::Statement select{connection, sql.c_str(), "prepare usage buckets", "execute usage buckets"};
+        if (providerID) select.bind(select.parameterIndex(":provider"), *providerID);
+        if (since) select.bind(select.parameterIndex(":since"), secondsSince1970(*since));
+        if (until) select.bind(select.parameterIndex(":until"), secondsSince1970(*until));
+        while (select.step()) {
+            buckets.push_back({select.integer(0), std::string(select.text(1).value_or("")),
+                               std::string(select.text(2).value_or("")), select.integer(4), groupTokens(select, 3)});
+        }
+    });
+    return buckets;
+}
+
+std::vector<QuotaUsageEntryStore::SessionModelUsage> QuotaUsageEntryStore::sessionModelUsage(
+    const std::optional<std::string>& providerID, std::optional<Date> since, std::optional<Date> until) const {
+    std::string sql = std::string("SELECT u.provider_id, u.session_id, u.model, MAX(u.timestamp),\n       ") +
+                      kGroupedColumns + ", s.project_path\nFROM usage_entries u\n" +
+                      "LEFT JOIN import_sessions s ON s.provider_id = u.provider_id AND s.session_id = u.session_id\n" +
+                      "WHERE u.counted = 1";
+    if (providerID) sql += " AND u.provider_id = :provider";
+    if (since) sql += " AND u.timestamp >= :since";
+    if (until) sql += " AND u.timestamp < :until";
+    sql += "\nGROUP BY u.provider_id, u.session_id, u.model, reported";
+    std::vector<SessionModelUsage> rows;
+    registry_.withConnection([&](sqlite::Connection& connection) {
+        sqlite::Statement select{connection, sql.c_str(), "prepare session usage", "execute session usage"};
+        if (providerID) select.bind(select.parameterIndex(":provider"), *providerID);
+        if (since) select.bind(select.parameterIndex(":since"), secondsSince1970(*since));
+        if (until) select.bind(select.parameterIndex(":until"), secondsSince1970(*until));
+        while (select.step()) {
+            rows.push_back({{std::string(select.text(0).value_or("")), std::string(select.text(1).value_or(""))},
+                            std::string(select.text(2).value_or("")), select.integer(5), groupTokens(select, 4),
+                            dateFromSeconds(select.real(3)), sqlite::optionalText(select, 11)});
+        }
+    });
+    return rows;
 }
 
 std::optional<QuotaObservedRateLimits> QuotaUsageEntryStore::latestRateLimits(std::string_view providerID) const {

@@ -83,6 +83,41 @@ public:
                                                 std::optional<Date> until = std::nullopt) const;
     std::optional<QuotaObservedRateLimits> latestRateLimits(std::string_view providerID) const;
 
+    // Sums again the quarter hours whose counted entries changed (a scan ends with it).
+    void refreshUsageQuarters() const;
+
+    // Counted usage summed per quarter hour (UTC), provider, model and whether the log reported
+    // a cost; `tokens.exactCostUSD` is the sum of the reported costs in that last case. Every
+    // time zone's day starts on a quarter hour, so these sums group exactly into the days, weeks
+    // and months of any zone without reading each entry. Ordered by quarter; a quarter is
+    // included when it starts within [since, until). The sums are kept up to date by
+    // refreshUsageQuarters(); quarters that changed since are summed from the entries, so the
+    // result is always exact.
+    struct UsageBucket {
+        std::int64_t quarterHour = 0;  // seconds since 1970 / 900, floored
+        std::string providerID;
+        std::string model;
+        std::int64_t entries = 0;
+        QuotaSessionTokenUsage tokens;
+    };
+    std::vector<UsageBucket> usageBuckets(const std::optional<std::string>& providerID = std::nullopt,
+                                          std::optional<Date> since = std::nullopt,
+                                          std::optional<Date> until = std::nullopt) const;
+
+    // Counted usage per session and model (with a reported cost apart, as above), with the
+    // session's last entry time and project.
+    struct SessionModelUsage {
+        SessionKey session;
+        std::string model;
+        std::int64_t entries = 0;
+        QuotaSessionTokenUsage tokens;
+        Date lastActivity;
+        std::optional<std::string> projectPath;
+    };
+    std::vector<SessionModelUsage> sessionModelUsage(const std::optional<std::string>& providerID = std::nullopt,
+                                                     std::optional<Date> since = std::nullopt,
+                                                     std::optional<Date> until = std::nullopt) const;
+
     const QuotaSessionFileRegistry& registry() const { return registry_; }
 
 private:

@@ -68,6 +68,8 @@ Statement& Statement::bindNull(int index) {
     return *this;
 }
 
+int Statement::parameterIndex(const char* name) const { return sqlite3_bind_parameter_index(statement_, name); }
+
 Statement& Statement::bind(int index, double value) {
     if (sqlite3_bind_double(statement_, index, value) != SQLITE_OK) connection_.fail(executeLabel_);
     return *this;

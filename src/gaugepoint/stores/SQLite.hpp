@@ -73,6 +73,8 @@ public:
     // Binds without a copy: `bytes` must stay valid until the statement is reset or finalized.
     Statement& bindBlobInPlace(int index, std::span<const std::uint8_t> bytes);
     Statement& bindNull(int index);
+    // The index of the parameter named `name` (":since"), 0 when the statement has none.
+    int parameterIndex(const char* name) const;
 
     // Advances: true when a row is ready, false when done. Throws Failure(executeLabel).
     bool step();

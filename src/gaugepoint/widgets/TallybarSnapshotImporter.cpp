@@ -3,6 +3,7 @@
 #include <array>
 #include <thread>
 
+#include "gaugepoint/model/QuotaWindowSlots.hpp"
 #include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/widgets/PathProvider.hpp"
 #include "gaugepoint/widgets/QuotaProductCatalog.hpp"
@@ -13,65 +14,8 @@ namespace {
 using tallybar::RawProvider;
 using tallybar::RawWindow;
 
-// How the sibling's three window slots read for one provider. The sibling means primary as the
-// short rolling window, secondary as the longer cycle and tertiary as a further limit; some
-// providers use the slots for request categories or credit pools instead.
-struct SlotMeaning {
-    std::array<std::string_view, 3> labels;
-    std::optional<QuotaWindowSemantic> semantic;  // none: decided by the window's length
-};
-
-constexpr SlotMeaning kTimeWindows{{"Session", "Weekly", "Additional"}, std::nullopt};
-
-SlotMeaning slotMeaning(std::string_view id) {
-    if (id == "copilot") return {{"Premium requests", "Chat", "Completions"}, QuotaWindowSemantic::usageCategory};
-    if (id == "warp") return {{"Requests", "Bonus requests", "Voice"}, QuotaWindowSemantic::usageCategory};
-    if (id == "kiro") return {{"Vibe requests", "Planned-task requests", "Bonus credits"}, QuotaWindowSemantic::usageCategory};
-    if (id == "kilo") return {{"Credits", "Bonus credits", "Team credits"}, QuotaWindowSemantic::creditsBalance};
-    if (id == "cursor") return {{"Plan", "On-demand", "Additional"}, std::nullopt};
-    return kTimeWindows;
-}
-
-QuotaProviderStrategy strategyFor(std::string_view id, std::size_t windowCount, bool hasCredits) {
-    const auto byCount = [windowCount](QuotaProviderStrategy several) {
-        if (windowCount >= 2) return several;
-        return windowCount == 1 ? QuotaProviderStrategy::singleWindow : QuotaProviderStrategy::creditsOnly;
-    };
-    if (id == "codex" || id == "claude" || id == "claude-code" || id == "claude_code") {
-        return byCount(QuotaProviderStrategy::multiWindow);
-    }
-    if (id == "openrouter") return QuotaProviderStrategy::creditsOnly;
-    if (id == "cursor") return byCount(QuotaProviderStrategy::multiCategory);
-    if (id == "antigravity" || id == "gemini") return byCount(QuotaProviderStrategy::multiModel);
-    if (windowCount == 0 && !hasCredits) return QuotaProviderStrategy::unknown;
-    return byCount(QuotaProviderStrategy::multiWindow);
-}
-
-// Up to six hours counts as a rolling session; longer or unknown lengths as a fixed cycle.
-QuotaWindowSemantic timeSemantic(const RawWindow& raw) {
-    return raw.windowMinutes && *raw.windowMinutes < 361 ? QuotaWindowSemantic::rollingSession
-                                                         : QuotaWindowSemantic::fixedCycle;
-}
-
-QuotaWindow windowFrom(const RawWindow& raw, std::size_t slot, const SlotMeaning& meaning, bool perModel) {
-    static constexpr std::array<std::string_view, 3> kIDs{"primary", "secondary", "tertiary"};
-    QuotaWindow window;
-    window.id = kIDs[slot];
-    window.usedPercent = raw.usedPercent;
-    window.resetsAt = raw.resetsAt;
-    window.windowMinutes = raw.windowMinutes;
-    window.sourceDescription = raw.resetDescription;
-    window.importance = std::int64_t(slot);
-    window.modelSlug = raw.modelSlug;
-    window.semantic = perModel ? QuotaWindowSemantic::perModel : meaning.semantic.value_or(timeSemantic(raw));
-    if (raw.label && !trimmed(*raw.label).empty()) {
-        window.label = *raw.label;
-    } else if (perModel && raw.modelSlug && !raw.modelSlug->empty()) {
-        window.label = *raw.modelSlug;
-    } else {
-        window.label = meaning.labels[slot];
-    }
-    return window;
+QuotaSlotWindow slotFrom(const RawWindow& raw) {
+    return {raw.usedPercent, raw.resetsAt, raw.windowMinutes, raw.label, raw.modelSlug, raw.resetDescription};
 }
 
 ProviderQuota providerFrom(const RawProvider& raw) {
@@ -83,17 +27,12 @@ ProviderQuota providerFrom(const RawProvider& raw) {
     provider.updatedAt = raw.updatedAt;
     provider.creditsRemaining = raw.creditsRemaining;
 
-    const std::array<const std::optional<RawWindow>*, 3> slots{&raw.primary, &raw.secondary, &raw.tertiary};
-    std::size_t present = 0;
-    for (const auto* slot : slots) present += slot->has_value() ? 1 : 0;
-    provider.quotaStrategy = strategyFor(provider.id, present, raw.creditsRemaining.has_value());
-
-    const SlotMeaning meaning = slotMeaning(provider.id);
-    const bool perModel = provider.quotaStrategy == QuotaProviderStrategy::multiModel;
-    for (std::size_t i = 0; i < slots.size(); ++i) {
-        if (*slots[i]) provider.windows.push_back(windowFrom(**slots[i], i, meaning, perModel));
+    std::array<std::optional<QuotaSlotWindow>, 3> slots;
+    const std::array<const std::optional<RawWindow>*, 3> raws{&raw.primary, &raw.secondary, &raw.tertiary};
+    for (std::size_t i = 0; i < raws.size(); ++i) {
+        if (*raws[i]) slots[i] = slotFrom(**raws[i]);
     }
-    provider.windows = sortedByImportance(std::move(provider.windows));
+    applyWindowSlots(provider, slots);
 
     if (raw.tokenUsage) {
         const auto& usage = *raw.tokenUsage;
