@@ -112,6 +112,17 @@ std::string groupedInteger(std::int64_t value) {
     return digits;
 }
 
+namespace {
+
+// "$1,234.56" from the digits of the magnitude ("1234.56") and the sign.
+std::string dollarsWithSeparators(std::string digits, bool negative) {
+    const std::size_t point = digits.find('.');
+    for (std::size_t i = point == std::string::npos ? digits.size() : point; i > 3; i -= 3) digits.insert(i - 3, ",");
+    return (negative ? "-$" : "$") + digits;
+}
+
+}  // namespace
+
 std::string usdText(double value) {
     const double magnitude = std::fabs(value);
     char buffer[64];
@@ -120,13 +131,16 @@ std::string usdText(double value) {
     if (magnitude < 1 && magnitude != 0) {
         while (digits.back() == '0' && digits.size() > digits.find('.') + 3) digits.pop_back();
     }
-    // Thousands separators in the whole part.
-    const std::size_t point = digits.find('.');
-    for (std::size_t i = point; i > 3; i -= 3) digits.insert(i - 3, ",");
-    return (value < 0 ? "-$" : "$") + digits;
+    return dollarsWithSeparators(digits, value < 0);
 }
 
-std::string alignedRows(const std::vector<std::vector<std::string>>& rows) {
+std::string usdCentsText(double value) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%.2f", std::fabs(value));
+    return dollarsWithSeparators(buffer, value <= -0.005);
+}
+
+std::string alignedRows(const std::vector<std::vector<std::string>>& rows, const std::vector<bool>& rightAligned) {
     std::vector<std::size_t> widths;
     for (const auto& row : rows) {
         widths.resize(std::max(widths.size(), row.size()));
@@ -136,8 +150,12 @@ std::string alignedRows(const std::vector<std::vector<std::string>>& rows) {
     for (const auto& row : rows) {
         std::string line;
         for (std::size_t i = 0; i < row.size(); ++i) {
+            const std::size_t fill = widths[i] - displayWidth(row[i]);
+            const bool right = i < rightAligned.size() && rightAligned[i];
+            if (right) line.append(fill, ' ');
             line += row[i];
-            if (i + 1 < row.size()) line.append(widths[i] - displayWidth(row[i]) + 2, ' ');
+            if (!right && i + 1 < row.size()) line.append(fill, ' ');
+            if (i + 1 < row.size()) line += "  ";
         }
         while (!line.empty() && line.back() == ' ') line.pop_back();  // an empty last cell leaves no blanks
         text += line + "\n";

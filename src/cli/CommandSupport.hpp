@@ -152,8 +152,12 @@ std::vector<std::string> enumerationNames() {
 // ("$0.0042"), so a cost of a few tokens does not read as zero; "-$0.50" below zero.
 std::string usdText(double value);
 
-// Rows of cells as aligned text, columns separated by two blanks.
-std::string alignedRows(const std::vector<std::vector<std::string>>& rows);
+// US dollars to the cent, for tables: "$1,234.56", "$0.00".
+std::string usdCentsText(double value);
+
+// Rows of cells as aligned text, columns separated by two blanks; the columns marked in
+// `rightAligned` (numbers) are aligned on the right.
+std::string alignedRows(const std::vector<std::vector<std::string>>& rows, const std::vector<bool>& rightAligned = {});
 
 // Runs `work`; an allocation failure inside becomes Error("out of memory while <doing>").
 template <class Work>

@@ -20,5 +20,6 @@ void registerRegistryCommand(CLI::App& root, GlobalOptions& globals);
 void registerInboxCommand(CLI::App& root, GlobalOptions& globals);
 void registerSyncCommand(CLI::App& root, GlobalOptions& globals);
 void registerScanCommand(CLI::App& root, GlobalOptions& globals);
+void registerReportCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

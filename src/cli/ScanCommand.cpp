@@ -6,14 +6,16 @@
 #include <cstdio>
 
 #include "Commands.hpp"
-#include "gaugepoint/importers/QuotaLogScanner.hpp"
+#include "LogScan.hpp"
+#include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
 
 namespace gaugepoint::cli {
 namespace {
 
 struct ScanCommandOptions {
-    std::vector<std::string> claudeDirs, codexDirs, geminiDirs;
+    LogHomesOptions homes;
     std::string capture = "metadataOnly";
+    std::optional<std::int64_t> claudeBlockLimit;
     bool quiet = false;
     bool verbose = false;
 };
@@ -57,17 +59,16 @@ std::string summaryLine(const QuotaScanSummary& s) {
 void scan(const ScanCommandOptions& options, const GlobalOptions& globals) {
     QuotaScanOptions scanOptions;
     scanOptions.capture = parseEnumeration<QuotaSessionContentCaptureMode>(options.capture, "--capture");
-    const auto homes = [&](const char* provider, const std::vector<std::string>& dirs) {
-        if (!dirs.empty()) scanOptions.homes[provider] = {dirs.begin(), dirs.end()};
-    };
-    homes("claude", options.claudeDirs);
-    homes("codex", options.codexDirs);
-    homes("gemini", options.geminiDirs);
+    options.homes.applyTo(scanOptions);
+    if (options.claudeBlockLimit) {
+        LocalQuotaSnapshot::setClaudeBlockTokenLimit(*resolveConfiguration(globals).userDefaults,
+                                                     *options.claudeBlockLimit);
+    }
     ProgressLine progress;
     if (!options.quiet && !globals.json) {
         scanOptions.progress = [&](std::int64_t done, std::int64_t total, std::int64_t bytes) { progress.update(done, total, bytes); };
     }
-    const QuotaScanSummary summary = QuotaLogScanner{resolveConfiguration(globals)}.scan(scanOptions);
+    const QuotaScanSummary summary = scanAndPublish(scanOptions, globals);
     if (globals.json) return printJson(summary);
     if (options.quiet) return;
     std::string text = summaryLine(summary) + "\n";
@@ -81,22 +82,49 @@ void scan(const ScanCommandOptions& options, const GlobalOptions& globals) {
 
 }  // namespace
 
+void LogHomesOptions::addOptions(CLI::App& command) {
+    command.add_option("--claude-dir", claudeDirs, "A Claude Code home (repeatable; default $CLAUDE_CONFIG_DIR, "
+                                                   "else ~/.config/claude and ~/.claude)")
+        ->option_text("DIR");
+    command.add_option("--codex-dir", codexDirs, "A Codex CLI home (repeatable; default $CODEX_HOME, else ~/.codex)")
+        ->option_text("DIR");
+    command.add_option("--gemini-dir", geminiDirs,
+                       "A Gemini CLI home (repeatable; default $GEMINI_CLI_HOME/.gemini, else ~/.gemini)")
+        ->option_text("DIR");
+}
+
+void LogHomesOptions::applyTo(QuotaScanOptions& options) const {
+    const auto homes = [&](const char* provider, const std::vector<std::string>& dirs) {
+        if (!dirs.empty()) options.homes[provider] = {dirs.begin(), dirs.end()};
+    };
+    homes("claude", claudeDirs);
+    homes("codex", codexDirs);
+    homes("gemini", geminiDirs);
+}
+
+QuotaScanSummary scanAndPublish(const QuotaScanOptions& options, const GlobalOptions& globals) {
+    const QuotaSyncConfiguration configuration = resolveConfiguration(globals);
+    const QuotaScanSummary summary = QuotaLogScanner{configuration}.scan(options);
+    const auto snapshot = LocalQuotaSnapshot::make(configuration, resolveNow(globals),
+                                                   LocalCalendar::current(LocalCalendar::Kind::gregorian));
+    LocalQuotaSnapshot::publish(snapshot, configuration);
+    return summary;
+}
+
 void registerScanCommand(CLI::App& root, GlobalOptions& globals) {
     auto options = std::make_shared<ScanCommandOptions>();
     CLI::App* command = addGroup(root, "scan", "Import the local logs of Claude Code, Codex CLI and Gemini CLI");
-    command->add_option("--claude-dir", options->claudeDirs, "A Claude Code home (repeatable; default $CLAUDE_CONFIG_DIR, "
-                                                            "else ~/.config/claude and ~/.claude)")
-        ->option_text("DIR");
-    command->add_option("--codex-dir", options->codexDirs, "A Codex CLI home (repeatable; default $CODEX_HOME, else ~/.codex)")
-        ->option_text("DIR");
-    command->add_option("--gemini-dir", options->geminiDirs,
-                        "A Gemini CLI home (repeatable; default $GEMINI_CLI_HOME/.gemini, else ~/.gemini)")
-        ->option_text("DIR");
+    options->homes.addOptions(*command);
     command->add_option("--capture", options->capture,
                         "How much message text to keep: metadataOnly (default: none), promptsOnly, promptsAndAnswers, "
                         "fullTranscript")
         ->option_text("MODE")
         ->check(CLI::IsMember(enumerationNames<QuotaSessionContentCaptureMode>()));
+    command->add_option("--claude-block-limit", options->claudeBlockLimit,
+                        "Tokens of a Claude five-hour block that count as 100 %: the widget then shows the active "
+                        "block as a window (kept for later scans; 0 removes it)")
+        ->option_text("N")
+        ->check(CLI::NonNegativeNumber);
     command->add_flag("--quiet", options->quiet, "Print nothing unless the scan fails");
     command->add_flag("--verbose", options->verbose, "Name every skipped line and file");
     command->callback([options, &globals] { scan(*options, globals); });

@@ -38,6 +38,8 @@ void printWidget(const QuotaSnapshot& snapshot, std::string_view format, const G
         printJson(view);
     } else if (format == "waybar") {
         writeOutput("-", QuotaWidgetText::waybarJSON(QuotaWidgetText::waybarModule(view)) + "\n");
+    } else if (format == "line") {
+        writeOutput("-", QuotaWidgetText::statusLine(view) + "\n");
     } else {
         writeOutput("-", QuotaWidgetText::providerLines(view));
     }

@@ -34,7 +34,7 @@ struct SnapshotInput {
     QuotaSnapshot read(std::string_view commandName) const;
 };
 
-// Prints `snapshot` as widget texts: "text" (aligned lines), "json" or "waybar".
+// Prints `snapshot` as widget texts: "text" (aligned lines), "json", "waybar" or "line".
 void printWidget(const QuotaSnapshot& snapshot, std::string_view format, const GlobalOptions& globals);
 
 // One line naming each provider with what is left of its top window: "Claude 58% · Codex 88%".

@@ -1,8 +1,10 @@
 // gaugepoint widget: the quota of every provider as widget texts, from the sibling app's
-// snapshot file or from the newest snapshot in the source snapshot store.
+// snapshot file, this machine's own snapshot (made by `gaugepoint scan`), or the newest
+// snapshot in the source snapshot store.
 
 #include "Commands.hpp"
 #include "SnapshotOutput.hpp"
+#include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
 #include "gaugepoint/stores/QuotaSourceSnapshotStore.hpp"
 #include "gaugepoint/widgets/TallybarSnapshotImporter.hpp"
 
@@ -29,11 +31,21 @@ QuotaSnapshot storedSnapshot(const WidgetOptions& options, const GlobalOptions& 
     throw Error("no stored source snapshots in " + store.databaseURL().string());
 }
 
+// The sibling app's file when it is there, else this machine's own snapshot.
+QuotaSnapshot defaultSnapshot(const GlobalOptions& globals) {
+    const auto sibling = TallybarSnapshotImporter::defaultSourceURL();
+    std::error_code error;
+    if (std::filesystem::exists(sibling, error)) return readSiblingSnapshot(sibling.string());
+    if (auto own = LocalQuotaSnapshot::latest(resolveConfiguration(globals))) return std::move(*own);
+    throw Error("no quota snapshot yet: run `gaugepoint scan` to make one from the logs of the coding tools");
+}
+
 void run(const WidgetOptions& options, const GlobalOptions& globals) {
     resolveNow(globals);  // a malformed --now is a usage error before any file is touched
     if (!options.sourceID.empty() && !options.fromSources) throw UsageError("--source needs --from-sources");
-    const QuotaSnapshot snapshot =
-        options.fromSources ? storedSnapshot(options, globals) : readSiblingSnapshot(options.snapshotPath);
+    const QuotaSnapshot snapshot = options.fromSources          ? storedSnapshot(options, globals)
+                                   : options.snapshotPath.empty() ? defaultSnapshot(globals)
+                                                                  : readSiblingSnapshot(options.snapshotPath);
     printWidget(snapshot, globals.json ? "json" : options.format, globals);
 }
 
@@ -44,14 +56,17 @@ void registerWidgetCommand(CLI::App& root, GlobalOptions& globals) {
     CLI::App* widget = addGroup(root, "widget", "Show every provider's quota as widget texts");
     auto* snapshot = widget->add_option("--snapshot", options->snapshotPath,
                                         "The sibling app's widget snapshot file (default: " +
-                                            TallybarSnapshotImporter::defaultSourceURL().string() + ")")
+                                            TallybarSnapshotImporter::defaultSourceURL().string() +
+                                            " when it exists, else this machine's snapshot from `gaugepoint scan`)")
                          ->option_text("FILE");
     widget->add_flag("--from-sources", options->fromSources, "Use the newest snapshot in the source snapshot store")
         ->excludes(snapshot);
     widget->add_option("--source", options->sourceID, "With --from-sources: that source's snapshot (record or source id)")
         ->option_text("ID");
-    widget->add_option("--format", options->format, "text (aligned lines), json, or waybar (a status-bar module)")
-        ->check(CLI::IsMember({"text", "json", "waybar"}))
+    widget->add_option("--format", options->format,
+                       "text (aligned lines), json, waybar (a status-bar module) or line (one short line for tmux, "
+                       "i3blocks, Polybar)")
+        ->check(CLI::IsMember({"text", "json", "waybar", "line"}))
         ->option_text("FORMAT");
     widget->callback([options, &globals] { run(*options, globals); });
 }

@@ -53,6 +53,7 @@ int main(int argc, char** argv) {
     registerInboxCommand(root, globals);
     registerSyncCommand(root, globals);
     registerScanCommand(root, globals);
+    registerReportCommand(root, globals);
 
     try {
         root.parse(argc, argv);

@@ -146,8 +146,8 @@ TEST(Waybar, TooltipListsEveryProviderAndTheJsonIsOneLine) {
     EXPECT_EQ(module.text, "Claude 1w 36.5%");
     EXPECT_EQ(module.percentage, 37);
     EXPECT_EQ(module.tooltip,
-              "Claude 5h 58% left · refresh in 2h\nCodex 5h 88% left · refresh in 4h · Credits 120\n"
-              "OpenRouter Balance $18.42");
+              "Claude 5h 58% left · refresh in 2h\n  1w 36.5% left · refresh in 3d\n"
+              "Codex 5h 88% left · refresh in 4h · Credits 120\nOpenRouter Balance $18.42");
     const std::string line = QuotaWidgetText::waybarJSON(module);
     EXPECT_EQ(line.find('\n'), std::string::npos);
     EXPECT_EQ(json::parse(line).at("class").as_string(), "ok");

@@ -29,6 +29,8 @@ struct QuotaSyncConfiguration {
     // This machine as a publishing source; absent: see localSourceID() and localSourceName().
     std::optional<std::string> sourceID;
     std::optional<std::string> sourceName;
+    // How long the snapshot history keeps what this machine publishes, in days.
+    double historyRetentionDays = 30;
 
     // The configuration of this user: defaults in FileUserDefaults::standardLocation(), the
     // ubiquity directory from GAUGEPOINT_UBIQUITY_DIR, the system clock.

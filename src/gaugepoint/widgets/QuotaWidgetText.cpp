@@ -22,11 +22,11 @@ std::string remainingPhrase(const QuotaWidgetWindowView& window, std::string_vie
     return isChineseLanguage(language) ? "剩余 " + window.remainingText : window.remainingText + " left";
 }
 
-// The money or credit text of a provider, or its status when it has nothing else to show.
+// The money or credit text of a provider, or, when it has no window, its usage or its status.
 std::optional<std::string> extraText(const QuotaWidgetProviderView& provider, bool hasWindow) {
     if (provider.balanceText) return provider.balanceText;
     if (provider.creditsText) return provider.creditsText;
-    if (!hasWindow) return provider.status;
+    if (!hasWindow) return provider.usageText ? provider.usageText : provider.status;
     return std::nullopt;
 }
 
@@ -95,7 +95,10 @@ std::string providerLines(const QuotaWidgetView& view, bool aligned) {
     return text;
 }
 
-WaybarModule waybarModule(const QuotaWidgetView& view) {
+namespace {
+
+// The window with the least left of any provider, and its provider; nulls when none has one.
+std::pair<const QuotaWidgetProviderView*, const QuotaWidgetWindowView*> tightest(const QuotaWidgetView& view) {
     const QuotaWidgetProviderView* tightestProvider = nullptr;
     const QuotaWidgetWindowView* tightestWindow = nullptr;
     for (const auto& provider : view.providers) {
@@ -106,18 +109,50 @@ WaybarModule waybarModule(const QuotaWidgetView& view) {
             }
         }
     }
+    return {tightestProvider, tightestWindow};
+}
+
+// The first provider's money, credits or status, for views without any window.
+std::string withoutWindowText(const QuotaWidgetView& view) {
+    if (view.providers.empty()) return "-";
+    const auto& first = view.providers.front();
+    return singleLine(first.displayName + " " + extraText(first, false).value_or("-"));
+}
+
+// Every provider's line, each followed by its other windows ("  1w 36.5% left · refresh in 3d").
+std::string tooltipText(const QuotaWidgetView& view) {
+    std::string text;
+    for (const auto& provider : view.providers) {
+        const QuotaWidgetWindowView* top = topWindow(provider);
+        text += render(rowFor(provider, view.language), {}, false) + "\n";
+        for (const auto& window : provider.windows) {
+            if (&window == top) continue;
+            text += "  " + singleLine(window.label) + " " + remainingPhrase(window, view.language);
+            if (window.resetText != "-") text += " · " + window.resetText;
+            text += "\n";
+        }
+    }
+    if (!text.empty()) text.pop_back();
+    return text;
+}
+
+}  // namespace
+
+std::string statusLine(const QuotaWidgetView& view) {
+    const auto [provider, window] = tightest(view);
+    if (!window) return withoutWindowText(view);
+    std::string line = provider->displayName + " " + window->label + " " + remainingPhrase(*window, view.language);
+    if (!window->resetCompactText.empty() && window->resetCompactText != "-") line += " · " + window->resetCompactText;
+    return singleLine(line);
+}
+
+WaybarModule waybarModule(const QuotaWidgetView& view) {
+    const auto [tightestProvider, tightestWindow] = tightest(view);
     WaybarModule module;
-    std::string tooltip = providerLines(view, false);
-    if (!tooltip.empty()) tooltip.pop_back();
-    module.tooltip = std::move(tooltip);
+    module.tooltip = tooltipText(view);
     if (!tightestWindow) {
         module.cssClass = "ok";
-        if (view.providers.empty()) {
-            module.text = "-";
-        } else {
-            const auto& first = view.providers.front();
-            module.text = singleLine(first.displayName + " " + extraText(first, false).value_or("-"));
-        }
+        module.text = withoutWindowText(view);
         return module;
     }
     const double lowest = tightestWindow->remainingPercent;

@@ -26,6 +26,10 @@ struct WaybarModule {
 };
 WaybarModule waybarModule(const QuotaWidgetView& view);
 
+// One short line for tmux, i3blocks or Polybar: the most constrained provider with what is left
+// and when it refreshes ("Codex 5h 12% left · in 3h"); "-" when there is nothing to show.
+std::string statusLine(const QuotaWidgetView& view);
+
 // The module as the one-line JSON object Waybar reads: {"text","tooltip","class","percentage"}.
 std::string waybarJSON(const WaybarModule& module);
 

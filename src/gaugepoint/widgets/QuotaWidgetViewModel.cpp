@@ -1,5 +1,7 @@
 #include "gaugepoint/widgets/QuotaWidgetViewModel.hpp"
 
+#include <cstdio>
+
 #include "gaugepoint/widgets/QuotaProductCatalog.hpp"
 
 namespace gaugepoint {
@@ -27,6 +29,30 @@ QuotaWidgetWindowView windowView(const QuotaWindow& window, Date now, std::strin
     return view;
 }
 
+// "950", "12.3K", "3.1M", "1.2B": token counts for a status bar.
+std::string compactCount(std::int64_t count) {
+    const double value = double(count);
+    char text[32];
+    if (count < 1000) {
+        std::snprintf(text, sizeof text, "%lld", static_cast<long long>(count));
+    } else if (count < 999'950) {
+        std::snprintf(text, sizeof text, "%.1fK", value / 1e3);
+    } else if (count < 999'950'000) {
+        std::snprintf(text, sizeof text, "%.1fM", value / 1e6);
+    } else {
+        std::snprintf(text, sizeof text, "%.1fB", value / 1e9);
+    }
+    return text;
+}
+
+std::optional<std::string> usageText(const std::optional<QuotaTokenUsageSummary>& usage, std::string_view language) {
+    if (!usage || !usage->last30DaysTokens) return std::nullopt;
+    const std::string tokens = compactCount(*usage->last30DaysTokens);
+    const auto cost = QuotaFormatting::currency(usage->last30DaysCostUSD, "USD", "en_US");
+    if (isChineseLanguage(language)) return "30 天 " + tokens + " 令牌" + (cost ? " · " + *cost : "");
+    return tokens + " tokens" + (cost ? " · " + *cost : "") + " in 30 days";
+}
+
 QuotaWidgetProviderView providerView(const ProviderQuota& provider, Date now, std::string_view language) {
     QuotaWidgetProviderView view;
     view.id = provider.id;
@@ -37,6 +63,7 @@ QuotaWidgetProviderView providerView(const ProviderQuota& provider, Date now, st
     if (QuotaProductCatalog::creditsAreUSD(provider.id)) {
         view.balanceText = QuotaFormatting::balance(provider.creditsRemaining, "USD", language);
     }
+    view.usageText = usageText(provider.tokenUsage, language);
     if (const auto top = provider.topWindow()) view.topWindowID = top->id;
     view.windows.reserve(provider.windows.size());
     for (const auto& window : provider.windows) view.windows.push_back(windowView(window, now, language));

@@ -40,11 +40,13 @@ struct QuotaWidgetProviderView {
     std::string status;  // compatibilityStatusText
     std::optional<std::string> creditsText;
     std::optional<std::string> balanceText;  // for providers whose credits are US dollars
+    // Tokens and cost of the last 30 days when known: "3.1M tokens · $5.49 in 30 days".
+    std::optional<std::string> usageText;
     std::optional<std::string> topWindowID;
     std::vector<QuotaWidgetWindowView> windows;  // in the provider's stored order
 };
 BOOST_DESCRIBE_STRUCT(QuotaWidgetProviderView, (),
-                      (id, displayName, quotaStrategy, status, creditsText, balanceText, topWindowID, windows))
+                      (id, displayName, quotaStrategy, status, creditsText, balanceText, usageText, topWindowID, windows))
 
 struct QuotaWidgetView {
     Date generatedAt;

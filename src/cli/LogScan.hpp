@@ -1,0 +1,26 @@
+#pragma once
+
+// The log scan that `scan` runs and `report` runs first: where the coding tools keep their
+// logs, and the scan itself, which ends by publishing this machine's quota snapshot.
+
+#include <string>
+#include <vector>
+
+#include "CommandSupport.hpp"
+#include "gaugepoint/importers/QuotaLogScanner.hpp"
+
+namespace gaugepoint::cli {
+
+// --claude-dir, --codex-dir, --gemini-dir (each repeatable).
+struct LogHomesOptions {
+    std::vector<std::string> claudeDirs, codexDirs, geminiDirs;
+    void addOptions(CLI::App& command);
+    // The homes the user named, per provider; providers not named use their tools' own.
+    void applyTo(QuotaScanOptions& options) const;
+};
+
+// Imports what the logs added since the last scan, then makes this machine's quota snapshot and
+// stores it (history, token ledger, source record). Throws gaugepoint::Error.
+QuotaScanSummary scanAndPublish(const QuotaScanOptions& options, const GlobalOptions& globals);
+
+}  // namespace gaugepoint::cli
