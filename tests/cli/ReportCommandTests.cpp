@@ -1,0 +1,123 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "CommandRunner.hpp"
+#include "gaugepoint/platform/Json.hpp"
+
+namespace gaugepoint {
+namespace {
+
+using testing::gaugepoint;
+
+// A scratch App Group, user defaults and sibling location, and the sample's log homes.
+class ReportCommand : public ::testing::Test {
+protected:
+    ReportCommand() {
+        ::setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
+        ::setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);  // no sibling widget file there
+    }
+    std::vector<std::string> with(std::vector<std::string> args, bool homes = true) const {
+        args.insert(args.end(), {"--app-group-dir", (dir / "group").string()});
+        if (homes) {
+            for (const char* tool : {"claude", "codex", "gemini"}) {
+                args.insert(args.end(), {std::string("--") + tool + "-dir", logs + "/" + tool});
+            }
+        }
+        return args;
+    }
+    testing::ScratchDirectory dir;
+    const std::string logs = testing::testData("logs").string();
+};
+
+TEST_F(ReportCommand, DailyJsonHasTheAnalysersKeysAndTheZonesDays) {
+    const auto utc = gaugepoint(with({"report", "daily", "--timezone", "UTC", "--json"}));
+    ASSERT_EQ(utc.exitCode, 0) << utc.err;
+    const auto doc = json::parse(utc.out);
+    const auto& rows = doc.at("daily").as_array();
+    ASSERT_FALSE(rows.empty());
+    for (const char* key : {"date", "inputTokens", "outputTokens", "cacheCreationTokens", "cacheReadTokens", "totalTokens",
+                            "totalCost", "unpricedTokens", "costSource", "modelsUsed", "modelBreakdowns"}) {
+        EXPECT_TRUE(rows[0].as_object().contains(key)) << key;
+    }
+    EXPECT_EQ(rows[0].at("date").as_string(), "2026-10-18");
+    EXPECT_EQ(doc.at("totals").at("totalTokens").as_int64(), 2667716 + 432815 + 602820);
+    EXPECT_EQ(doc.at("totals").at("unpricedTokens").as_int64(), 220235);
+
+    // Scanned already: the same figures from the stores alone, other days in another zone.
+    const auto york = json::parse(gaugepoint(with({"report", "daily", "--no-scan", "--timezone", "America/New_York", "--json"},
+                                                  false)).out);
+    EXPECT_EQ(york.at("totals").at("totalTokens"), doc.at("totals").at("totalTokens"));
+    EXPECT_NE(york.at("daily").as_array().size(), rows.size());
+    const auto oneDay = json::parse(gaugepoint(with({"report", "daily", "--no-scan", "--timezone", "UTC", "--since",
+                                                     "2026-11-05", "--until", "2026-11-05", "--provider", "claude", "--json"},
+                                                    false)).out);
+    ASSERT_EQ(oneDay.at("daily").as_array().size(), 1u);
+    EXPECT_EQ(oneDay.at("daily").as_array()[0].at("totalTokens").as_int64(), 419153);
+    const auto weeks = json::parse(gaugepoint(with({"report", "weekly", "--no-scan", "--timezone", "UTC",
+                                                    "--start-of-week", "monday", "--json"}, false)).out);
+    EXPECT_EQ(weeks.at("weekly").as_array()[0].at("week").as_string(), "2026-10-12");
+    const auto months = json::parse(gaugepoint(with({"report", "monthly", "--no-scan", "--order", "desc", "--json"}, false)).out);
+    EXPECT_EQ(months.at("monthly").as_array()[0].at("month").as_string(), "2026-11");
+}
+
+TEST_F(ReportCommand, TablesAreAlignedWithTotalsAndMarkUnpricedTokens) {
+    const auto text = gaugepoint(with({"report", "daily", "--timezone", "UTC", "--provider", "claude", "--breakdown"}));
+    ASSERT_EQ(text.exitCode, 0) << text.err;
+    EXPECT_EQ(text.out.rfind("Daily usage · UTC · claude\n\nDate        Models", 0), 0u) << text.out;
+    EXPECT_NE(text.out.find("\n2026-11-05  claude-nebula-preview, claude-opus-4-1, claude-sonnet-4-5 "), std::string::npos);
+    EXPECT_NE(text.out.find("  └ claude-nebula-preview-20261015 "), std::string::npos);
+    EXPECT_NE(text.out.find("\nTotal "), std::string::npos);
+    EXPECT_NE(text.out.find("2,667,716  $"), std::string::npos);
+    EXPECT_NE(text.out.find("\n* 220,235 tokens of models without a price are not in the costs: "
+                            "claude-nebula-preview-20261015\n"),
+              std::string::npos);
+    const auto chinese = gaugepoint(with({"report", "session", "--no-scan", "--lang", "zh-Hans"}, false));
+    EXPECT_EQ(chinese.out.rfind("按会话的用量 · UTC · 全部服务\n\n会话", 0), 0u) << chinese.out;
+    const auto blocks = gaugepoint(with({"report", "blocks", "--no-scan", "--timezone", "UTC", "--now",
+                                         "2026-11-05T15:00:00Z"}, false));
+    EXPECT_NE(blocks.out.find("2026-10-19 05:00  gap 27h 17m"), std::string::npos) << blocks.out;
+    EXPECT_NE(blocks.out.find("2026-11-05 14:00  active · 4h 0m"), std::string::npos) << blocks.out;
+    EXPECT_EQ(gaugepoint(with({"report", "daily", "--no-scan", "--provider", "gemini", "--since", "2030-01-01"}, false)).out,
+              "No usage found.\n");
+}
+
+TEST_F(ReportCommand, BadOptionsAreUsageErrorsOfOneLine) {
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"report", "daily", "--since", "2026-13-01"},
+             {"report", "daily", "--since", "2026-11-05", "--until", "2026-11-01"},
+             {"report", "daily", "--timezone", "Mars/Olympus_Mons"},
+             {"report", "weekly", "--start-of-week", "friday"},
+             {"report", "daily", "--provider", "cursor"}}) {
+        const auto result = gaugepoint(with(args, false));
+        EXPECT_EQ(result.exitCode, 2) << args[3];
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    }
+}
+
+TEST_F(ReportCommand, TheWidgetShowsThisMachinesSnapshotWhenThereIsNoSiblingFile) {
+    const auto none = gaugepoint(with({"widget"}, false));
+    EXPECT_EQ(none.exitCode, 1);
+    EXPECT_NE(none.err.find("run `gaugepoint scan`"), std::string::npos) << none.err;
+
+    const std::string now = "2026-11-06T21:00:00Z";  // after the newest Codex event, before its 5h reset
+    ASSERT_EQ(gaugepoint(with({"scan", "--quiet", "--now", now})).exitCode, 0);
+    const auto waybar = gaugepoint(with({"widget", "--format", "waybar", "--now", now}, false));
+    ASSERT_EQ(waybar.exitCode, 0) << waybar.err;
+    const auto module = json::parse(waybar.out);
+    EXPECT_EQ(module.at("text").as_string(), "Codex 5h 99.2%");
+    const std::string tooltip{module.at("tooltip").as_string()};
+    EXPECT_NE(tooltip.find("Codex 5h 99.2% left · refresh in 5h\n  1w 99.6% left · refresh in 6d"), std::string::npos)
+        << tooltip;
+    EXPECT_EQ(gaugepoint(with({"widget", "--format", "line", "--now", now}, false)).out, "Codex 5h 99.2% left · in 5h\n");
+
+    // A block limit, kept for later scans, turns the active Claude block into the tightest window.
+    const std::string during = "2026-11-05T15:00:00Z";
+    ASSERT_EQ(gaugepoint(with({"scan", "--quiet", "--now", during, "--claude-block-limit", "440470"})).exitCode, 0);
+    EXPECT_EQ(gaugepoint(with({"widget", "--format", "line", "--now", during}, false)).out, "Claude 5h 50% left · in 4h\n");
+    ASSERT_EQ(gaugepoint(with({"scan", "--quiet", "--now", during})).exitCode, 0);
+    EXPECT_EQ(gaugepoint(with({"widget", "--format", "line", "--now", during}, false)).out, "Claude 5h 50% left · in 4h\n");
+}
+
+}  // namespace
+}  // namespace gaugepoint
