@@ -1,6 +1,7 @@
 // gaugepoint catalog: the provider and model catalogue in force, name resolution, refresh.
 
 #include "Commands.hpp"
+#include "gaugepoint/platform/UrlFetch.hpp"
 #include "gaugepoint/pricing/QuotaMetadataCatalog.hpp"
 #include "gaugepoint/pricing/QuotaMetadataRefreshService.hpp"
 
@@ -115,6 +116,18 @@ std::string changeText(std::string_view noun, const QuotaMetadataCatalogChange& 
     return text;
 }
 
+void refresh(const CatalogOptions& options, const GlobalOptions& globals);
+
+// A failed download says so when the reason is that libcurl is not there at all.
+void refreshSayingWhy(const CatalogOptions& options, const GlobalOptions& globals) {
+    try {
+        refresh(options, globals);
+    } catch (const QuotaMetadataRefreshError& e) {
+        if (urlFetchAvailable()) throw;
+        throw Error(std::string(e.what()) + " (libcurl.so.4 is not installed)");
+    }
+}
+
 void refresh(const CatalogOptions& options, const GlobalOptions& globals) {
     const QuotaMetadataRefreshService service{resolveConfiguration(globals)};
     std::optional<QuotaMetadataRefreshResult> result;
@@ -193,7 +206,7 @@ void registerCatalogCommand(CLI::App& root, GlobalOptions& globals) {
         ->option_text("URL");
     refreshCommand->add_flag("--if-due", options->ifDue, "Only when enabled and the interval has passed (settings)")
         ->excludes("--provider-url")->excludes("--model-url");
-    refreshCommand->callback([options, &globals] { refresh(*options, globals); });
+    refreshCommand->callback([options, &globals] { refreshSayingWhy(*options, globals); });
 
     addGroup(*group, "status", "How the last refresh went")->callback([&globals] { status(globals); });
 

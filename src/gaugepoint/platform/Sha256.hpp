@@ -1,6 +1,6 @@
 #pragma once
 
-// SHA-256 digests (OpenSSL libcrypto), and bytes as lowercase hexadecimal.
+// SHA-256 digests (FIPS 180-4), and bytes as lowercase hexadecimal.
 
 #include <array>
 #include <cstdint>
@@ -12,8 +12,7 @@ namespace gaugepoint {
 
 using Sha256Digest = std::array<std::uint8_t, 32>;
 
-// The SHA-256 digest of `bytes`. Thread-safe. Throws gaugepoint::Error only when libcrypto
-// itself fails (out of memory).
+// The SHA-256 digest of `bytes`. Pure; thread-safe.
 Sha256Digest sha256(std::span<const std::uint8_t> bytes);
 Sha256Digest sha256(std::string_view bytes);
 

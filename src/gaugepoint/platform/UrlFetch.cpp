@@ -1,5 +1,9 @@
 #include "gaugepoint/platform/UrlFetch.hpp"
 
+#include <dlfcn.h>
+
+// The type-checking macros would stand in for the calls made through the pointers below.
+#define CURL_DISABLE_TYPECHECK
 #include <curl/curl.h>
 
 #include <memory>
@@ -7,6 +11,43 @@
 
 namespace gaugepoint {
 namespace {
+
+// libcurl is loaded on the first download, not at start: with the TLS, Kerberos and LDAP
+// libraries it brings, linking it would add milliseconds to every run of the command, which
+// mostly never downloads anything.
+struct CurlLibrary {
+    decltype(&curl_global_init) globalInit = nullptr;
+    decltype(&curl_easy_init) easyInit = nullptr;
+    decltype(&curl_easy_setopt) easySetopt = nullptr;
+    decltype(&curl_easy_perform) easyPerform = nullptr;
+    decltype(&curl_easy_cleanup) easyCleanup = nullptr;
+};
+
+template <class Function>
+bool bind(void* handle, const char* name, Function& function) {
+    function = reinterpret_cast<Function>(::dlsym(handle, name));
+    return function != nullptr;
+}
+
+// The loaded library, initialised; null when it is not installed.
+const CurlLibrary* curlLibrary() {
+    static const std::unique_ptr<CurlLibrary> library = [] {
+        for (const char* name : {"libcurl.so.4", "libcurl-gnutls.so.4", "libcurl.4.dylib", "libcurl.dylib"}) {
+            void* handle = ::dlopen(name, RTLD_NOW | RTLD_LOCAL);
+            if (!handle) continue;
+            auto curl = std::make_unique<CurlLibrary>();
+            if (bind(handle, "curl_global_init", curl->globalInit) && bind(handle, "curl_easy_init", curl->easyInit) &&
+                bind(handle, "curl_easy_setopt", curl->easySetopt) &&
+                bind(handle, "curl_easy_perform", curl->easyPerform) &&
+                bind(handle, "curl_easy_cleanup", curl->easyCleanup) && curl->globalInit(CURL_GLOBAL_DEFAULT) == CURLE_OK) {
+                return curl;  // the handle stays open for the life of the process
+            }
+            ::dlclose(handle);
+        }
+        return std::unique_ptr<CurlLibrary>{};
+    }();
+    return library.get();
+}
 
 struct Body {
     std::string bytes;
@@ -21,34 +62,33 @@ std::size_t append(char* data, std::size_t size, std::size_t count, void* user) 
     return n;
 }
 
-void initialiseOnce() {
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
-
 }  // namespace
 
 std::optional<std::string> fetchURL(const std::string& url, const UrlFetchOptions& options) {
-    initialiseOnce();
-    const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl{curl_easy_init(), &curl_easy_cleanup};
+    const CurlLibrary* lib = curlLibrary();
+    if (!lib) return std::nullopt;
+    const std::unique_ptr<CURL, decltype(lib->easyCleanup)> curl{lib->easyInit(), lib->easyCleanup};
     if (!curl) return std::nullopt;
     Body body{{}, options.maximumBytes};
     CURL* h = curl.get();
-    curl_easy_setopt(h, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https,file");
-    curl_easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(h, CURLOPT_MAXREDIRS, 5L);
-    curl_easy_setopt(h, CURLOPT_FAILONERROR, 1L);
-    curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);  // timeouts without SIGALRM, safe in threads
-    curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, long(options.connectTimeout.count()));
-    curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, long(options.totalTimeout.count()));
-    curl_easy_setopt(h, CURLOPT_ACCEPT_ENCODING, "");  // any encoding curl can decode
-    curl_easy_setopt(h, CURLOPT_USERAGENT, "gaugepoint/0.1");
-    curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &append);
-    curl_easy_setopt(h, CURLOPT_WRITEDATA, &body);
-    if (curl_easy_perform(h) != CURLE_OK) return std::nullopt;
+    const auto set = lib->easySetopt;
+    set(h, CURLOPT_URL, url.c_str());
+    set(h, CURLOPT_PROTOCOLS_STR, "http,https,file");
+    set(h, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    set(h, CURLOPT_FOLLOWLOCATION, 1L);
+    set(h, CURLOPT_MAXREDIRS, 5L);
+    set(h, CURLOPT_FAILONERROR, 1L);
+    set(h, CURLOPT_NOSIGNAL, 1L);  // timeouts without SIGALRM, safe in threads
+    set(h, CURLOPT_CONNECTTIMEOUT_MS, long(options.connectTimeout.count()));
+    set(h, CURLOPT_TIMEOUT_MS, long(options.totalTimeout.count()));
+    set(h, CURLOPT_ACCEPT_ENCODING, "");  // any encoding curl can decode
+    set(h, CURLOPT_USERAGENT, "gaugepoint/0.1");
+    set(h, CURLOPT_WRITEFUNCTION, &append);
+    set(h, CURLOPT_WRITEDATA, &body);
+    if (lib->easyPerform(h) != CURLE_OK) return std::nullopt;
     return std::move(body.bytes);
 }
+
+bool urlFetchAvailable() { return curlLibrary() != nullptr; }
 
 }  // namespace gaugepoint

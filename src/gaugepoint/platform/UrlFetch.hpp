@@ -1,6 +1,6 @@
 #pragma once
 
-// Downloads a document over http, https or file addresses (libcurl).
+// Downloads a document over http, https or file addresses (libcurl, loaded on first use).
 
 #include <chrono>
 #include <cstddef>
@@ -17,7 +17,11 @@ struct UrlFetchOptions {
 
 // The body at `url`, or none when it cannot be had: an address that is not http, https or file,
 // no connection, an HTTP status of 400 or more, a timeout, or a body over the limit. Redirects
-// are followed (at most five, http and https only). Thread-safe.
+// are followed (at most five, http and https only). None too when libcurl is not installed.
+// Thread-safe.
 std::optional<std::string> fetchURL(const std::string& url, const UrlFetchOptions& options = {});
+
+// Whether libcurl could be loaded, so that a failure can say so.
+bool urlFetchAvailable();
 
 }  // namespace gaugepoint
