@@ -3,6 +3,12 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_SECONDS ?= 15
 DEMO_NOW := 2026-11-21T09:30:00Z
 GP := build/release/gaugepoint
+# The bundled sample of coding-tool logs, read into a scratch store with its own settings, so the
+# demo leaves the user's stores alone; the clock is set just after the sample's last events.
+DEMO_HOME := build/demo
+DEMO_GP := XDG_CONFIG_HOME=$(DEMO_HOME)/config XDG_DATA_HOME=$(DEMO_HOME)/data $(GP) --app-group-dir $(DEMO_HOME)/group
+LOGS_NOW := 2026-11-06T21:00:00Z
+LOGS := --claude-dir examples/logs/claude --codex-dir examples/logs/codex --gemini-dir examples/logs/gemini
 
 .PHONY: demo test build asan fuzz bench bootstrap clean
 
@@ -22,6 +28,14 @@ demo: bootstrap
 	@$(GP) widget --snapshot examples/widget-snapshot.json --now $(DEMO_NOW) --lang zh-Hans
 	@echo; echo "== gaugepoint widget --format waybar"
 	@$(GP) widget --snapshot examples/widget-snapshot.json --now $(DEMO_NOW) --format waybar
+	@rm -rf $(DEMO_HOME)
+	@echo; echo "== gaugepoint scan (the sample logs in examples/logs)"
+	@$(DEMO_GP) scan $(LOGS) --now $(LOGS_NOW)
+	@echo; echo "== gaugepoint report daily --since 2026-11-01"
+	@$(DEMO_GP) report daily --no-scan --timezone UTC --since 2026-11-01
+	@echo; echo "== gaugepoint widget (this machine's snapshot, made by the scan)"
+	@$(DEMO_GP) widget --now $(LOGS_NOW)
+	@$(DEMO_GP) widget --now $(LOGS_NOW) --format line
 
 test: build
 	@ctest --preset release -j $(JOBS)

@@ -73,13 +73,18 @@ std::string shortModelName(const std::string& name) {
     return digits ? name.substr(0, name.size() - kDate) : name;
 }
 
+// Up to three models by name; beyond that two and how many more (--breakdown lists them all).
 std::string modelsCell(const std::vector<std::string>& models) {
+    constexpr std::size_t kShown = 3;
     std::vector<std::string> names;
     for (const auto& model : models) {
         auto name = shortModelName(model);
         if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(std::move(name));
     }
-    return joined(names);
+    if (names.size() <= kShown) return joined(names);
+    const std::size_t more = names.size() - (kShown - 1);
+    names.resize(kShown - 1);
+    return joined(names) + " +" + std::to_string(more);
 }
 
 // A table whose rows begin with `leading` cells, then models, the token counts and the cost.

@@ -1,6 +1,7 @@
 #include "gaugepoint/stores/QuotaUsageEntryStore.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <map>
 #include <set>
 
@@ -38,6 +39,7 @@ constexpr const char* kSchema =
     "CREATE INDEX IF NOT EXISTS idx_ue_file ON usage_entries(file_key);\n"
     // Reports group counted entries by time (in any zone), by model and by session.
     "CREATE INDEX IF NOT EXISTS idx_ue_time ON usage_entries(timestamp) WHERE counted = 1;\n"
+    "CREATE INDEX IF NOT EXISTS idx_ue_provider_time ON usage_entries(provider_id, timestamp) WHERE counted = 1;\n"
     "CREATE INDEX IF NOT EXISTS idx_ue_session ON usage_entries(provider_id, session_id) WHERE counted = 1;\n"
     "CREATE TABLE IF NOT EXISTS import_messages (\n"
     "    id INTEGER PRIMARY KEY,\n"
@@ -590,6 +592,11 @@ QuotaSessionTokenUsage groupTokens(const sqlite::Statement& row, int first) {
     return tokens;
 }
 
+// The first quarter hour that starts at or after `date`.
+std::int64_t firstQuarterFrom(Date date) {
+    return std::int64_t(std::ceil(std::clamp(secondsSince1970(date), -1e15, 1e15) / 900));
+}
+
 constexpr const char* kGroupedColumns =
     "IFNULL(cost_usd, 0) > 0 AS reported, COUNT(*), SUM(input_tokens), SUM(output_tokens), SUM(cache_read_tokens),\n"
     "       SUM(cache_write_tokens), SUM(cost_usd)";
@@ -603,16 +610,16 @@ std::vector<QuotaUsageEntryStore::UsageBucket> QuotaUsageEntryStore::usageBucket
     // the others; the same filter on both halves.
     std::string filter;
     if (providerID) filter += " AND provider_id = :provider";
-    if (since) filter += " AND quarter * 900 >= :since";
-    if (until) filter += " AND quarter * 900 < :until";
+    if (since) filter += " AND quarter >= :since";
+    if (until) filter += " AND quarter < :until";
     const std::string sql = std::string("SELECT * FROM (\n") + kStoredQuarterSums + "\nUNION ALL\n" + kDirtyQuarterSums +
                             "GROUP BY d.quarter, u.provider_id, u.model, reported\n) WHERE 1" + filter + "\nORDER BY quarter";
     std::vector<UsageBucket> buckets;
     registry_.withConnection([&](sqlite::Connection& connection) {
         sqlite::Statement select{connection, sql.c_str(), "prepare usage buckets", "execute usage buckets"};
         if (providerID) select.bind(select.parameterIndex(":provider"), *providerID);
-        if (since) select.bind(select.parameterIndex(":since"), secondsSince1970(*since));
-        if (until) select.bind(select.parameterIndex(":until"), secondsSince1970(*until));
+        if (since) select.bind(select.parameterIndex(":since"), firstQuarterFrom(*since));
+        if (until) select.bind(select.parameterIndex(":until"), firstQuarterFrom(*until));
         while (select.step()) {
             buckets.push_back({select.integer(0), std::string(select.text(1).value_or("")),
                                std::string(select.text(2).value_or("")), select.integer(4), groupTokens(select, 3)});
