@@ -224,10 +224,12 @@ void printBlocks(const std::vector<UsageBlock>& blocks, const ReportContext& con
         }
         table.add({start, status}, block.totals);
         if (block.burnRate && block.projection) {
+            const std::string mark = block.totals.unpricedTokens > 0 ? "*" : "";
             activeLine = "\n" + groupedInteger(std::llround(block.burnRate->tokensPerMinute)) + " tokens/min · " +
-                         usdCentsText(block.burnRate->costPerHour) + "/h · → " +
+                         usdCentsText(block.burnRate->costPerHour) + mark + "/h · → " +
                          groupedInteger(block.projection->totalTokens) + " tokens, " +
-                         usdCentsText(block.projection->totalCost) + " by " + calendar.dayTimeText(block.endTime) + "\n";
+                         usdCentsText(block.projection->totalCost) + mark + " by " + calendar.dayTimeText(block.endTime) +
+                         "\n";
         }
     }
     // The total row sums the blocks' own figures (costs as priced per block).
