@@ -21,6 +21,24 @@ std::string commandWords(const CLI::App& root) {
     return words;
 }
 
+// The deepest command given, for a message about what it lacks.
+const CLI::App* deepestCommand(const CLI::App& root) {
+    const CLI::App* app = &root;
+    while (!app->get_subcommands().empty()) app = app->get_subcommands().front();
+    return app;
+}
+
+// "gaugepoint report: choose one of daily, weekly, ..." for a group given without its verb.
+std::string missingVerbMessage(const CLI::App& root) {
+    const CLI::App* group = deepestCommand(root);
+    std::string verbs;
+    for (const CLI::App* verb : group->get_subcommands({})) {
+        verbs += (verbs.empty() ? "" : ", ") + verb->get_name();
+    }
+    const std::string words = commandWords(root);
+    return (words.empty() ? std::string("a command is needed") : words + " needs a command") + ": " + verbs;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -63,6 +81,11 @@ int main(int argc, char** argv) {
         return root.exit(e);
     } catch (const CLI::CallForVersion& e) {
         return root.exit(e);
+    } catch (const CLI::RequiredError& e) {
+        const bool verbMissing = std::string(e.what()).find("subcommand") != std::string::npos;
+        std::cerr << "gaugepoint: " << (verbMissing ? missingVerbMessage(root) : gaugepoint::singleLine(e.what()))
+                  << " (see --help)\n";
+        return 2;
     } catch (const CLI::ParseError& e) {
         std::cerr << "gaugepoint: " << gaugepoint::singleLine(e.what()) << " (see --help)\n";
         return 2;

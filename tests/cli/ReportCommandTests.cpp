@@ -93,6 +93,9 @@ TEST_F(ReportCommand, BadOptionsAreUsageErrorsOfOneLine) {
         EXPECT_EQ(result.exitCode, 2) << args[3];
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     }
+    const auto noVerb = gaugepoint({"report"});
+    EXPECT_EQ(noVerb.exitCode, 2);
+    EXPECT_EQ(noVerb.err, "gaugepoint: report needs a command: daily, weekly, monthly, session, blocks (see --help)\n");
 }
 
 TEST_F(ReportCommand, TheWidgetShowsThisMachinesSnapshotWhenThereIsNoSiblingFile) {
