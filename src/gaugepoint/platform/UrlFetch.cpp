@@ -1,13 +1,12 @@
 #include "gaugepoint/platform/UrlFetch.hpp"
 
-#include <dlfcn.h>
-
 // The type-checking macros would stand in for the calls made through the pointers below.
 #define CURL_DISABLE_TYPECHECK
 #include <curl/curl.h>
 
 #include <memory>
-#include <mutex>
+
+#include "gaugepoint/platform/SharedLibrary.hpp"
 
 namespace gaugepoint {
 namespace {
@@ -23,28 +22,17 @@ struct CurlLibrary {
     decltype(&curl_easy_cleanup) easyCleanup = nullptr;
 };
 
-template <class Function>
-bool bind(void* handle, const char* name, Function& function) {
-    function = reinterpret_cast<Function>(::dlsym(handle, name));
-    return function != nullptr;
-}
-
 // The loaded library, initialised; null when it is not installed.
 const CurlLibrary* curlLibrary() {
-    static const std::unique_ptr<CurlLibrary> library = [] {
-        for (const char* name : {"libcurl.so.4", "libcurl-gnutls.so.4", "libcurl.4.dylib", "libcurl.dylib"}) {
-            void* handle = ::dlopen(name, RTLD_NOW | RTLD_LOCAL);
-            if (!handle) continue;
-            auto curl = std::make_unique<CurlLibrary>();
-            if (bind(handle, "curl_global_init", curl->globalInit) && bind(handle, "curl_easy_init", curl->easyInit) &&
-                bind(handle, "curl_easy_setopt", curl->easySetopt) &&
-                bind(handle, "curl_easy_perform", curl->easyPerform) &&
-                bind(handle, "curl_easy_cleanup", curl->easyCleanup) && curl->globalInit(CURL_GLOBAL_DEFAULT) == CURLE_OK) {
-                return curl;  // the handle stays open for the life of the process
-            }
-            ::dlclose(handle);
+    static const std::unique_ptr<CurlLibrary> library = []() -> std::unique_ptr<CurlLibrary> {
+        const auto lib = SharedLibrary::open({"libcurl.so.4", "libcurl-gnutls.so.4", "libcurl.4.dylib", "libcurl.dylib"});
+        auto curl = std::make_unique<CurlLibrary>();
+        if (!lib || !lib->bind("curl_global_init", curl->globalInit) || !lib->bind("curl_easy_init", curl->easyInit) ||
+            !lib->bind("curl_easy_setopt", curl->easySetopt) || !lib->bind("curl_easy_perform", curl->easyPerform) ||
+            !lib->bind("curl_easy_cleanup", curl->easyCleanup) || curl->globalInit(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+            return nullptr;
         }
-        return std::unique_ptr<CurlLibrary>{};
+        return curl;
     }();
     return library.get();
 }
