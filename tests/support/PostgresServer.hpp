@@ -2,7 +2,8 @@
 
 // A throwaway PostgreSQL cluster for one test: made with initdb in a scratch directory, listening
 // on a Unix socket there and on no TCP port, with a database "gaugepoint", the superuser
-// "postgres" and two ordinary roles, "alice" and "bob". The server refuses to run as root, so
+// "postgres" and two ordinary roles, "alice" and "bob". Commits are not flushed to disk (fsync
+// off), which survives a killed server though not a crashed machine. The server refuses to run as root, so
 // under root (as in CI) its programs run as the "postgres" system user of Debian's package.
 
 #include <pwd.h>
@@ -60,7 +61,7 @@ public:
     void start() {
         run({(bin_ / "pg_ctl").string(), "-D", data(), "-l", (dir_ / "server.log").string(), "-w", "-o",
              "-k " + (dir_ / "sock").string() + " -p " + std::to_string(port_) +
-                 " -c listen_addresses= -c fsync=off -c synchronous_commit=off -c full_page_writes=off",
+                 " -c listen_addresses= -c fsync=off -c full_page_writes=off",
              "start"});
     }
     // As a crash would: no checkpoint, every connection cut.
