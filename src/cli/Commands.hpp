@@ -19,6 +19,8 @@ void registerSessionsCommand(CLI::App& root, GlobalOptions& globals);
 void registerRegistryCommand(CLI::App& root, GlobalOptions& globals);
 void registerInboxCommand(CLI::App& root, GlobalOptions& globals);
 void registerSyncCommand(CLI::App& root, GlobalOptions& globals);
+// The server verbs of the sync group (SyncServerCommand.cpp).
+void registerSyncServerCommands(CLI::App& syncGroup, GlobalOptions& globals);
 void registerScanCommand(CLI::App& root, GlobalOptions& globals);
 void registerReportCommand(CLI::App& root, GlobalOptions& globals);
 

@@ -10,6 +10,7 @@
 #include "gaugepoint/reports/UsageBlocks.hpp"
 #include "gaugepoint/reports/UsagePeriods.hpp"
 #include "gaugepoint/reports/UsageReportJson.hpp"
+#include "gaugepoint/stores/QuotaSessionCatalogStore.hpp"
 #include "gaugepoint/stores/QuotaSessionFileRegistry.hpp"
 
 namespace gaugepoint::cli {
@@ -24,6 +25,7 @@ struct ReportOptions {
     bool breakdown = false;
     std::string order = "asc";
     std::string startOfWeek = "sunday";
+    bool allSources = false;
 };
 
 // The texts of the tables, English and Chinese.
@@ -273,16 +275,21 @@ void run(ReportKind kind, const ReportOptions& options, const GlobalOptions& glo
         options.homes.applyTo(scanOptions);
         scanAndPublish(scanOptions, globals);
     }
-    const QuotaUsageEntryStore store{QuotaSessionFileRegistry{resolveConfiguration(globals)}};
+    const QuotaSyncConfiguration configuration = resolveConfiguration(globals);
+    const QuotaUsageEntryStore store{QuotaSessionFileRegistry{configuration}};
     const ReportContext context{options, filter, calendar, globals, now, wordsFor(globals)};
+    const auto others = options.allSources
+                            ? usageOfOtherSources(QuotaSessionCatalogStore{configuration}, configuration.localSourceID())
+                            : std::vector<UsageOfOtherSource>{};
     switch (kind) {
         case ReportKind::daily:
         case ReportKind::weekly:
         case ReportKind::monthly:
-            return printPeriods(usageByPeriod(store, calendar, periodOf(kind), filter, options.startOfWeek == "monday"),
-                                kind, context);
+            return printPeriods(
+                usageByPeriod(store, calendar, periodOf(kind), filter, options.startOfWeek == "monday", others), kind,
+                context);
         case ReportKind::session:
-            return printSessions(usageBySession(store, calendar, filter), context);
+            return printSessions(usageBySession(store, calendar, filter, others), context);
         case ReportKind::blocks: {
             const auto [since, until] = reportInterval(calendar, filter);
             auto blocks = usageBlocks(store.countedEntries(filter.providerID, since, until), now);
@@ -313,6 +320,11 @@ void addReport(CLI::App& group, const char* name, const char* description, Repor
         command->add_option("--start-of-week", options->startOfWeek, "sunday (default) or monday")
             ->check(CLI::IsMember({"sunday", "monday"}))
             ->option_text("DAY");
+    }
+    if (kind != ReportKind::blocks) {
+        command->add_flag("--all-sources", options->allSources,
+                          "Add the sessions of the user's other machines (pulled by `gaugepoint sync pull`), each "
+                          "counted at its last activity");
     }
     options->homes.addOptions(*command);
     command->callback([kind, options, &globals] { run(kind, *options, globals); });

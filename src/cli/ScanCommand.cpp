@@ -7,6 +7,7 @@
 
 #include "Commands.hpp"
 #include "LogScan.hpp"
+#include "SyncServer.hpp"
 #include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
 
 namespace gaugepoint::cli {
@@ -69,6 +70,14 @@ void scan(const ScanCommandOptions& options, const GlobalOptions& globals) {
         scanOptions.progress = [&](std::int64_t done, std::int64_t total, std::int64_t bytes) { progress.update(done, total, bytes); };
     }
     const QuotaScanSummary summary = scanAndPublish(scanOptions, globals);
+    std::optional<SyncPushSummary> pushed;
+    if (const auto url = resolveSyncURL("", globals)) {
+        try {
+            pushed = syncWith(*url, globals).push();
+        } catch (const Error& e) {
+            throw Error(std::string("the logs were imported, but the push to the sync server failed: ") + e.what());
+        }
+    }
     if (globals.json) return printJson(summary);
     if (options.quiet) return;
     std::string text = summaryLine(summary) + "\n";
@@ -77,6 +86,7 @@ void scan(const ScanCommandOptions& options, const GlobalOptions& globals) {
             text += "  " + p.path + (p.offset ? " at byte " + std::to_string(*p.offset) : "") + ": " + p.reason + "\n";
         }
     }
+    if (pushed) text += pushSummaryLine(*pushed) + "\n";
     writeOutput("-", text);
 }
 

@@ -189,7 +189,7 @@ void retry(const SyncOptions& options, const GlobalOptions& globals) {
 
 void registerSyncCommand(CLI::App& root, GlobalOptions& globals) {
     auto options = std::make_shared<SyncOptions>();
-    CLI::App* group = addGroup(root, "sync", "Same-account sync records, the sync epoch and the cloud retry policy");
+    CLI::App* group = addGroup(root, "sync", "Same-account sync through PostgreSQL, its records, epoch and retry policy");
     group->require_subcommand(1);
 
     CLI::App* name = addGroup(*group, "record-name", "Print the cloud record name of a source, session or notification");
@@ -246,6 +246,8 @@ void registerSyncCommand(CLI::App& root, GlobalOptions& globals) {
         ->check(kMilliseconds)
         ->option_text("MS");
     retryVerb->callback([options, &globals] { retry(*options, globals); });
+
+    registerSyncServerCommands(*group, globals);
 }
 
 }  // namespace gaugepoint::cli

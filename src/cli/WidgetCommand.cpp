@@ -18,17 +18,31 @@ struct WidgetOptions {
     std::string sourceID;
 };
 
-// The newest stored snapshot, or the newest of one source (by record id or source id).
+// Every source's snapshot as one: each provider named with its machine when there are several,
+// so that a bar shows the most constrained window of all the user's machines.
+QuotaSnapshot combined(const QuotaSourceSnapshotRegistry& registry) {
+    QuotaSnapshot all;
+    all.generatedAt = registry.entries.front().snapshot.generatedAt;
+    for (const auto& record : registry.entries) {
+        all.generatedAt = std::max(all.generatedAt, record.snapshot.generatedAt);
+        for (auto provider : record.snapshot.providers) {
+            if (registry.entries.size() > 1) provider.displayName = record.sourceName + " · " + provider.displayName;
+            all.providers.push_back(std::move(provider));
+        }
+    }
+    return all;
+}
+
+// Every stored source's snapshot, or one source's (by record id or source id).
 QuotaSnapshot storedSnapshot(const WidgetOptions& options, const GlobalOptions& globals) {
     const QuotaSourceSnapshotStore store{resolveConfiguration(globals)};
     const auto registry = store.load();
+    if (registry.entries.empty()) throw Error("no stored source snapshots in " + store.databaseURL().string());
+    if (options.sourceID.empty()) return combined(registry);
     for (const auto& record : registry.entries) {
-        if (options.sourceID.empty() || record.id == options.sourceID || record.sourceID == options.sourceID) {
-            return record.snapshot;
-        }
+        if (record.id == options.sourceID || record.sourceID == options.sourceID) return record.snapshot;
     }
-    if (!options.sourceID.empty()) throw Error("no stored snapshot of source \"" + options.sourceID + "\"");
-    throw Error("no stored source snapshots in " + store.databaseURL().string());
+    throw Error("no stored snapshot of source \"" + options.sourceID + "\"");
 }
 
 // The sibling app's file when it is there, else this machine's own snapshot.
@@ -59,7 +73,8 @@ void registerWidgetCommand(CLI::App& root, GlobalOptions& globals) {
                                             TallybarSnapshotImporter::defaultSourceURL().string() +
                                             " when it exists, else this machine's snapshot from `gaugepoint scan`)")
                          ->option_text("FILE");
-    widget->add_flag("--from-sources", options->fromSources, "Use the newest snapshot in the source snapshot store")
+    widget->add_flag("--from-sources", options->fromSources,
+                     "Every machine's snapshot in the source snapshot store (this one's and those pulled by sync)")
         ->excludes(snapshot);
     widget->add_option("--source", options->sourceID, "With --from-sources: that source's snapshot (record or source id)")
         ->option_text("ID");

@@ -70,6 +70,7 @@ std::string oneLine(const char* message) {
 }
 
 constexpr const char* kConnectionLost = "08006";
+constexpr const char* kCannotConnect = "08001";
 
 }  // namespace
 
@@ -99,7 +100,7 @@ PostgresConnection PostgresConnection::open(const std::string& connectionString)
     handle->connection = pq.connectdbParams(keywords, values, 1);
     if (!handle->connection) throw PostgresError(kConnectionLost, "cannot connect to PostgreSQL: out of memory");
     if (pq.status(handle->connection) != CONNECTION_OK) {
-        throw PostgresError(kConnectionLost, "cannot connect to PostgreSQL: " + oneLine(pq.errorMessage(handle->connection)));
+        throw PostgresError(kCannotConnect, "cannot connect to PostgreSQL: " + oneLine(pq.errorMessage(handle->connection)));
     }
     // "relation already exists, skipping" and other notices are not the user's business.
     pq.setNoticeProcessor(handle->connection, [](void*, const char*) {}, nullptr);

@@ -344,9 +344,10 @@ SameAccountSync::SameAccountSync(QuotaSyncConfiguration configuration, SameAccou
 
 std::string SameAccountSync::deviceKey(std::string_view serverKey) { return "postgres:" + std::string(serverKey); }
 
-void SameAccountSync::setup() const {
+std::string SameAccountSync::setup() const {
     Link link{options_};
     link.run([&] { PostgresRecordZone::setup(link.connection()); });
+    return link.description();
 }
 
 SyncPushSummary SameAccountSync::push() const {
@@ -372,6 +373,7 @@ SyncPushSummary SameAccountSync::push() const {
     pushNotifyEvents(pusher, states, state, configuration_, summary.epoch, options_.pushBatchSize, summary);
     state.lastPushAt = configuration_.clock.now();
     states.save(state);
+    summary.server = link.description();
     return summary;
 }
 
@@ -404,6 +406,7 @@ SyncPullSummary SameAccountSync::pull() const {
     state.lastPullAt = configuration_.clock.now();
     states.save(state);
     summary.pulledThrough = state.pulledThrough;
+    summary.server = link.description();
     return summary;
 }
 

@@ -49,9 +49,10 @@ struct SyncPushSummary {
     std::int64_t conflictsWon = 0;   // another machine had changed the record; ours was newer
     std::int64_t conflictsLost = 0;  // theirs was newer and stays
     std::string epoch;
+    std::string server;
 };
 BOOST_DESCRIBE_STRUCT(SyncPushSummary, (),
-                      (sourceRecords, descriptors, notifyEvents, deletions, conflictsWon, conflictsLost, epoch))
+                      (sourceRecords, descriptors, notifyEvents, deletions, conflictsWon, conflictsLost, epoch, server))
 
 struct SyncPullSummary {
     std::int64_t snapshots = 0;
@@ -65,10 +66,11 @@ struct SyncPullSummary {
     std::int64_t undecodable = 0;
     std::int64_t pulledThrough = 0;
     std::string epoch;
+    std::string server;
 };
 BOOST_DESCRIBE_STRUCT(SyncPullSummary, (),
                       (snapshots, devices, descriptors, notifyEvents, deletions, skippedForeignEpoch, skippedOwn,
-                       skippedOther, undecodable, pulledThrough, epoch))
+                       skippedOther, undecodable, pulledThrough, epoch, server))
 
 struct SyncStatusReport {
     std::string server;
@@ -88,8 +90,9 @@ class SameAccountSync {
 public:
     SameAccountSync(QuotaSyncConfiguration configuration, SameAccountSyncOptions options);
 
-    // Creates what is missing on the server (PostgresRecordZone::setup). Throws PostgresError.
-    void setup() const;
+    // Creates what is missing on the server (PostgresRecordZone::setup) and returns the server's
+    // description. Throws PostgresError.
+    std::string setup() const;
     // Throw PostgresError (after the retries) and the local stores' errors.
     SyncPushSummary push() const;
     SyncPullSummary pull() const;

@@ -64,7 +64,39 @@ void order(std::vector<Row>& rows, bool descending) {
     if (descending) std::reverse(rows.begin(), rows.end());
 }
 
+// The other machines' sessions that the filter keeps.
+std::vector<const UsageOfOtherSource*> kept(const std::vector<UsageOfOtherSource>& others, const UsageReportFilter& filter,
+                                            const std::optional<Date>& since, const std::optional<Date>& until) {
+    std::vector<const UsageOfOtherSource*> list;
+    for (const auto& other : others) {
+        if (filter.providerID && other.providerID != *filter.providerID) continue;
+        if ((since && other.at < *since) || (until && other.at >= *until)) continue;
+        list.push_back(&other);
+    }
+    return list;
+}
+
+void addTo(UsageTally& tally, const UsageOfOtherSource& other) {
+    for (std::size_t i = 0; i < other.models.size(); ++i) {
+        tally.add(other.models[i].first, i == 0 ? other.entries : 0, other.models[i].second);
+    }
+}
+
 }  // namespace
+
+std::vector<UsageOfOtherSource> usageOfOtherSources(const QuotaSessionCatalogStore& catalog,
+                                                    std::string_view localSourceID) {
+    std::vector<UsageOfOtherSource> others;
+    for (const auto& d : catalog.loadAllDescriptors()) {
+        const auto at = d.endedAt ? d.endedAt : d.transcriptUpdatedAt ? d.transcriptUpdatedAt : d.startedAt;
+        if (d.sourceID == localSourceID || !at) continue;
+        UsageOfOtherSource other{d.sourceID, d.provider.id, d.id, d.projectPath, *at, d.messageCount, {}};
+        for (const auto& model : d.topModels) other.models.emplace_back(model.id.empty() ? model.displayName : model.id, model.tokenUsage);
+        if (other.models.empty()) other.models.emplace_back("unknown", d.tokenUsage);
+        others.push_back(std::move(other));
+    }
+    return others;
+}
 
 std::pair<std::optional<Date>, std::optional<Date>> reportInterval(const LocalCalendar& calendar,
                                                                    const UsageReportFilter& filter) {
@@ -77,7 +109,8 @@ std::pair<std::optional<Date>, std::optional<Date>> reportInterval(const LocalCa
 }
 
 UsagePeriodReport usageByPeriod(const QuotaUsageEntryStore& store, const LocalCalendar& calendar, UsagePeriod period,
-                                const UsageReportFilter& filter, bool weekStartsMonday) {
+                                const UsageReportFilter& filter, bool weekStartsMonday,
+                                const std::vector<UsageOfOtherSource>& others) {
     const auto [since, until] = reportInterval(calendar, filter);
     std::map<std::string, UsageTally> periods;
     UsageTally all;
@@ -87,6 +120,11 @@ UsagePeriodReport usageByPeriod(const QuotaUsageEntryStore& store, const LocalCa
         periods[periodKey(day, period, weekStartsMonday)].add(bucket.model, bucket.entries, bucket.tokens);
         all.add(bucket.model, bucket.entries, bucket.tokens);
     }
+    for (const auto* other : kept(others, filter, since, until)) {
+        const std::int64_t day = dayNumber(calendar.dayKey(other->at)).value_or(0);
+        addTo(periods[periodKey(day, period, weekStartsMonday)], *other);
+        addTo(all, *other);
+    }
     UsagePeriodReport report;
     for (const auto& [key, tally] : periods) report.rows.push_back({key, tally.totals()});
     order(report.rows, filter.descending);
@@ -95,7 +133,7 @@ UsagePeriodReport usageByPeriod(const QuotaUsageEntryStore& store, const LocalCa
 }
 
 UsageSessionReport usageBySession(const QuotaUsageEntryStore& store, const LocalCalendar& calendar,
-                                  const UsageReportFilter& filter) {
+                                  const UsageReportFilter& filter, const std::vector<UsageOfOtherSource>& others) {
     const auto [since, until] = reportInterval(calendar, filter);
     struct Session {
         UsageTally tally;
@@ -114,6 +152,12 @@ UsageSessionReport usageBySession(const QuotaUsageEntryStore& store, const Local
     UsageSessionReport report;
     for (const auto& [key, session] : sessions) {
         report.rows.push_back({key.sessionID, key.providerID, session.projectPath, session.lastActivity, session.tally.totals()});
+    }
+    for (const auto* other : kept(others, filter, since, until)) {
+        UsageTally tally;
+        addTo(tally, *other);
+        addTo(all, *other);
+        report.rows.push_back({other->sessionID, other->providerID, other->projectPath, other->at, tally.totals()});
     }
     std::stable_sort(report.rows.begin(), report.rows.end(),
                      [](const auto& a, const auto& b) { return a.lastActivity < b.lastActivity; });

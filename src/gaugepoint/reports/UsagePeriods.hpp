@@ -12,6 +12,7 @@
 #include "gaugepoint/platform/Error.hpp"
 #include "gaugepoint/platform/LocalCalendar.hpp"
 #include "gaugepoint/reports/UsageTotals.hpp"
+#include "gaugepoint/stores/QuotaSessionCatalogStore.hpp"
 #include "gaugepoint/stores/QuotaUsageEntryStore.hpp"
 
 namespace gaugepoint {
@@ -57,16 +58,34 @@ struct UsageSessionReport {
     UsageTotals totals;
 };
 
+// A session of another of the user's machines, as sync brought its descriptor: tokens per model,
+// all counted at the session's last activity (its end, else its last update, else its start),
+// since a descriptor does not say when within the session each response came.
+struct UsageOfOtherSource {
+    std::string sourceID;
+    std::string providerID;
+    std::string sessionID;
+    std::optional<std::string> projectPath;
+    Date at;
+    std::int64_t entries = 0;  // the session's messages
+    std::vector<std::pair<std::string, QuotaSessionTokenUsage>> models;
+};
+// The sessions of every source but `localSourceID` in the catalogue. Throws the store's errors.
+std::vector<UsageOfOtherSource> usageOfOtherSources(const QuotaSessionCatalogStore& catalog,
+                                                    std::string_view localSourceID);
+
 // The rows of `period` in the zone of `calendar` (its days must be Gregorian: make it with
 // LocalCalendar::Kind::gregorian). Weeks start on Sunday, or Monday with `weekStartsMonday`.
 // Throws UsageReportError and QuotaSessionFileRegistryError.
+// `others` adds the sessions of other machines.
 UsagePeriodReport usageByPeriod(const QuotaUsageEntryStore& store, const LocalCalendar& calendar, UsagePeriod period,
-                                const UsageReportFilter& filter, bool weekStartsMonday = false);
+                                const UsageReportFilter& filter, bool weekStartsMonday = false,
+                                const std::vector<UsageOfOtherSource>& others = {});
 
 // A row per session with the entries of the filter's days (in the zone of `calendar`), by last
 // activity. Throws as above.
 UsageSessionReport usageBySession(const QuotaUsageEntryStore& store, const LocalCalendar& calendar,
-                                  const UsageReportFilter& filter);
+                                  const UsageReportFilter& filter, const std::vector<UsageOfOtherSource>& others = {});
 
 // [since, until) of the filter's days in the zone of `calendar`. Throws UsageReportError.
 std::pair<std::optional<Date>, std::optional<Date>> reportInterval(const LocalCalendar& calendar,
