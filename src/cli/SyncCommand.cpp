@@ -3,6 +3,8 @@
 #include <charconv>
 
 #include "Commands.hpp"
+#include "SyncServer.hpp"
+#include "gaugepoint/pgsync/PostgresRecordZone.hpp"
 #include "gaugepoint/platform/Uuid.hpp"
 #include "gaugepoint/sync/QuotaCloudKitRetryPolicy.hpp"
 #include "gaugepoint/sync/QuotaSameAccountSyncV2.hpp"
@@ -152,10 +154,21 @@ std::string synchronizedText(const std::optional<bool>& flag) {
     return flag.value_or(false) ? "synchronized" : "not synchronized";
 }
 
+// The key-value store the machines share: the sync server's when sync is on, else the stand-in
+// file in the App Group directory.
+std::shared_ptr<UbiquitousKeyValueStore> sharedKeyValues(const QuotaSyncConfiguration& configuration,
+                                                         const GlobalOptions& globals) {
+    if (const auto url = resolveSyncURL("", globals)) {
+        return std::make_shared<PostgresKeyValueStore>(std::make_shared<PostgresConnection>(PostgresConnection::open(*url)));
+    }
+    auto cloud = configuration.resolvedUbiquitousKeyValueStore();
+    if (!cloud) throw Error("The App Group container is unavailable: " + configuration.appGroupIdentifier + ".");
+    return cloud;
+}
+
 void epoch(const SyncOptions& options, const GlobalOptions& globals) {
     const QuotaSyncConfiguration configuration = resolveConfiguration(globals);
-    const auto cloud = configuration.resolvedUbiquitousKeyValueStore();
-    if (!cloud) throw Error("The App Group container is unavailable: " + configuration.appGroupIdentifier + ".");
+    const auto cloud = sharedKeyValues(configuration, globals);
     const Date now = configuration.clock.now();
     auto& defaults = *configuration.userDefaults;
     const auto state = options.reset ? V2::markDestructiveReset(defaults, cloud.get(), now, Uuid::random())

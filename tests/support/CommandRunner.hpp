@@ -26,6 +26,7 @@ inline CommandResult runCommand(const std::string& binary, const std::vector<std
     std::vector<char*> argv{const_cast<char*>(binary.c_str())};
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
+    std::fflush(nullptr);  // the child must not write out what this process has buffered
     const pid_t pid = ::fork();
     if (pid == 0) {
         if (!std::freopen((dir / "in").c_str(), "rb", stdin) || !std::freopen((dir / "out").c_str(), "wb", stdout) ||

@@ -90,6 +90,7 @@ private:
         for (auto& a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
         const std::string log = (dir_ / "ctl.log").string();
+        std::fflush(nullptr);  // the child must not write out what this process has buffered
         const pid_t pid = ::fork();
         if (pid == 0) {
             if (!std::freopen(log.c_str(), "ab", stdout) || !std::freopen(log.c_str(), "ab", stderr)) ::_exit(127);

@@ -182,10 +182,15 @@ std::int64_t PostgresRecordZone::latestChangeSequence() {
 }
 
 std::optional<boost::json::value> PostgresKeyValueStore::value(std::string_view key) const {
-    const auto rows = connection_->execute(
-        "SELECT value::text FROM gaugepoint.key_values WHERE owner = current_user AND key = $1", {std::string(key)});
-    if (rows.empty()) return std::nullopt;
-    return boost::json::parse(rows.text(0, 0));
+    if (!values_) {
+        const auto rows = connection_->execute(
+            "SELECT key, value::text FROM gaugepoint.key_values WHERE owner = current_user");
+        values_.emplace();
+        for (std::size_t i = 0; i < rows.size(); ++i) values_->emplace(rows.text(i, 0), boost::json::parse(rows.text(i, 1)));
+    }
+    const auto found = values_->find(key);
+    if (found == values_->end()) return std::nullopt;
+    return found->second;
 }
 
 void PostgresKeyValueStore::setValue(std::string_view key, const boost::json::value& value) {
@@ -193,10 +198,12 @@ void PostgresKeyValueStore::setValue(std::string_view key, const boost::json::va
         "INSERT INTO gaugepoint.key_values (key, value) VALUES ($1, $2::jsonb)\n"
         "ON CONFLICT (owner, key) DO UPDATE SET value = excluded.value",
         {std::string(key), boost::json::serialize(value)});
+    if (values_) (*values_)[std::string(key)] = value;
 }
 
 void PostgresKeyValueStore::removeValue(std::string_view key) {
     connection_->execute("DELETE FROM gaugepoint.key_values WHERE owner = current_user AND key = $1", {std::string(key)});
+    if (values_) values_->erase(std::string(key));
 }
 
 }  // namespace gaugepoint

@@ -83,8 +83,10 @@ private:
     std::string zoneName_;
 };
 
-// The cloud key-value store of the sync epoch, as rows of the connected role. Each call is one
-// statement; each throws PostgresError when the server cannot be reached.
+// The cloud key-value store of the sync epoch, as rows of the connected role. The first read
+// fetches every key of the role in one statement (the epoch is three keys); writes go through
+// at once and keep that copy current. Each call throws PostgresError when the server cannot be
+// reached.
 class PostgresKeyValueStore final : public UbiquitousKeyValueStore {
 public:
     explicit PostgresKeyValueStore(std::shared_ptr<PostgresConnection> connection) : connection_(std::move(connection)) {}
@@ -94,6 +96,7 @@ public:
 
 private:
     std::shared_ptr<PostgresConnection> connection_;
+    mutable std::optional<std::map<std::string, boost::json::value, std::less<>>> values_;
 };
 
 }  // namespace gaugepoint

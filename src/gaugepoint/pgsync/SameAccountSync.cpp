@@ -269,16 +269,23 @@ struct PulledPage {
     std::vector<std::string> removedEntries;
     SyncStateStore::Change change;
 
+    // Opens only the stores the page touches: a timer's pull of one change stays quick.
     void apply(const QuotaSyncConfiguration& configuration) const {
-        const QuotaSourceSnapshotStore sources{configuration};
-        for (const auto& snapshot : snapshots) sources.upsert(snapshot, std::nullopt, QuotaSourceSyncChannel::kvs);
-        for (const auto& source : removedSources) sources.removeRecordsWithSourceID(source);
-        const QuotaSessionCatalogStore catalog{configuration};
-        for (const auto& [source, list] : descriptors) catalog.upsertBatch(list, source);
-        if (!removedDescriptors.empty()) catalog.removeDescriptors(removedDescriptors);
-        const QuotaNotifyInboxStore inbox{configuration};
-        if (!entries.empty()) inbox.upsert(entries);
-        if (!removedEntries.empty()) inbox.deleteMessages(removedEntries);
+        if (!snapshots.empty() || !removedSources.empty()) {
+            const QuotaSourceSnapshotStore sources{configuration};
+            for (const auto& snapshot : snapshots) sources.upsert(snapshot, std::nullopt, QuotaSourceSyncChannel::kvs);
+            for (const auto& source : removedSources) sources.removeRecordsWithSourceID(source);
+        }
+        if (!descriptors.empty() || !removedDescriptors.empty()) {
+            const QuotaSessionCatalogStore catalog{configuration};
+            for (const auto& [source, list] : descriptors) catalog.upsertBatch(list, source);
+            if (!removedDescriptors.empty()) catalog.removeDescriptors(removedDescriptors);
+        }
+        if (!entries.empty() || !removedEntries.empty()) {
+            const QuotaNotifyInboxStore inbox{configuration};
+            if (!entries.empty()) inbox.upsert(entries);
+            if (!removedEntries.empty()) inbox.deleteMessages(removedEntries);
+        }
     }
 };
 
