@@ -168,11 +168,6 @@ std::string PostgresConnection::description() const {
     return text(pq.user(c)) + "@" + text(pq.host(c)) + ":" + text(pq.port(c)) + "/" + text(pq.db(c));
 }
 
-std::string PostgresConnection::user() const {
-    const char* user = libpq().user(handle_->connection);
-    return user ? user : "";
-}
-
 bool PostgresConnection::hasPassword(const std::string& connectionString) {
     const Libpq& pq = libpq();
     char* error = nullptr;

@@ -81,8 +81,6 @@ public:
 
     // "alice@/run/postgresql:5432/gaugepoint": who is connected where, without any secret.
     std::string description() const;
-    // The role the server knows this connection as.
-    std::string user() const;
 
     // Whether `connectionString` carries a password (which this program will not store).
     // Throws PostgresError when it does not parse.

@@ -357,13 +357,33 @@ std::string SameAccountSync::setup() const {
     return link.description();
 }
 
+namespace {
+
+// What a push and a pull start from: the epoch agreed with the server, and this machine's state
+// of that server.
+struct Opened {
+    std::string epoch;
+    SyncStateStore states;
+    SyncServerState state;
+};
+
+Opened open(SameAccountSync::Link& link, const QuotaSyncConfiguration& configuration) {
+    Opened opened{reconciledEpoch(link, configuration), SyncStateStore{configuration}, {}};
+    opened.state = opened.states.server(link.key());
+    opened.state.description = link.description();
+    return opened;
+}
+
+}  // namespace
+
 SyncPushSummary SameAccountSync::push() const {
     Link link{options_};
+    Opened opened = open(link, configuration_);  // named members: lambdas below capture them
+    const std::string& epoch = opened.epoch;
+    const SyncStateStore& states = opened.states;
+    SyncServerState& state = opened.state;
     SyncPushSummary summary;
-    summary.epoch = reconciledEpoch(link, configuration_);
-    const SyncStateStore states{configuration_};
-    SyncServerState state = states.server(link.key());
-    state.description = link.description();
+    summary.epoch = epoch;
     if (state.pushedEpoch != summary.epoch) {
         // A new epoch: everything this machine has is pushed again under it.
         QuotaSessionCatalogStore{configuration_}.updateWatermark(deviceKey(state.key),
@@ -386,11 +406,12 @@ SyncPushSummary SameAccountSync::push() const {
 
 SyncPullSummary SameAccountSync::pull() const {
     Link link{options_};
+    Opened opened = open(link, configuration_);  // named members: lambdas below capture them
+    const std::string& epoch = opened.epoch;
+    const SyncStateStore& states = opened.states;
+    SyncServerState& state = opened.state;
     SyncPullSummary summary;
-    summary.epoch = reconciledEpoch(link, configuration_);
-    const SyncStateStore states{configuration_};
-    SyncServerState state = states.server(link.key());
-    state.description = link.description();
+    summary.epoch = epoch;
     const std::string local = configuration_.localSourceID();
     std::int64_t pulled = 0;
     for (;;) {

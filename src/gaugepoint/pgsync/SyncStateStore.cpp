@@ -71,16 +71,6 @@ SyncServerState SyncStateStore::server(std::string_view key) const {
     });
 }
 
-std::vector<SyncServerState> SyncStateStore::servers() const {
-    return runState([&](sqlite::Connection& c) {
-        const std::string sql = std::string("SELECT ") + kServerColumns + " FROM sync_servers ORDER BY server_key";
-        sqlite::Statement select{c, sql.c_str(), "prepare sync servers", "execute sync servers"};
-        std::vector<SyncServerState> all;
-        while (select.step()) all.push_back(serverFrom(select));
-        return all;
-    });
-}
-
 std::unordered_map<std::string, std::string> SyncStateStore::tags(std::string_view key,
                                                                    const std::vector<std::string>& names) const {
     return runState([&](sqlite::Connection& c) {

@@ -58,7 +58,6 @@ public:
 
     // The server's state; a fresh one (nothing pulled) for a server not seen before. Throws.
     SyncServerState server(std::string_view key) const;
-    std::vector<SyncServerState> servers() const;
 
     // The change tags last seen of these records (absent: never seen). Throws.
     std::unordered_map<std::string, std::string> tags(std::string_view key, const std::vector<std::string>& names) const;

@@ -93,34 +93,37 @@ void time(JsonWriter& w, const char* key, const std::optional<Date>& date) {
     }
 }
 
-}  // namespace
-
-std::string periods(const UsagePeriodReport& report, UsagePeriod period, bool pretty) {
+// {"<key>": [a row each], "totals": {...}}: the frame of the period and session documents.
+template <class Row, class WriteRow>
+std::string rowsDocument(const char* key, const std::vector<Row>& rows, const UsageTotals& totals, bool pretty,
+                         WriteRow&& writeRow) {
     JsonWriter w{pretty};
     w.beginObject();
-    w.key(arrayKey(period));
+    w.key(key);
     w.beginArray();
-    for (const auto& row : report.rows) {
+    for (const auto& row : rows) {
         w.beginObject();
-        field(w, rowKey(period), row.period);
+        writeRow(w, row);
         tokenFields(w, row.totals.tokens);
         costFields(w, row.totals);
         breakdowns(w, row.totals);
         w.endObject();
     }
     w.endArray();
-    totalsObject(w, report.totals);
+    totalsObject(w, totals);
     w.endObject();
     return w.take();
 }
 
+}  // namespace
+
+std::string periods(const UsagePeriodReport& report, UsagePeriod period, bool pretty) {
+    return rowsDocument(arrayKey(period), report.rows, report.totals, pretty,
+                        [&](JsonWriter& w, const UsagePeriodRow& row) { field(w, rowKey(period), row.period); });
+}
+
 std::string sessions(const UsageSessionReport& report, bool pretty) {
-    JsonWriter w{pretty};
-    w.beginObject();
-    w.key("sessions");
-    w.beginArray();
-    for (const auto& row : report.rows) {
-        w.beginObject();
+    return rowsDocument("sessions", report.rows, report.totals, pretty, [](JsonWriter& w, const UsageSessionRow& row) {
         field(w, "sessionId", row.sessionID);
         field(w, "provider", row.providerID);
         w.key("projectPath");
@@ -130,15 +133,7 @@ std::string sessions(const UsageSessionReport& report, bool pretty) {
             w.null();
         }
         time(w, "lastActivity", row.lastActivity);
-        tokenFields(w, row.totals.tokens);
-        costFields(w, row.totals);
-        breakdowns(w, row.totals);
-        w.endObject();
-    }
-    w.endArray();
-    totalsObject(w, report.totals);
-    w.endObject();
-    return w.take();
+    });
 }
 
 std::string blocks(const std::vector<UsageBlock>& blocks, bool pretty) {

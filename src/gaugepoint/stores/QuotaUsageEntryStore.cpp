@@ -560,26 +560,55 @@ std::optional<std::string> QuotaUsageEntryStore::sessionProjectPath(const Sessio
     return path;
 }
 
+namespace {
+
+// " AND provider_id = :provider AND <time> >= :since AND <time> < :until", as far as given, and
+// its binding: the one filter of every read of counted entries.
+struct EntryFilter {
+    const std::optional<std::string>& providerID;
+    std::optional<double> since, until;  // seconds since 1970, or whole quarter hours for the sums
+
+    std::string sql(std::string_view provider, std::string_view time) const {
+        std::string text;
+        if (providerID) text += " AND " + std::string(provider) + " = :provider";
+        if (since) text += " AND " + std::string(time) + " >= :since";
+        if (until) text += " AND " + std::string(time) + " < :until";
+        return text;
+    }
+    void bind(sqlite::Statement& s) const {
+        if (providerID) s.bind(s.parameterIndex(":provider"), *providerID);
+        if (since) s.bind(s.parameterIndex(":since"), *since);
+        if (until) s.bind(s.parameterIndex(":until"), *until);
+    }
+};
+
+std::optional<double> seconds(std::optional<Date> date) {
+    if (!date) return std::nullopt;
+    return secondsSince1970(*date);
+}
+
+// The first quarter hour that starts at or after `date`.
+std::optional<double> firstQuarterFrom(std::optional<Date> date) {
+    if (!date) return std::nullopt;
+    return std::ceil(std::clamp(secondsSince1970(*date), -1e15, 1e15) / 900);
+}
+
+}  // namespace
+
 std::vector<QuotaUsageEntry> QuotaUsageEntryStore::countedEntries(const std::optional<std::string>& providerID,
                                                                   std::optional<Date> since, std::optional<Date> until) const {
+    const EntryFilter filter{providerID, seconds(since), seconds(until)};
     std::string sql =
         "SELECT provider_id, session_id, dedup_key, timestamp, model, input_tokens, output_tokens, cache_read_tokens,\n"
         "       cache_write_tokens, cost_usd\nFROM usage_entries";
     // By time: left to itself the planner goes through the session index and reads every entry
     // of the provider, when the few of the last day were asked for.
     if (since || until) sql += " INDEXED BY idx_ue_time";
-    sql += " WHERE counted = 1";
-    if (providerID) sql += " AND provider_id = ?";
-    if (since) sql += " AND timestamp >= ?";
-    if (until) sql += " AND timestamp < ?";
-    sql += "\nORDER BY timestamp, id";
+    sql += " WHERE counted = 1" + filter.sql("provider_id", "timestamp") + "\nORDER BY timestamp, id";
     std::vector<QuotaUsageEntry> entries;
     registry_.withConnection([&](sqlite::Connection& connection) {
         sqlite::Statement select{connection, sql.c_str(), "prepare usage entries", "execute usage entries"};
-        int index = 1;
-        if (providerID) select.bind(index++, *providerID);
-        if (since) select.bind(index++, secondsSince1970(*since));
-        if (until) select.bind(index, secondsSince1970(*until));
+        filter.bind(select);
         entries = readEntries(select);
     });
     return entries;
@@ -596,11 +625,6 @@ QuotaSessionTokenUsage groupTokens(const sqlite::Statement& row, int first) {
     return tokens;
 }
 
-// The first quarter hour that starts at or after `date`.
-std::int64_t firstQuarterFrom(Date date) {
-    return std::int64_t(std::ceil(std::clamp(secondsSince1970(date), -1e15, 1e15) / 900));
-}
-
 constexpr const char* kGroupedColumns =
     "IFNULL(cost_usd, 0) > 0 AS reported, COUNT(*), SUM(input_tokens), SUM(output_tokens), SUM(cache_read_tokens),\n"
     "       SUM(cache_write_tokens), SUM(cost_usd)";
@@ -612,18 +636,14 @@ std::vector<QuotaUsageEntryStore::UsageBucket> QuotaUsageEntryStore::usageBucket
                                                                                  std::optional<Date> until) const {
     // Stored sums of the quarters no write has touched since they were summed, and live sums of
     // the others; the same filter on both halves.
-    std::string filter;
-    if (providerID) filter += " AND provider_id = :provider";
-    if (since) filter += " AND quarter >= :since";
-    if (until) filter += " AND quarter < :until";
+    const EntryFilter filter{providerID, firstQuarterFrom(since), firstQuarterFrom(until)};
     const std::string sql = std::string("SELECT * FROM (\n") + kStoredQuarterSums + "\nUNION ALL\n" + kDirtyQuarterSums +
-                            "GROUP BY d.quarter, u.provider_id, u.model, reported\n) WHERE 1" + filter + "\nORDER BY quarter";
+                            "GROUP BY d.quarter, u.provider_id, u.model, reported\n) WHERE 1" +
+                            filter.sql("provider_id", "quarter") + "\nORDER BY quarter";
     std::vector<UsageBucket> buckets;
     registry_.withConnection([&](sqlite::Connection& connection) {
         sqlite::Statement select{connection, sql.c_str(), "prepare usage buckets", "execute usage buckets"};
-        if (providerID) select.bind(select.parameterIndex(":provider"), *providerID);
-        if (since) select.bind(select.parameterIndex(":since"), firstQuarterFrom(*since));
-        if (until) select.bind(select.parameterIndex(":until"), firstQuarterFrom(*until));
+        filter.bind(select);
         while (select.step()) {
             buckets.push_back({select.integer(0), std::string(select.text(1).value_or("")),
                                std::string(select.text(2).value_or("")), select.integer(4), groupTokens(select, 3)});
@@ -634,20 +654,16 @@ std::vector<QuotaUsageEntryStore::UsageBucket> QuotaUsageEntryStore::usageBucket
 
 std::vector<QuotaUsageEntryStore::SessionModelUsage> QuotaUsageEntryStore::sessionModelUsage(
     const std::optional<std::string>& providerID, std::optional<Date> since, std::optional<Date> until) const {
-    std::string sql = std::string("SELECT u.provider_id, u.session_id, u.model, MAX(u.timestamp),\n       ") +
-                      kGroupedColumns + ", s.project_path\nFROM usage_entries u\n" +
-                      "LEFT JOIN import_sessions s ON s.provider_id = u.provider_id AND s.session_id = u.session_id\n" +
-                      "WHERE u.counted = 1";
-    if (providerID) sql += " AND u.provider_id = :provider";
-    if (since) sql += " AND u.timestamp >= :since";
-    if (until) sql += " AND u.timestamp < :until";
-    sql += "\nGROUP BY u.provider_id, u.session_id, u.model, reported";
+    const EntryFilter filter{providerID, seconds(since), seconds(until)};
+    const std::string sql = std::string("SELECT u.provider_id, u.session_id, u.model, MAX(u.timestamp),\n       ") +
+                            kGroupedColumns + ", s.project_path\nFROM usage_entries u\n" +
+                            "LEFT JOIN import_sessions s ON s.provider_id = u.provider_id AND s.session_id = u.session_id\n" +
+                            "WHERE u.counted = 1" + filter.sql("u.provider_id", "u.timestamp") +
+                            "\nGROUP BY u.provider_id, u.session_id, u.model, reported";
     std::vector<SessionModelUsage> rows;
     registry_.withConnection([&](sqlite::Connection& connection) {
         sqlite::Statement select{connection, sql.c_str(), "prepare session usage", "execute session usage"};
-        if (providerID) select.bind(select.parameterIndex(":provider"), *providerID);
-        if (since) select.bind(select.parameterIndex(":since"), secondsSince1970(*since));
-        if (until) select.bind(select.parameterIndex(":until"), secondsSince1970(*until));
+        filter.bind(select);
         while (select.step()) {
             rows.push_back({{std::string(select.text(0).value_or("")), std::string(select.text(1).value_or(""))},
                             std::string(select.text(2).value_or("")), select.integer(5), groupTokens(select, 4),
