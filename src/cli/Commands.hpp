@@ -23,5 +23,6 @@ void registerSyncCommand(CLI::App& root, GlobalOptions& globals);
 void registerSyncServerCommands(CLI::App& syncGroup, GlobalOptions& globals);
 void registerScanCommand(CLI::App& root, GlobalOptions& globals);
 void registerReportCommand(CLI::App& root, GlobalOptions& globals);
+void registerStatusLineCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

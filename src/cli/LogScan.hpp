@@ -20,7 +20,8 @@ struct LogHomesOptions {
 };
 
 // Imports what the logs added since the last scan, then makes this machine's quota snapshot and
-// stores it (history, token ledger, source record). Throws gaugepoint::Error.
+// stores it (source record; history and token ledger when a figure changed). With a pinned
+// clock (--now) nothing is published. Throws gaugepoint::Error.
 QuotaScanSummary scanAndPublish(const QuotaScanOptions& options, const GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

@@ -2,12 +2,14 @@
 
 #include <unistd.h>
 
+#include <charconv>
 #include <chrono>
 #include <cstdio>
 
 #include "Commands.hpp"
 #include "LogScan.hpp"
 #include "SyncServer.hpp"
+#include "gaugepoint/reports/ClaudeBlockLimit.hpp"
 #include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
 
 namespace gaugepoint::cli {
@@ -16,7 +18,7 @@ namespace {
 struct ScanCommandOptions {
     LogHomesOptions homes;
     std::string capture = "metadataOnly";
-    std::optional<std::int64_t> claudeBlockLimit;
+    std::string claudeBlockLimit;  // a number of tokens, "auto", or 0 to remove
     bool quiet = false;
     bool verbose = false;
 };
@@ -47,6 +49,18 @@ private:
     std::chrono::steady_clock::time_point start_;
 };
 
+// "auto", or a whole number of tokens (0 removes the setting).
+ClaudeBlockLimitSetting parseBlockLimit(const std::string& text) {
+    if (text == "auto") return {std::nullopt, true};
+    std::int64_t tokens = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), tokens);
+    if (error != std::errc() || end != text.data() + text.size() || tokens < 0) {
+        throw UsageError("--claude-block-limit takes a number of tokens or auto, e.g. --claude-block-limit 880000 (0 "
+                         "removes it); got \"" + text + "\"");
+    }
+    return {tokens > 0 ? std::optional(tokens) : std::nullopt, false};
+}
+
 std::string summaryLine(const QuotaScanSummary& s) {
     std::string line = counted(s.filesRead, "file") + " read, " + groupedInteger(s.filesUnchanged) + " unchanged";
     if (s.filesSkipped > 0) line += ", " + groupedInteger(s.filesSkipped) + " skipped";
@@ -61,9 +75,9 @@ void scan(const ScanCommandOptions& options, const GlobalOptions& globals) {
     QuotaScanOptions scanOptions;
     scanOptions.capture = parseEnumeration<QuotaSessionContentCaptureMode>(options.capture, "--capture");
     options.homes.applyTo(scanOptions);
-    if (options.claudeBlockLimit) {
-        LocalQuotaSnapshot::setClaudeBlockTokenLimit(*resolveConfiguration(globals).userDefaults,
-                                                     *options.claudeBlockLimit);
+    if (!options.claudeBlockLimit.empty()) {
+        ClaudeBlockLimit::setSetting(*resolveConfiguration(globals).userDefaults,
+                                     parseBlockLimit(options.claudeBlockLimit));
     }
     ProgressLine progress;
     if (!options.quiet && !globals.json) {
@@ -115,6 +129,9 @@ void LogHomesOptions::applyTo(QuotaScanOptions& options) const {
 QuotaScanSummary scanAndPublish(const QuotaScanOptions& options, const GlobalOptions& globals) {
     const QuotaSyncConfiguration configuration = resolveConfiguration(globals);
     const QuotaScanSummary summary = QuotaLogScanner{configuration}.scan(options);
+    // A pinned clock is for looking: a snapshot dated by it would put a false reading in the
+    // stores (faces make this machine's snapshot for that moment themselves).
+    if (!globals.now.empty()) return summary;
     const auto snapshot = LocalQuotaSnapshot::make(configuration, resolveNow(globals),
                                                    LocalCalendar::current(LocalCalendar::Kind::gregorian));
     LocalQuotaSnapshot::publish(snapshot, configuration);
@@ -131,10 +148,10 @@ void registerScanCommand(CLI::App& root, GlobalOptions& globals) {
         ->option_text("MODE")
         ->check(CLI::IsMember(enumerationNames<QuotaSessionContentCaptureMode>()));
     command->add_option("--claude-block-limit", options->claudeBlockLimit,
-                        "Tokens of a Claude five-hour block that count as 100 %: the widget then shows the active "
-                        "block as a window (kept for later scans; 0 removes it)")
-        ->option_text("N")
-        ->check(CLI::NonNegativeNumber);
+                        "Tokens of a Claude five-hour block that count as 100 %, or auto (estimated from past blocks): "
+                        "without official readings from the status line, the active block shows as an estimated "
+                        "window (kept for later scans; 0 removes it)")
+        ->option_text("N|auto");
     command->add_flag("--quiet", options->quiet, "Print nothing unless the scan fails");
     command->add_flag("--verbose", options->verbose, "Name every skipped line and file");
     command->callback([options, &globals] { scan(*options, globals); });

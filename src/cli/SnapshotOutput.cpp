@@ -33,7 +33,8 @@ QuotaSnapshot SnapshotInput::read(std::string_view commandName) const {
 }
 
 void printWidget(const QuotaSnapshot& snapshot, std::string_view format, const GlobalOptions& globals) {
-    const QuotaWidgetView view = QuotaWidgetView::make(snapshot, resolveNow(globals), resolveLanguage(globals));
+    const auto policy = QuotaFreshnessPolicy::fromDefaults(*resolveConfiguration(globals).userDefaults);
+    const QuotaWidgetView view = QuotaWidgetView::make(snapshot, resolveNow(globals), resolveLanguage(globals), policy);
     if (format == "json") {
         printJson(view);
     } else if (format == "waybar") {

@@ -2,6 +2,9 @@
 // snapshot file, this machine's own snapshot (made by `gaugepoint scan`), or the newest
 // snapshot in the source snapshot store.
 
+#include <algorithm>
+#include <iostream>
+
 #include "Commands.hpp"
 #include "SnapshotOutput.hpp"
 #include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
@@ -15,7 +18,17 @@ struct WidgetOptions {
     std::string snapshotPath;
     std::string format = "text";
     bool fromSources = false;
+    bool strict = false;
     std::string sourceID;
+    std::vector<std::string> providers;
+};
+
+const char* const kNoSnapshot = "no quota snapshot yet: run `gaugepoint scan` to make one from the logs of the coding tools";
+
+// A missing snapshot: an error for scripts (--strict), else nothing to show.
+class NoSnapshot : public Error {
+public:
+    using Error::Error;
 };
 
 // Every source's snapshot as one: each provider named with its machine when there are several,
@@ -27,6 +40,8 @@ QuotaSnapshot combined(const QuotaSourceSnapshotRegistry& registry) {
         all.generatedAt = std::max(all.generatedAt, record.snapshot.generatedAt);
         for (auto provider : record.snapshot.providers) {
             if (registry.entries.size() > 1) provider.displayName = record.sourceName + " · " + provider.displayName;
+            // Each provider is as old as its own snapshot, not as the newest of them.
+            if (!provider.updatedAt) provider.updatedAt = record.snapshot.generatedAt;
             all.providers.push_back(std::move(provider));
         }
     }
@@ -37,7 +52,7 @@ QuotaSnapshot combined(const QuotaSourceSnapshotRegistry& registry) {
 QuotaSnapshot storedSnapshot(const WidgetOptions& options, const GlobalOptions& globals) {
     const QuotaSourceSnapshotStore store{resolveConfiguration(globals)};
     const auto registry = store.load();
-    if (registry.entries.empty()) throw Error("no stored source snapshots in " + store.databaseURL().string());
+    if (registry.entries.empty()) throw NoSnapshot("no stored source snapshots in " + store.databaseURL().string());
     if (options.sourceID.empty()) return combined(registry);
     for (const auto& record : registry.entries) {
         if (record.id == options.sourceID || record.sourceID == options.sourceID) return record.snapshot;
@@ -45,22 +60,62 @@ QuotaSnapshot storedSnapshot(const WidgetOptions& options, const GlobalOptions& 
     throw Error("no stored snapshot of source \"" + options.sourceID + "\"");
 }
 
+// This machine's snapshot: as stored by the last scan, or, with a pinned clock (or none stored),
+// made now from what the scans imported.
+std::optional<QuotaSnapshot> thisMachine(const GlobalOptions& globals) {
+    const auto configuration = resolveConfiguration(globals);
+    if (globals.now.empty()) {
+        if (auto stored = LocalQuotaSnapshot::latest(configuration)) return stored;
+    }
+    try {
+        auto made = LocalQuotaSnapshot::make(configuration, resolveNow(globals),
+                                             LocalCalendar::current(LocalCalendar::Kind::gregorian));
+        if (!made.providers.empty()) return made;
+    } catch (const Error&) {
+        // nothing imported yet
+    }
+    return std::nullopt;
+}
+
 // The sibling app's file when it is there, else this machine's own snapshot.
 QuotaSnapshot defaultSnapshot(const GlobalOptions& globals) {
     const auto sibling = TallybarSnapshotImporter::defaultSourceURL();
     std::error_code error;
     if (std::filesystem::exists(sibling, error)) return readSiblingSnapshot(sibling.string());
-    if (auto own = LocalQuotaSnapshot::latest(resolveConfiguration(globals))) return std::move(*own);
-    throw Error("no quota snapshot yet: run `gaugepoint scan` to make one from the logs of the coding tools");
+    if (auto own = thisMachine(globals)) return std::move(*own);
+    throw NoSnapshot(kNoSnapshot);
+}
+
+// Keeps the providers named with --provider, in the snapshot's order.
+void keepProviders(QuotaSnapshot& snapshot, const std::vector<std::string>& ids) {
+    if (ids.empty()) return;
+    std::erase_if(snapshot.providers, [&](const ProviderQuota& p) {
+        return std::find(ids.begin(), ids.end(), p.id) == ids.end();
+    });
+}
+
+// What a status bar shows before the first scan: a placeholder instead of an error.
+void printPlaceholder(std::string_view format, const GlobalOptions& globals, const std::string& reason) {
+    std::cerr << "gaugepoint: " << reason << "\n";
+    if (format == "text" || format == "line") return writeOutput("-", "gaugepoint: no quota reading yet\n");
+    printWidget(QuotaSnapshot{}, format, globals);
 }
 
 void run(const WidgetOptions& options, const GlobalOptions& globals) {
     resolveNow(globals);  // a malformed --now is a usage error before any file is touched
     if (!options.sourceID.empty() && !options.fromSources) throw UsageError("--source needs --from-sources");
-    const QuotaSnapshot snapshot = options.fromSources          ? storedSnapshot(options, globals)
-                                   : options.snapshotPath.empty() ? defaultSnapshot(globals)
-                                                                  : readSiblingSnapshot(options.snapshotPath);
-    printWidget(snapshot, globals.json ? "json" : options.format, globals);
+    const std::string format = globals.json ? "json" : options.format;
+    QuotaSnapshot snapshot;
+    try {
+        snapshot = options.fromSources          ? storedSnapshot(options, globals)
+                   : options.snapshotPath.empty() ? defaultSnapshot(globals)
+                                                  : readSiblingSnapshot(options.snapshotPath);
+    } catch (const NoSnapshot& e) {
+        if (options.strict) throw;
+        return printPlaceholder(format, globals, e.what());
+    }
+    keepProviders(snapshot, options.providers);
+    printWidget(snapshot, format, globals);
 }
 
 }  // namespace
@@ -78,11 +133,15 @@ void registerWidgetCommand(CLI::App& root, GlobalOptions& globals) {
         ->excludes(snapshot);
     widget->add_option("--source", options->sourceID, "With --from-sources: that source's snapshot (record or source id)")
         ->option_text("ID");
+    widget->add_option("--provider", options->providers, "Only this provider (repeatable): claude, codex, gemini, ...")
+        ->option_text("ID");
     widget->add_option("--format", options->format,
                        "text (aligned lines), json, waybar (a status-bar module) or line (one short line for tmux, "
                        "i3blocks, Polybar)")
         ->check(CLI::IsMember({"text", "json", "waybar", "line"}))
         ->option_text("FORMAT");
+    widget->add_flag("--strict", options->strict,
+                     "Fail (exit 1) when there is no snapshot at all, instead of printing a placeholder");
     widget->callback([options, &globals] { run(*options, globals); });
 }
 

@@ -53,7 +53,9 @@ int main(int argc, char** argv) {
         ->option_text("DIR")->group("Global options");
     root.add_option("--lang", globals.lang, "Interface language code (en, zh-Hans, ...)")
         ->option_text("CODE")->group("Global options");
-    root.add_option("--now", globals.now, "Reference time instead of the clock")
+    root.add_option("--now", globals.now,
+                    "Show everything as of this moment instead of the clock; nothing dated by it is written to the "
+                    "stores")
         ->option_text("ISO8601")->group("Global options");
     root.add_flag("--json", globals.json, "Print data as one JSON document")->group("Global options");
 
@@ -72,6 +74,7 @@ int main(int argc, char** argv) {
     registerSyncCommand(root, globals);
     registerScanCommand(root, globals);
     registerReportCommand(root, globals);
+    registerStatusLineCommand(root, globals);
 
     try {
         root.parse(argc, argv);

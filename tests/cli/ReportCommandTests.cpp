@@ -99,9 +99,14 @@ TEST_F(ReportCommand, BadOptionsAreUsageErrorsOfOneLine) {
 }
 
 TEST_F(ReportCommand, TheWidgetShowsThisMachinesSnapshotWhenThereIsNoSiblingFile) {
-    const auto none = gaugepoint(with({"widget"}, false));
+    const auto none = gaugepoint(with({"widget", "--strict"}, false));
     EXPECT_EQ(none.exitCode, 1);
     EXPECT_NE(none.err.find("run `gaugepoint scan`"), std::string::npos) << none.err;
+    const auto bar = gaugepoint(with({"widget", "--format", "waybar"}, false));  // a status bar gets a placeholder
+    EXPECT_EQ(bar.exitCode, 0);
+    EXPECT_EQ(json::parse(bar.out).at("text").as_string(), "-");
+
+    // A scan with a pinned clock stores no snapshot dated by it; the widget makes one for that moment.
 
     const std::string now = "2026-11-06T21:00:00Z";  // after the newest Codex event, before its 5h reset
     ASSERT_EQ(gaugepoint(with({"scan", "--quiet", "--now", now})).exitCode, 0);
@@ -110,16 +115,20 @@ TEST_F(ReportCommand, TheWidgetShowsThisMachinesSnapshotWhenThereIsNoSiblingFile
     const auto module = json::parse(waybar.out);
     EXPECT_EQ(module.at("text").as_string(), "Codex 5h 99.2%");
     const std::string tooltip{module.at("tooltip").as_string()};
-    EXPECT_NE(tooltip.find("Codex 5h 99.2% left · refresh in 5h\n  1w 99.6% left · refresh in 6d"), std::string::npos)
+    EXPECT_NE(tooltip.find("Codex 5h 99.2% left · refresh in 5h · no pace yet\n  1w 99.6% left · refresh in 6d · 21% behind"),
+              std::string::npos)
         << tooltip;
+    EXPECT_EQ(gaugepoint(with({"sources", "list", "--json"}, false)).out.find("Codex"), std::string::npos);
     EXPECT_EQ(gaugepoint(with({"widget", "--format", "line", "--now", now}, false)).out, "Codex 5h 99.2% left · in 5h\n");
 
     // A block limit, kept for later scans, turns the active Claude block into the tightest window.
     const std::string during = "2026-11-05T15:00:00Z";
+    const std::string estimated = "Claude 5h est. 50% left · in 4h · runs out ~Thu 16:00, 3 h before reset\n";
     ASSERT_EQ(gaugepoint(with({"scan", "--quiet", "--now", during, "--claude-block-limit", "440470"})).exitCode, 0);
-    EXPECT_EQ(gaugepoint(with({"widget", "--format", "line", "--now", during}, false)).out, "Claude 5h 50% left · in 4h\n");
+    EXPECT_EQ(gaugepoint(with({"widget", "--format", "line", "--now", during}, false)).out, estimated);
     ASSERT_EQ(gaugepoint(with({"scan", "--quiet", "--now", during})).exitCode, 0);
-    EXPECT_EQ(gaugepoint(with({"widget", "--format", "line", "--now", during}, false)).out, "Claude 5h 50% left · in 4h\n");
+    EXPECT_EQ(gaugepoint(with({"widget", "--format", "line", "--now", during}, false)).out, estimated);
+    EXPECT_EQ(gaugepoint(with({"scan", "--claude-block-limit", "lots"})).exitCode, 2);
 }
 
 }  // namespace

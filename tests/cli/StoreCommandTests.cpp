@@ -66,14 +66,17 @@ TEST(SourcesCommand, UpsertsShowsRemovesAndFeedsTheWidget) {
     EXPECT_EQ(run(dir, {"sources", "show", "nobody"}).exitCode, 1);
 
     const auto widget = run(dir, {"widget", "--from-sources", "--source", "mac-studio"});
-    EXPECT_EQ(widget.out, "Claude  5h  58% left  ·  refresh in 2h\n");
+    EXPECT_EQ(widget.out, "Claude  5h  58% left  ·  refresh in 2h  ·  28% behind · as of 30 min ago\n");
     EXPECT_EQ(run(dir, {"widget", "--from-sources", "--source", "nobody"}).exitCode, 1);
 
     EXPECT_EQ(run(dir, {"sources", "remove", "--pairing-token", "tok"}).out, "1 record removed\n");
     EXPECT_EQ(run(dir, {"sources", "remove", "mac-studio", "--source-id", "x"}).exitCode, 2);
     EXPECT_EQ(run(dir, {"sources", "trim", "--older-than", "60"}).out, "0 records removed\n");
     EXPECT_EQ(run(dir, {"sources", "clear"}).out, "1 record removed\n");
-    EXPECT_EQ(run(dir, {"widget", "--from-sources"}).exitCode, 1);
+    EXPECT_EQ(run(dir, {"widget", "--from-sources", "--strict"}).exitCode, 1);
+    const auto placeholder = run(dir, {"widget", "--from-sources", "--format", "line"});  // a status bar
+    EXPECT_EQ(placeholder.exitCode, 0);
+    EXPECT_EQ(placeholder.out, "gaugepoint: no quota reading yet\n");
 }
 
 }  // namespace

@@ -37,8 +37,9 @@ protected:
 };
 
 TEST_F(SyncServerCommand, AScanOnOneMachineReachesTheOtherMachinesWidgetAndReports) {
-    const auto scan = on("laptop", {"scan", "--now", "2026-11-06T21:00:00Z", "--claude-dir", logs + "/claude", "--codex-dir",
-                                    logs + "/codex", "--gemini-dir", logs + "/gemini"});
+    // Without --now: a scan with a pinned clock publishes no snapshot to push.
+    const auto scan = on("laptop", {"scan", "--claude-dir", logs + "/claude", "--codex-dir", logs + "/codex",
+                                    "--gemini-dir", logs + "/gemini"});
     ASSERT_EQ(scan.exitCode, 0) << scan.err;
     EXPECT_NE(scan.out.find("\npushed 2 source records, 32 sessions, 0 notifications and 0 deletions to alice@"),
               std::string::npos)

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "ImporterTestSupport.hpp"
+#include "gaugepoint/model/QuotaReadingOrigin.hpp"
+#include "gaugepoint/reports/ClaudeBlockLimit.hpp"
 #include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
 #include "gaugepoint/reports/UsageBlocks.hpp"
 #include "gaugepoint/reports/UsagePeriods.hpp"
@@ -137,12 +139,11 @@ TEST_F(SampleReports, TheLocalSnapshotShowsTheNewestCodexLimitsAndTheUsageOfEach
     EXPECT_EQ(claude->tokenUsage->sessionTokens, 0);  // no active block a day after the last entry
     EXPECT_EQ(claude->dailyTokenUsage->front().dayKey, "2026-10-18");
 
-    // Once the five-hour window has reset it reads unused until the logs say more.
+    // The snapshot keeps the reading as reported, also once its reset has passed: a face shows
+    // such a window as reset, and needs the reset time to say when.
     const auto later = LocalQuotaSnapshot::make(tree->configuration, at("2026-11-08T00:00:00Z"), zone("UTC"));
-    const auto& primary = providerOf(later, "codex")->windows.at(0);
-    EXPECT_EQ(primary.id, "primary");
-    EXPECT_EQ(primary.usedPercent, 0);
-    EXPECT_FALSE(primary.resetsAt);
+    EXPECT_EQ(providerOf(later, "codex")->windows, codex->windows);
+    EXPECT_EQ(providerOf(later, "gemini")->updatedAt, at("2026-11-08T00:00:00Z"));
     // Thirty days after the first entries, the oldest days have left the totals.
     EXPECT_EQ(providerOf(LocalQuotaSnapshot::make(tree->configuration, at("2026-11-18T12:00:00Z"), zone("UTC")), "claude")
                   ->dailyTokenUsage->front().dayKey,
@@ -152,20 +153,26 @@ TEST_F(SampleReports, TheLocalSnapshotShowsTheNewestCodexLimitsAndTheUsageOfEach
 TEST_F(SampleReports, ABlockLimitMakesTheActiveClaudeBlockAWindow) {
     auto configuration = tree->configuration;
     configuration.userDefaults = std::make_shared<InMemoryUserDefaults>();
-    LocalQuotaSnapshot::setClaudeBlockTokenLimit(*configuration.userDefaults, 440470);
-    EXPECT_EQ(LocalQuotaSnapshot::claudeBlockTokenLimit(*configuration.userDefaults), 440470);
+    ClaudeBlockLimit::setSetting(*configuration.userDefaults, {440470, false});
+    EXPECT_EQ(ClaudeBlockLimit::setting(*configuration.userDefaults), (ClaudeBlockLimitSetting{440470, false}));
     const auto snapshot = LocalQuotaSnapshot::make(configuration, at("2026-11-05T15:00:00Z"), zone("UTC"));
     const auto* claude = providerOf(snapshot, "claude");
     ASSERT_EQ(claude->windows.size(), 1u);
     EXPECT_DOUBLE_EQ(claude->windows[0].usedPercent, 50);  // 220,235 of 440,470
     EXPECT_EQ(claude->windows[0].windowMinutes, 300);
     EXPECT_EQ(claude->windows[0].resetsAt, at("2026-11-05T19:00:00Z"));
+    EXPECT_TRUE(QuotaReadingOrigin::isEstimated(claude->windows[0]));
     EXPECT_EQ(claude->tokenUsage->sessionTokens, 220235);
     // Between blocks the window is there, unused.
     const auto idle = LocalQuotaSnapshot::make(configuration, at("2026-11-20T00:00:00Z"), zone("UTC"));
     EXPECT_EQ(providerOf(idle, "claude")->windows.at(0).usedPercent, 0);
-    LocalQuotaSnapshot::setClaudeBlockTokenLimit(*configuration.userDefaults, std::nullopt);
-    EXPECT_FALSE(LocalQuotaSnapshot::claudeBlockTokenLimit(*configuration.userDefaults));
+    // "auto": the sample has too few heavy blocks for an estimate, so Claude shows no window.
+    ClaudeBlockLimit::setSetting(*configuration.userDefaults, {std::nullopt, true});
+    EXPECT_TRUE(ClaudeBlockLimit::setting(*configuration.userDefaults).automatic);
+    EXPECT_TRUE(providerOf(LocalQuotaSnapshot::make(configuration, at("2026-11-05T15:00:00Z"), zone("UTC")), "claude")
+                    ->windows.empty());
+    ClaudeBlockLimit::setSetting(*configuration.userDefaults, {});
+    EXPECT_EQ(ClaudeBlockLimit::setting(*configuration.userDefaults), ClaudeBlockLimitSetting{});
 }
 
 TEST_F(SampleReports, PublishingStoresTheSnapshotInHistoryLedgerAndSources) {
@@ -190,6 +197,14 @@ TEST_F(SampleReports, PublishingStoresTheSnapshotInHistoryLedgerAndSources) {
     sameSnapshot(QuotaHistoryStore{configuration}.latestSnapshot());
     const auto days = QuotaSessionTokenLedger{configuration}.dailySummary("test-machine", "codex", 60);
     EXPECT_FALSE(days.empty());
+
+    // The same figures a minute later change nothing; five minutes later only refresh the record.
+    const auto again = LocalQuotaSnapshot::make(configuration, at("2026-11-06T21:01:00Z"), zone("UTC"));
+    EXPECT_EQ(LocalQuotaSnapshot::publish(again, configuration), (LocalQuotaSnapshot::PublishResult{false, false}));
+    const auto refreshed = LocalQuotaSnapshot::make(configuration, at("2026-11-06T21:05:00Z"), zone("UTC"));
+    EXPECT_EQ(LocalQuotaSnapshot::publish(refreshed, configuration), (LocalQuotaSnapshot::PublishResult{false, true}));
+    EXPECT_EQ(QuotaHistoryStore{configuration}.loadTimeline().snapshots.size(), 1u);
+    EXPECT_EQ(LocalQuotaSnapshot::latest(configuration)->generatedAt, at("2026-11-06T21:05:00Z"));
     configuration.sourceID = "another-machine";
     EXPECT_FALSE(LocalQuotaSnapshot::latest(configuration));
 }

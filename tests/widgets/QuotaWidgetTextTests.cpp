@@ -100,15 +100,16 @@ TEST(WidgetView, JsonHasTheRequiredKeysAndLeavesOutAbsentValues) {
 }
 
 TEST(WidgetText, AlignsOneLinePerProvider) {
+    // Claude's weekly window has less left than its top (5h) window, so it makes the headline.
     const auto lines = QuotaWidgetText::providerLines(QuotaWidgetView::make(sample(), kNow, "en"));
     EXPECT_EQ(lines,
-              "Claude      5h  58% left  ·  refresh in 2h\n"
-              "Codex       5h  88% left  ·  refresh in 4h  ·  Credits 120\n"
+              "Claude      1w  36.5% left  ·  refresh in 3d  ·  5% ahead · runs out ~Mon 17:32, 14 h before reset\n"
+              "Codex       5h    88% left  ·  refresh in 4h  ·  Credits 120  ·  17% behind\n"
               "OpenRouter  Balance $18.42\n");
     const auto chinese = QuotaWidgetText::providerLines(QuotaWidgetView::make(sample(), kNow, "zh-Hans"));
     EXPECT_EQ(chinese,
-              "Claude      5h  剩余 58%  ·  2 小时后刷新\n"
-              "Codex       5h  剩余 88%  ·  4 小时后刷新  ·  积分 120\n"
+              "Claude      1w  剩余 36.5%  ·  3 天后刷新  ·  比均速快 5% · 约 周一 17:32 用完，比重置早 14 小时\n"
+              "Codex       5h    剩余 88%  ·  4 小时后刷新  ·  积分 120  ·  比均速慢 17%\n"
               "OpenRouter  余额 $18.42\n");
 }
 
@@ -120,10 +121,11 @@ TEST(WidgetText, NamesFromFilesStayOnOneLineAndCreditsKeepTheirColumn) {
     snapshot.providers[0].windows[1].semantic = QuotaWindowSemantic::generic;
     snapshot.providers[0].windows[1].resetsAt.reset();
     snapshot.providers[0].creditsRemaining = 7;
+    snapshot.providers[0].windows[0].usedPercent = 10;  // the generic window keeps the headline
     const auto lines = QuotaWidgetText::providerLines(QuotaWidgetView::make(snapshot, kNow, "en"));
     EXPECT_EQ(lines,
               "Clau de     Line1  Line2  58% left                    ·  Credits 7\n"
-              "Codex       5h            88% left  ·  refresh in 4h  ·  Credits 120\n"
+              "Codex       5h            88% left  ·  refresh in 4h  ·  Credits 120  ·  17% behind\n"
               "OpenRouter  Balance $18.42\n");
 }
 
@@ -146,8 +148,9 @@ TEST(Waybar, TooltipListsEveryProviderAndTheJsonIsOneLine) {
     EXPECT_EQ(module.text, "Claude 1w 36.5%");
     EXPECT_EQ(module.percentage, 37);
     EXPECT_EQ(module.tooltip,
-              "Claude 5h 58% left · refresh in 2h\n  1w 36.5% left · refresh in 3d\n"
-              "Codex 5h 88% left · refresh in 4h · Credits 120\nOpenRouter Balance $18.42");
+              "Claude 1w 36.5% left · refresh in 3d · 5% ahead · runs out ~Mon 17:32, 14 h before reset\n"
+              "  5h 58% left · refresh in 2h · 23% behind\n"
+              "Codex 5h 88% left · refresh in 4h · Credits 120 · 17% behind\nOpenRouter Balance $18.42");
     const std::string line = QuotaWidgetText::waybarJSON(module);
     EXPECT_EQ(line.find('\n'), std::string::npos);
     EXPECT_EQ(json::parse(line).at("class").as_string(), "ok");

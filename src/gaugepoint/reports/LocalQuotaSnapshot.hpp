@@ -2,16 +2,18 @@
 
 // This machine's own quota snapshot, made from what the log import recorded, for a widget on a
 // machine without the companion app:
-//   codex   the windows of the newest rate limits in its logs (a window whose reset has passed
-//           reads 0 % used, without a reset), updated at that event's time;
-//   claude  the active five-hour block as a window when the user set a block token limit;
+//   codex   the windows of the newest rate limits in its logs, as reported (a face shows a window
+//           whose reset has passed as reset), updated at that event's time;
+//   claude  the official five-hour and weekly windows Claude Code's status line reported, while
+//           their period lasts; else the active five-hour block as an estimated window when a
+//           block limit is set or estimated (ClaudeBlockLimit); else the official windows as
+//           they were last reported;
 //   each provider with usage: tokenUsage (the active block's tokens and cost as the session,
 //           and the last 30 local days) and dailyTokenUsage (those days that had usage).
-// The source is this machine (QuotaSyncConfiguration::localSourceID()).
+// Every provider's updatedAt says when its reading was taken. The source is this machine
+// (QuotaSyncConfiguration::localSourceID()).
 
-#include <cstdint>
 #include <optional>
-#include <string_view>
 
 #include "gaugepoint/model/QuotaSnapshot.hpp"
 #include "gaugepoint/platform/LocalCalendar.hpp"
@@ -19,20 +21,32 @@
 
 namespace gaugepoint::LocalQuotaSnapshot {
 
-// The user default that holds the Claude block token limit (a positive integer).
-constexpr std::string_view claudeBlockTokenLimitKey = "quota.claudeBlockTokenLimit";
-std::optional<std::int64_t> claudeBlockTokenLimit(const UserDefaults& defaults);
-// Stores the limit; none removes it. Throws gaugepoint::Error when the defaults cannot be kept.
-void setClaudeBlockTokenLimit(UserDefaults& defaults, std::optional<std::int64_t> limit);
+// This machine as the source of a snapshot.
+QuotaSnapshotSource source(const QuotaSyncConfiguration& configuration);
 
-// The snapshot at `now`, its days those of `calendar` (Gregorian). Throws
+// The snapshot at `now`, its days those of `calendar` (Gregorian). Official Claude readings are
+// taken from this machine's stored record when they are not newer than `now`. Throws
 // QuotaSessionFileRegistryError when the imported records cannot be read.
 QuotaSnapshot make(const QuotaSyncConfiguration& configuration, Date now, const LocalCalendar& calendar);
 
-// Appends the snapshot to the history (kept configuration.historyRetentionDays), records its
-// days in the token ledger and stores it as this machine's source record. Throws the stores'
-// errors.
-void publish(const QuotaSnapshot& snapshot, const QuotaSyncConfiguration& configuration);
+// What publish() wrote.
+struct PublishResult {
+    bool readingsChanged = false;  // a figure differs from the stored snapshot: history and ledger got it
+    bool recordWritten = false;    // the source record was replaced
+    bool operator==(const PublishResult&) const = default;
+};
+
+// Stores the snapshot as this machine's source record, in one transaction with what is stored:
+// official Claude readings that arrived after the snapshot was made are kept. When a figure
+// changed, also appends it to the history (kept configuration.historyRetentionDays) and records
+// its days in the token ledger. When nothing changed the record is only refreshed once its
+// readings are five minutes old, so an idle scan every minute writes almost nothing. Throws the
+// stores' errors.
+PublishResult publish(const QuotaSnapshot& snapshot, const QuotaSyncConfiguration& configuration);
+
+// Whether two snapshots hold the same figures: equal but for when they were made and when each
+// provider was read, and for the last bits of a double that a store's JSON gives back.
+bool sameReadings(const QuotaSnapshot& a, const QuotaSnapshot& b);
 
 // This machine's newest stored snapshot; none when there is none or it cannot be read.
 std::optional<QuotaSnapshot> latest(const QuotaSyncConfiguration& configuration) noexcept;

@@ -153,6 +153,30 @@ QuotaSourceSnapshotRecord QuotaSourceSnapshotStore::upsert(const QuotaSnapshot& 
     return record;
 }
 
+std::optional<QuotaSourceSnapshotRecord> QuotaSourceSnapshotStore::update(std::string_view id,
+                                                                          QuotaSourceSyncChannel channel,
+                                                                          const SnapshotChange& change) const {
+    return runSources([&](sqlite::Connection& connection) -> std::optional<QuotaSourceSnapshotRecord> {
+        sqlite::Transaction transaction{connection, "update"};
+        std::optional<QuotaSnapshot> stored;
+        {
+            sqlite::Statement select{connection, kSelectOne.c_str(), "prepare update", "execute update"};
+            select.bind(1, id);
+            if (select.step()) {
+                if (auto record = recordFromRow(select)) stored = std::move(record->snapshot);
+            }
+        }
+        auto changed = change(stored);
+        if (!changed) return std::nullopt;
+        QuotaSourceSnapshotRecord record = recordFor(*changed, std::nullopt, channel);
+        sqlite::Statement insert{connection, kInsert, "prepare update", "execute update"};
+        bindRecord(insert, record);
+        insert.run();
+        transaction.commit();
+        return record;
+    });
+}
+
 void QuotaSourceSnapshotStore::save(const QuotaSourceSnapshotRegistry& registry) const {
     runSources([&](sqlite::Connection& connection) {
         sqlite::Transaction transaction{connection, "save"};

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -51,6 +52,13 @@ public:
     // Stores `snapshot` as the newest record of its source (see recordFor) and returns it. Throws.
     QuotaSourceSnapshotRecord upsert(const QuotaSnapshot& snapshot, const std::optional<std::string>& pairingToken,
                                      QuotaSourceSyncChannel channel) const;
+    // Replaces record `id` by what `change` makes of its snapshot (none when there is no such
+    // record or it cannot be read), read and written in one immediate transaction, so that
+    // concurrent writers never lose each other's changes; `change` returning none writes
+    // nothing. Returns the record written, if any. Throws.
+    using SnapshotChange = std::function<std::optional<QuotaSnapshot>(const std::optional<QuotaSnapshot>&)>;
+    std::optional<QuotaSourceSnapshotRecord> update(std::string_view id, QuotaSourceSyncChannel channel,
+                                                    const SnapshotChange& change) const;
     // Replaces the whole table by `registry`, in one transaction. Throws.
     void save(const QuotaSourceSnapshotRegistry& registry) const;
     // Deletes by row id, source identifier or pairing token; each returns how many rows went. Throws.

@@ -17,6 +17,18 @@ std::shared_ptr<SQLiteConnectionHolder> SQLiteConnectionHolder::shared(const std
     return slot;
 }
 
+namespace {
+std::atomic<std::int64_t> busyTimeoutMilliseconds{2000};
+}  // namespace
+
+void SQLiteConnectionHolder::setBusyTimeout(std::chrono::milliseconds timeout) {
+    busyTimeoutMilliseconds.store(timeout.count());
+}
+
+std::chrono::milliseconds SQLiteConnectionHolder::busyTimeout() {
+    return std::chrono::milliseconds(busyTimeoutMilliseconds.load());
+}
+
 SQLiteConnectionHolder::~SQLiteConnectionHolder() { close(); }
 
 void SQLiteConnectionHolder::close() {
@@ -34,10 +46,10 @@ void SQLiteConnectionHolder::open(const SQLiteStoreSetup& setup) {
     }
     try {
         sqlite::Connection connection{db_};
-        constexpr std::chrono::milliseconds kBusyTimeout{2000};
-        if (sqlite3_busy_timeout(db_, kBusyTimeout.count()) != SQLITE_OK) connection.fail("set busy timeout");
+        const std::chrono::milliseconds kBusyTimeout = busyTimeout();
+        if (sqlite3_busy_timeout(db_, int(kBusyTimeout.count())) != SQLITE_OK) connection.fail("set busy timeout");
         // Switching a new file to WAL while the other process does the same is refused at once
-        // rather than waited for; it gets the same 2 s as any other lock.
+        // rather than waited for; it gets the same time as any other lock.
         connection.execWaitingOutLocks("PRAGMA journal_mode=WAL", "set journal mode", kBusyTimeout);
         connection.exec("PRAGMA synchronous=NORMAL", "set synchronous");
         connection.exec("PRAGMA mmap_size=268435456", "set mmap size");

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -29,6 +31,11 @@ public:
     // The memory map every connection is set up with (PRAGMA mmap_size): 256 MiB.
     static constexpr std::int64_t memoryMapBytes = 268435456;
 
+    // How long a connection opened from now on waits for another process's lock: 2000 ms unless
+    // a command that must answer within a budget (a status line) sets less. Process-wide.
+    static void setBusyTimeout(std::chrono::milliseconds timeout);
+    static std::chrono::milliseconds busyTimeout();
+
     // The holder of `file`, shared by every store value that uses that file.
     static std::shared_ptr<SQLiteConnectionHolder> shared(const std::filesystem::path& file);
 
@@ -39,7 +46,7 @@ public:
 
     // Runs `operation` on the set-up connection while holding dbLock. When the connection is
     // not open, first runs `beforeOpen` (under the lock), then opens (read-write, create,
-    // full mutex), sets the 2000 ms busy timeout, the WAL journal, synchronous NORMAL and a
+    // full mutex), sets the busy timeout (above), the WAL journal, synchronous NORMAL and a
     // 256 MiB memory map, ensures the schema and migrates. Throws sqlite::Failure.
     template <class Operation>
     auto withConnection(const SQLiteStoreSetup& setup, Operation&& operation,

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "gaugepoint/quota/QuotaReadingText.hpp"
 #include "gaugepoint/widgets/QuotaProductCatalog.hpp"
 
 namespace gaugepoint {
@@ -10,12 +11,14 @@ namespace {
 using QuotaFormatting::ResetAbsoluteStyle;
 using QuotaFormatting::ResetRelativeStyle;
 
-QuotaWidgetWindowView windowView(const QuotaWindow& window, Date now, std::string_view language) {
+QuotaWidgetWindowView windowView(const QuotaWindowNow& reading, Date now, std::string_view language) {
+    const QuotaWindow& window = reading.window;
     QuotaWidgetWindowView view;
     view.id = window.id;
     view.semantic = window.semantic;
     view.label = window.widgetLabel();
     view.detailLabel = window.localizedLabel(language);
+    view.reading = reading.estimated ? "estimated" : "official";
     view.usedPercent = window.usedPercent;
     view.usedText = QuotaFormatting::percent(window.usedPercent);
     view.remainingPercent = window.remainingPercent();
@@ -26,6 +29,13 @@ QuotaWidgetWindowView windowView(const QuotaWindow& window, Date now, std::strin
     view.resetCompactText = QuotaFormatting::resetRelativeText(window.resetsAt, now, language, ResetRelativeStyle::compact);
     view.resetSummaryText = QuotaFormatting::resetSummaryText(window.resetsAt, now, language, ResetRelativeStyle::standard,
                                                               ResetAbsoluteStyle::timeOnly);
+    if (reading.resetPassed) {
+        view.resetPassed = true;
+        view.resetText = view.resetSummaryText = QuotaReadingText::resetPassed(*window.resetsAt, now, language);
+        view.resetCompactText = isChineseLanguage(language) ? "已重置" : "reset";
+    }
+    view.pace = reading.pace;
+    view.paceText = QuotaReadingText::paceText(reading, language);
     return view;
 }
 
@@ -53,7 +63,9 @@ std::optional<std::string> usageText(const std::optional<QuotaTokenUsageSummary>
     return tokens + " tokens" + (cost ? " · " + *cost : "") + " in 30 days";
 }
 
-QuotaWidgetProviderView providerView(const ProviderQuota& provider, Date now, std::string_view language) {
+QuotaWidgetProviderView providerView(const ProviderQuota& provider, Date generatedAt, Date now,
+                                     std::string_view language, const QuotaFreshnessPolicy& policy) {
+    const QuotaProviderNow reading = quotaProviderNow(provider, generatedAt, now, policy);
     QuotaWidgetProviderView view;
     view.id = provider.id;
     view.displayName = provider.displayName;
@@ -65,20 +77,26 @@ QuotaWidgetProviderView providerView(const ProviderQuota& provider, Date now, st
     }
     view.usageText = usageText(provider.tokenUsage, language);
     if (const auto top = provider.topWindow()) view.topWindowID = top->id;
-    view.windows.reserve(provider.windows.size());
-    for (const auto& window : provider.windows) view.windows.push_back(windowView(window, now, language));
+    if (const auto* headline = reading.constraining()) view.headlineWindowID = headline->window.id;
+    view.observedAt = reading.observedAt;
+    view.ageSeconds = std::int64_t(reading.ageSeconds);
+    view.stale = reading.stale;
+    if (reading.stale) view.ageText = QuotaReadingText::asOf(reading.ageSeconds, language);
+    view.windows.reserve(reading.windows.size());
+    for (const auto& window : reading.windows) view.windows.push_back(windowView(window, now, language));
     return view;
 }
 
 }  // namespace
 
-QuotaWidgetView QuotaWidgetView::make(const QuotaSnapshot& snapshot, Date now, std::string_view language) {
+QuotaWidgetView QuotaWidgetView::make(const QuotaSnapshot& snapshot, Date now, std::string_view language,
+                                      const QuotaFreshnessPolicy& policy) {
     QuotaWidgetView view;
     view.generatedAt = snapshot.generatedAt;
     view.nextResetAt = snapshot.nextResetAt();
     view.language = std::string(language);
     view.providers.reserve(snapshot.providers.size());
-    for (const auto& provider : snapshot.providers) view.providers.push_back(providerView(provider, now, language));
+    for (const auto& provider : snapshot.providers) view.providers.push_back(providerView(provider, snapshot.generatedAt, now, language, policy));
     return view;
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "gaugepoint/model/QuotaFormatting.hpp"
+#include "gaugepoint/quota/QuotaReading.hpp"
 
 namespace gaugepoint {
 
@@ -19,7 +20,8 @@ struct QuotaWidgetWindowView {
     QuotaWindowSemantic semantic = QuotaWindowSemantic::generic;
     std::string label;        // widgetLabel
     std::string detailLabel;  // localizedLabel
-    double usedPercent = 0;
+    std::string reading;  // "official" (reported by the service) or "estimated" (ours)
+    double usedPercent = 0;  // as of now: 0 once the reset has passed without a newer reading
     std::string usedText;
     double remainingPercent = 0;
     std::string remainingText;
@@ -28,10 +30,13 @@ struct QuotaWidgetWindowView {
     std::string resetText;         // relative, standard style
     std::string resetCompactText;  // relative, compact style
     std::string resetSummaryText;  // standard style with the clock time
+    bool resetPassed = false;      // resetsAt has passed: texts say "reset at 14:00, no reading since"
+    std::optional<QuotaPace> pace;
+    std::optional<std::string> paceText;  // "12% ahead · runs out ~Thu 14:00, 1 day before reset"
 };
 BOOST_DESCRIBE_STRUCT(QuotaWidgetWindowView, (),
-                      (id, semantic, label, detailLabel, usedPercent, usedText, remainingPercent, remainingText,
-                       progress, resetsAt, resetText, resetCompactText, resetSummaryText))
+                      (id, semantic, label, detailLabel, reading, usedPercent, usedText, remainingPercent, remainingText,
+                       progress, resetsAt, resetText, resetCompactText, resetSummaryText, resetPassed, pace, paceText))
 
 struct QuotaWidgetProviderView {
     std::string id;
@@ -43,10 +48,17 @@ struct QuotaWidgetProviderView {
     // Tokens and cost of the last 30 days when known: "3.1M tokens · $5.49 in 30 days".
     std::optional<std::string> usageText;
     std::optional<std::string> topWindowID;
+    // The window with the least left: it decides the provider's headline.
+    std::optional<std::string> headlineWindowID;
+    Date observedAt;              // when the provider's figures were read
+    std::int64_t ageSeconds = 0;  // how long ago, at the view's moment
+    bool stale = false;           // older than the freshness threshold
+    std::optional<std::string> ageText;  // "as of 12 min ago", only when stale
     std::vector<QuotaWidgetWindowView> windows;  // in the provider's stored order
 };
 BOOST_DESCRIBE_STRUCT(QuotaWidgetProviderView, (),
-                      (id, displayName, quotaStrategy, status, creditsText, balanceText, usageText, topWindowID, windows))
+                      (id, displayName, quotaStrategy, status, creditsText, balanceText, usageText, topWindowID,
+                       headlineWindowID, observedAt, ageSeconds, stale, ageText, windows))
 
 struct QuotaWidgetView {
     Date generatedAt;
@@ -54,8 +66,10 @@ struct QuotaWidgetView {
     std::string language;
     std::vector<QuotaWidgetProviderView> providers;
 
-    // The view of `snapshot` at `now` in `language`. Clock times use the user's locale.
-    static QuotaWidgetView make(const QuotaSnapshot& snapshot, Date now, std::string_view language);
+    // The view of `snapshot` at `now` in `language`; readings older than `policy` allows are
+    // stale. Clock times use the user's locale.
+    static QuotaWidgetView make(const QuotaSnapshot& snapshot, Date now, std::string_view language,
+                                const QuotaFreshnessPolicy& policy = {});
 };
 BOOST_DESCRIBE_STRUCT(QuotaWidgetView, (), (generatedAt, nextResetAt, language, providers))
 
