@@ -33,9 +33,13 @@ demo: bootstrap
 	@$(DEMO_GP) scan $(LOGS) --now $(LOGS_NOW)
 	@echo; echo "== gaugepoint report daily --since 2026-11-01"
 	@$(DEMO_GP) report daily --no-scan --timezone UTC --since 2026-11-01
-	@echo; echo "== gaugepoint widget (this machine's snapshot, made by the scan)"
+	@echo; echo "== gaugepoint widget (this machine's snapshot, made from the imported logs)"
 	@$(DEMO_GP) widget --now $(LOGS_NOW)
 	@$(DEMO_GP) widget --now $(LOGS_NOW) --format line
+	@echo; echo "== gaugepoint statusline (Claude Code's status line, fed its sample input with resets from now)"
+	@now=$$(date +%s); sed -e "s/1795400000/$$((now + 7200))/" -e "s/1795900000/$$((now + 300000))/" \
+		examples/statusline-input.json | $(DEMO_GP) statusline --format plain
+	@$(DEMO_GP) widget --provider claude
 
 test: build
 	@ctest --preset release -j $(JOBS)
