@@ -215,7 +215,7 @@ void registerCatalogCommand(CLI::App& root, GlobalOptions& globals) {
     settingsCommand->add_option("--provider-url", options->providerURL, "Provider catalogue address")->option_text("URL");
     settingsCommand->add_option("--model-url", options->modelURL, "Model catalogue address")->option_text("URL");
     settingsCommand->add_option("--interval-hours", options->intervalHours, "Hours between scheduled refreshes")
-        ->option_text("N")->check(CLI::PositiveNumber);
+        ->option_text("N")->check(Values::wholeNumber(1, "24"));
     settingsCommand->callback([options, &globals] { settings(*options, globals); });
 }
 

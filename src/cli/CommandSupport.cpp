@@ -1,9 +1,11 @@
 #include "CommandSupport.hpp"
+#include "TextTable.hpp"
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 
 #include "gaugepoint/model/QuotaLanguagePreference.hpp"
 #include "gaugepoint/platform/Files.hpp"
@@ -15,7 +17,8 @@ namespace gaugepoint::cli {
 CLI::App* addGroup(CLI::App& parent, const std::string& name, const std::string& description) {
     CLI::App* command = parent.add_subcommand(name, description);  // inherits fallthrough from the root
     command->footer(
-        "Global options, before or after the command words: --app-group-dir DIR, --lang CODE, --now ISO8601, --json");
+        "Global options, before or after the command words: --app-group-dir DIR, --lang CODE, --now ISO8601, --json, "
+        "--compact, --wide, --no-color");
     return command;
 }
 
@@ -31,6 +34,21 @@ Date resolveNow(const GlobalOptions& globals) {
     throw UsageError("--now: expected an ISO 8601 date such as 2026-11-21T13:19:00Z, got \"" + globals.now + "\"");
 }
 
+LocalCalendar systemCalendar() {
+    if (const char* tz = std::getenv("TZ"); tz && *tz) {
+        std::string_view name = tz;
+        if (name.front() == ':') name.remove_prefix(1);
+        // An IANA name ("Europe/Berlin", "UTC") must be one the database knows; POSIX rules
+        // ("CET-1CEST,M3.5.0") are left to the system.
+        const bool ianaName = name.find_first_of("0123456789,<>+") == std::string_view::npos;
+        if (ianaName && !name.empty() && !name.starts_with("/") && !LocalCalendar::inTimeZone(name)) {
+            throw UsageError("TZ names an unknown time zone \"" + std::string(tz) +
+                             "\"; set a zone such as UTC or Europe/Berlin, e.g. TZ=Europe/Berlin");
+        }
+    }
+    return LocalCalendar::current(LocalCalendar::Kind::gregorian);
+}
+
 std::string resolveLanguage(const GlobalOptions& globals) {
     QuotaLanguagePreference preference;
     if (!globals.lang.empty()) preference = QuotaLanguagePreference::explicitLanguage(globals.lang);
@@ -44,7 +62,7 @@ InputLimit BulkInputLimit::of(std::string what) const {
 void addMaxInputBytesOption(CLI::App& command, BulkInputLimit& limit) {
     command.add_option("--max-input-bytes", limit.maxBytes, "Refuse inputs larger than N bytes (default 1 GiB)")
         ->option_text("N")
-        ->check(CLI::PositiveNumber);
+        ->check(Values::wholeNumber(1, "2147483648"));
 }
 
 std::string readInput(const std::string& path, const InputLimit& limit) { return readInputFile(path, limit); }
@@ -141,26 +159,10 @@ std::string usdCentsText(double value) {
 }
 
 std::string alignedRows(const std::vector<std::vector<std::string>>& rows, const std::vector<bool>& rightAligned) {
-    std::vector<std::size_t> widths;
-    for (const auto& row : rows) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], displayWidth(row[i]));
-    }
-    std::string text;
-    for (const auto& row : rows) {
-        std::string line;
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            const std::size_t fill = widths[i] - displayWidth(row[i]);
-            const bool right = i < rightAligned.size() && rightAligned[i];
-            if (right) line.append(fill, ' ');
-            line += row[i];
-            if (!right && i + 1 < row.size()) line.append(fill, ' ');
-            if (i + 1 < row.size()) line += "  ";
-        }
-        while (!line.empty() && line.back() == ' ') line.pop_back();  // an empty last cell leaves no blanks
-        text += line + "\n";
-    }
-    return text;
+    TableFormat format;
+    format.rightAligned = rightAligned;
+    format.header = false;
+    return renderTable(rows, format);
 }
 
 }  // namespace gaugepoint::cli

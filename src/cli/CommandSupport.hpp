@@ -18,7 +18,9 @@
 #include "gaugepoint/platform/Files.hpp"
 #include "gaugepoint/platform/InputFile.hpp"
 #include "gaugepoint/platform/Json.hpp"
+#include "gaugepoint/platform/LocalCalendar.hpp"
 #include "gaugepoint/platform/QuotaSyncConfiguration.hpp"
+#include "OptionValues.hpp"
 
 namespace gaugepoint::cli {
 
@@ -28,6 +30,9 @@ struct GlobalOptions {
     std::string lang;         // empty: from the environment
     std::string now;          // ISO 8601; empty: the system clock
     bool json = false;        // data output as one JSON document on stdout
+    bool compact = false;     // tables in their narrow layout, whatever the terminal's width
+    bool wide = false;        // tables with every column, uncut
+    bool noColor = false;     // no colour even on a terminal
 };
 
 // A wrong command line discovered after parsing (exit 2), as opposed to a failed operation (exit 1).
@@ -48,6 +53,10 @@ CLI::App* addGroup(CLI::App& parent, const std::string& name, const std::string&
 
 // The reference time: --now when given (UsageError when malformed), else the system clock.
 Date resolveNow(const GlobalOptions& globals);
+
+// The Gregorian calendar of the system's time zone. Throws UsageError when TZ names a zone the
+// time-zone database does not know (which the system would silently take for UTC).
+LocalCalendar systemCalendar();
 
 // The interface language code: --lang when given, else the environment (LC_ALL, LC_MESSAGES, LANG).
 std::string resolveLanguage(const GlobalOptions& globals);
@@ -156,7 +165,7 @@ std::string usdText(double value);
 std::string usdCentsText(double value);
 
 // Rows of cells as aligned text, columns separated by two blanks; the columns marked in
-// `rightAligned` (numbers) are aligned on the right.
+// `rightAligned` (numbers) are aligned on the right. Fitted to the terminal as TextTable.hpp says.
 std::string alignedRows(const std::vector<std::vector<std::string>>& rows, const std::vector<bool>& rightAligned = {});
 
 // Runs `work`; an allocation failure inside becomes Error("out of memory while <doing>").

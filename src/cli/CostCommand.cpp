@@ -114,7 +114,7 @@ void registerCostCommand(CLI::App& root, GlobalOptions& globals) {
     usage->add_option("--model", options->model, "The model id as the tool wrote it")->option_text("ID")->required();
     usage->add_option("--display-name", options->displayName, "The model's display name")->option_text("NAME");
     const auto count = [&](const char* name, std::int64_t& target, const char* description) {
-        usage->add_option(name, target, description)->option_text("N")->check(CLI::NonNegativeNumber);
+        usage->add_option(name, target, description)->option_text("N")->check(Values::wholeNumber(0, "1200"));
     };
     count("--input", options->usage.inputTokens, "Input tokens, without cached ones (default 0)");
     count("--output", options->usage.outputTokens, "Output tokens (default 0)");

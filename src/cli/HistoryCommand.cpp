@@ -60,11 +60,11 @@ void registerHistoryCommand(CLI::App& root, GlobalOptions& globals) {
     CLI::App* add = addGroup(*group, "append", "Store one snapshot and trim what is older than the retention");
     options->input.addOptions(*add);
     add->add_option("--retention-days", options->retentionDays, "Keep this many days (default 30)")
-        ->option_text("N")->check(CLI::NonNegativeNumber);
+        ->option_text("N")->check(Values::number(0, "30"));
     add->callback([options, &globals] { append(*options, globals); });
 
     CLI::App* list = addGroup(*group, "list", "Show the stored snapshots, oldest first");
-    list->add_option("--days", options->days, "Only the last N days")->option_text("N")->check(CLI::NonNegativeNumber);
+    list->add_option("--days", options->days, "Only the last N days")->option_text("N")->check(Values::number(0, "30"));
     list->callback([options, &globals] {
         const auto store = openStore(globals);
         printTimeline(options->days ? store.loadTimeline(*options->days) : store.loadTimeline(), globals);

@@ -122,7 +122,7 @@ void registerInboxCommand(CLI::App& root, GlobalOptions& globals) {
 
     CLI::App* listCommand = addGroup(*group, "list", "Show one page of entries, newest first");
     listCommand->add_option("--limit", options->limit, "Entries per page (default 50)")
-        ->option_text("N")->check(CLI::Range(std::int64_t{1}, std::int64_t{1'000'000}));
+        ->option_text("N")->check(Values::wholeNumber(1, "50", 1'000'000));
     listCommand->add_option("--before", options->before, "Continue after this cursor (from the previous page)")
         ->option_text("CURSOR");
     listCommand->callback([options, &globals] { list(*options, globals); });
@@ -141,7 +141,7 @@ void registerInboxCommand(CLI::App& root, GlobalOptions& globals) {
     deleteCommand->add_option("--category", options->category, "Every entry of this category")->option_text("NAME");
     deleteCommand->add_option("--thread", options->thread, "Every entry of this thread")->option_text("ID");
     deleteCommand->add_option("--grouping", options->grouping, "What --thread names: thread (default) or group id")
-        ->check(CLI::IsMember({"thread", "group"}))
+        ->check(Values::oneOf({"thread", "group"}))
         ->option_text("thread|group");
     deleteCommand->callback([options, &globals] { remove(*options, globals); });
 
@@ -152,7 +152,7 @@ void registerInboxCommand(CLI::App& root, GlobalOptions& globals) {
 
     CLI::App* trim = addGroup(*group, "trim", "Delete entries created longer ago than an age");
     trim->add_option("--older-than", options->olderThanSeconds, "Age in seconds")
-        ->option_text("SECONDS")->required()->check(CLI::NonNegativeNumber);
+        ->option_text("SECONDS")->required()->check(Values::number(0, "86400"));
     trim->callback([options, &globals] {
         const std::int64_t removed = openStore(globals).trimOldEntries(options->olderThanSeconds);
         printCount("removed", removed, entries(removed) + " removed", globals);

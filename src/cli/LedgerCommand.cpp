@@ -54,12 +54,12 @@ void registerLedgerCommand(CLI::App& root, GlobalOptions& globals) {
     show->add_option("--source", options->sourceID, "The source id")->option_text("ID")->required();
     show->add_option("--provider", options->providerID, "Only this provider")->option_text("ID");
     show->add_option("--days", options->days, "How many local days, today included (default 30)")
-        ->option_text("N")->check(CLI::PositiveNumber);
+        ->option_text("N")->check(Values::wholeNumber(1, "7", 36600));
     show->callback([options, &globals] { summary(*options, globals); });
 
     CLI::App* trim = addGroup(*group, "trim", "Delete the days before the day of now minus an interval");
     trim->add_option("--older-than", options->olderThanSeconds, "The interval in seconds")
-        ->option_text("SECONDS")->required()->check(CLI::NonNegativeNumber);
+        ->option_text("SECONDS")->required()->check(Values::number(0, "2592000"));
     trim->callback([options, &globals] { printRemovedCount(openLedger(globals).trimOldEntries(options->olderThanSeconds), "row", globals); });
 
     addGroup(*group, "clear", "Delete every row")->callback([&globals] { printRemovedCount(openLedger(globals).clear(), "row", globals); });

@@ -97,7 +97,7 @@ void registerRegistryCommand(CLI::App& root, GlobalOptions& globals) {
         command->add_option("--provider", options->providerID, "Provider id (claude, codex, gemini, ...)")->option_text("ID");
         command->add_option("--mode", options->mode, "Capture mode")
             ->option_text("MODE")
-            ->check(CLI::IsMember(enumerationNames<QuotaSessionContentCaptureMode>()));
+            ->check(Values::oneOf(enumerationNames<QuotaSessionContentCaptureMode>()));
         command->add_option("--source", options->sourceID, "Source id")->option_text("ID");
     };
 

@@ -6,6 +6,7 @@
 
 #include "Commands.hpp"
 #include "LogScan.hpp"
+#include "TextTable.hpp"
 #include "gaugepoint/model/QuotaLanguagePreference.hpp"
 #include "gaugepoint/reports/UsageBlocks.hpp"
 #include "gaugepoint/reports/UsagePeriods.hpp"
@@ -22,10 +23,12 @@ struct ReportOptions {
     LogHomesOptions homes;
     bool noScan = false;
     std::string since, until, timezone, provider;
+    std::optional<std::int64_t> last;  // the N most recent periods (days for sessions and blocks)
     bool breakdown = false;
     std::string order = "asc";
     std::string startOfWeek = "sunday";
     bool allSources = false;
+    bool timezoneGiven = false;  // --timezone '' is refused, not taken for the default
 };
 
 // The texts of the tables, English and Chinese.
@@ -89,12 +92,32 @@ std::string modelsCell(const std::vector<std::string>& models) {
     return joined(names) + " +" + std::to_string(more);
 }
 
-// A table whose rows begin with `leading` cells, then models, the token counts and the cost.
+// A leading column of a usage table: its header, and whether a narrow terminal may cut it (ids,
+// paths) or leave it out.
+struct LeadingColumn {
+    std::string header;
+    bool shrinkable = false;
+    bool optional = false;
+};
+
+// A table whose rows begin with `leading` cells, then models, the token counts and the cost. On
+// a narrow terminal the four token counts are left out (the total stays) and the models cut.
 class UsageTable {
 public:
-    UsageTable(std::vector<std::string> leadingHeader, const Words& words, bool breakdown)
-        : leading_(leadingHeader.size()), words_(words), breakdown_(breakdown) {
-        auto header = std::move(leadingHeader);
+    UsageTable(const std::vector<LeadingColumn>& leading, const Words& words, bool breakdown)
+        : leading_(leading.size()), words_(words), breakdown_(breakdown) {
+        std::vector<std::string> header;
+        for (const auto& column : leading) {
+            header.push_back(column.header);
+            format_.shrinkable.push_back(column.shrinkable);
+            format_.optional.push_back(column.optional);
+        }
+        format_.rightAligned.assign(leading_ + 1, false);
+        format_.rightAligned.resize(leading_ + 7, true);
+        format_.shrinkable.push_back(true);  // models
+        format_.optional.push_back(false);
+        format_.optional.insert(format_.optional.end(), {true, true, true, true, false, false});
+        format_.totalRow = true;
         for (const char* h : {words.models, words.input, words.output, words.cacheCreate, words.cacheRead, words.total,
                               words.cost}) {
             header.emplace_back(h);
@@ -132,18 +155,17 @@ public:
         for (auto& cell : tokenCells(totals.tokens)) last.push_back(std::move(cell));
         last.push_back(costCell(totals));
         rows_.push_back(std::move(last));
-        std::vector<bool> right(leading_ + 1, false);
-        right.resize(leading_ + 7, true);
-        std::string text = alignedRows(rows_, right);
+        std::string text = renderTable(rows_, format_);
         if (totals.unpricedTokens > 0) {
             std::vector<std::string> models{unpricedModels_.begin(), unpricedModels_.end()};
-            text += "* " + groupedInteger(totals.unpricedTokens) + words_.unpriced + joined(models) + "\n";
+            text += Ansi::yellow("*") + " " + groupedInteger(totals.unpricedTokens) + words_.unpriced + joined(models) + "\n";
         }
         return text;
     }
 
 private:
     std::size_t leading_;
+    TableFormat format_;
     const Words& words_;
     bool breakdown_;
     std::vector<std::vector<std::string>> rows_;
@@ -153,8 +175,8 @@ private:
 
 std::string titleLine(const char* title, const LocalCalendar& calendar, const UsageReportFilter& filter,
                       const Words& words) {
-    return std::string(title) + " · " + calendar.timeZoneID() + " · " + filter.providerID.value_or(words.allProviders) +
-           "\n\n";
+    return Ansi::bold(std::string(title)) + " · " + calendar.timeZoneID() + " · " +
+           filter.providerID.value_or(words.allProviders) + "\n\n";
 }
 
 // What every printer needs to know of the invocation.
@@ -181,7 +203,7 @@ void printPeriods(const UsagePeriodReport& report, ReportKind kind, const Report
     if (report.rows.empty()) return writeOutput("-", std::string(w.noUsage) + "\n");
     const char* title = kind == ReportKind::weekly ? w.weekly : kind == ReportKind::monthly ? w.monthly : w.daily;
     const char* column = kind == ReportKind::weekly ? w.week : kind == ReportKind::monthly ? w.month : w.date;
-    UsageTable table{{column}, w, context.options.breakdown};
+    UsageTable table{{{column}}, w, context.options.breakdown};
     for (const auto& row : report.rows) table.add({row.period}, row.totals);
     writeOutput("-", context.title(title) + table.text(report.totals));
 }
@@ -190,7 +212,8 @@ void printSessions(const UsageSessionReport& report, const ReportContext& contex
     if (context.globals.json) return writeOutput("-", UsageReportJson::sessions(report) + "\n");
     const Words& w = context.words;
     if (report.rows.empty()) return writeOutput("-", std::string(w.noUsage) + "\n");
-    UsageTable table{{w.session, w.provider, w.project, w.lastActivity}, w, context.options.breakdown};
+    UsageTable table{{{w.session, true}, {w.provider}, {w.project, true}, {w.lastActivity, false, true}},
+                     w, context.options.breakdown};
     for (const auto& row : report.rows) {
         table.add({row.sessionID, row.providerID, row.projectPath.value_or("-"),
                    context.calendar.dayTimeText(row.lastActivity)},
@@ -211,7 +234,7 @@ void printBlocks(const std::vector<UsageBlock>& blocks, const ReportContext& con
     const Words& w = context.words;
     const LocalCalendar& calendar = context.calendar;
     if (blocks.empty()) return writeOutput("-", std::string(w.noUsage) + "\n");
-    UsageTable table{{w.start, w.status}, w, context.options.breakdown};
+    UsageTable table{{{w.start}, {w.status}}, w, context.options.breakdown};
     std::string activeLine;
     for (const auto& block : blocks) {
         const std::string start = calendar.dayTimeText(block.startTime);
@@ -245,21 +268,61 @@ void printBlocks(const std::vector<UsageBlock>& blocks, const ReportContext& con
 }
 
 LocalCalendar reportCalendar(const ReportOptions& options) {
-    if (options.timezone.empty()) return LocalCalendar::current(LocalCalendar::Kind::gregorian);
-    auto calendar = LocalCalendar::inTimeZone(options.timezone, LocalCalendar::Kind::gregorian);
-    if (!calendar) throw UsageError("--timezone: unknown time zone \"" + options.timezone + "\"");
-    return *calendar;
+    if (!options.timezone.empty() || options.timezoneGiven) {
+        auto calendar = LocalCalendar::inTimeZone(options.timezone, LocalCalendar::Kind::gregorian);
+        if (!calendar) {
+            throw UsageError("--timezone takes a time zone such as UTC or Europe/Berlin (got \"" + options.timezone +
+                             "\"), e.g. --timezone UTC");
+        }
+        return *calendar;
+    }
+    return systemCalendar();
 }
 
-UsageReportFilter reportFilter(const ReportOptions& options, ReportKind kind) {
-    UsageReportFilter filter;
-    for (const auto& [text, name, slot] : {std::tuple{&options.since, "--since", &filter.since},
-                                           std::tuple{&options.until, "--until", &filter.until}}) {
-        if (text->empty()) continue;
-        if (!dayNumber(*text)) throw UsageError(std::string(name) + ": expected a day such as 2026-11-18, got \"" + *text + "\"");
-        *slot = *text;
+// A day as people type it: "2026-11-01", "20261101", "today", "yesterday" (in the report's zone).
+std::string dayOption(const std::string& text, const char* name, const LocalCalendar& calendar, Date now) {
+    if (text == "today") return calendar.dayKey(now);
+    if (text == "yesterday") return calendar.dayKey(calendar.addingDays(now, -1));
+    std::string key = text;
+    if (key.size() == 8 && key.find_first_not_of("0123456789") == std::string::npos) {
+        key = key.substr(0, 4) + "-" + key.substr(4, 2) + "-" + key.substr(6, 2);
     }
-    if (filter.since && filter.until && *filter.until < *filter.since) throw UsageError("--until is before --since");
+    if (!dayNumber(key)) {
+        throw UsageError(std::string(name) + " takes a day: YYYY-MM-DD, YYYYMMDD, today or yesterday (got \"" + text +
+                         "\"), e.g. " + name + " 2026-11-01");
+    }
+    return key;
+}
+
+// The first day of the `count` most recent periods of `kind`, today's included.
+std::string firstDayOfLast(std::int64_t count, ReportKind kind, bool weekStartsMonday, const LocalCalendar& calendar,
+                           Date now) {
+    const std::int64_t today = *dayNumber(calendar.dayKey(now));
+    if (kind == ReportKind::weekly) {
+        const int offset = (weekdayOfNumber(today) + 7 - (weekStartsMonday ? 1 : 0)) % 7;
+        return dayKeyOfNumber(today - offset - 7 * (count - 1));
+    }
+    if (kind == ReportKind::monthly) {
+        const std::string key = dayKeyOfNumber(today);
+        std::int64_t months = std::stoll(key.substr(0, 4)) * 12 + std::stoll(key.substr(5, 2)) - 1 - (count - 1);
+        char first[48];
+        std::snprintf(first, sizeof first, "%04lld-%02lld-01", (long long)(months / 12), (long long)(months % 12 + 1));
+        return first;
+    }
+    return dayKeyOfNumber(today - (count - 1));
+}
+
+UsageReportFilter reportFilter(const ReportOptions& options, ReportKind kind, const LocalCalendar& calendar, Date now) {
+    UsageReportFilter filter;
+    if (!options.since.empty()) filter.since = dayOption(options.since, "--since", calendar, now);
+    if (!options.until.empty()) filter.until = dayOption(options.until, "--until", calendar, now);
+    if (options.last) {
+        if (filter.since) throw UsageError("--last and --since say the same thing twice; give one, e.g. --last 7");
+        filter.since = firstDayOfLast(*options.last, kind, options.startOfWeek == "monday", calendar, now);
+    }
+    if (filter.since && filter.until && *filter.until < *filter.since) {
+        throw UsageError("--until " + *filter.until + " is before --since " + *filter.since);
+    }
     if (!options.provider.empty()) filter.providerID = options.provider;
     if (kind == ReportKind::blocks && !filter.providerID) filter.providerID = "claude";
     filter.descending = options.order == "desc";
@@ -269,7 +332,7 @@ UsageReportFilter reportFilter(const ReportOptions& options, ReportKind kind) {
 void run(ReportKind kind, const ReportOptions& options, const GlobalOptions& globals) {
     const Date now = resolveNow(globals);
     const LocalCalendar calendar = reportCalendar(options);
-    const UsageReportFilter filter = reportFilter(options, kind);
+    const UsageReportFilter filter = reportFilter(options, kind, calendar, now);
     if (!options.noScan) {
         QuotaScanOptions scanOptions;
         options.homes.applyTo(scanOptions);
@@ -303,22 +366,32 @@ void addReport(CLI::App& group, const char* name, const char* description, Repor
                const std::shared_ptr<ReportOptions>& options, GlobalOptions& globals) {
     CLI::App* command = addGroup(group, name, description);
     command->add_flag("--no-scan", options->noScan, "Report what the stores hold, without reading the logs first");
-    command->add_option("--since", options->since, "The first day counted (in the report's time zone)")
-        ->option_text("YYYY-MM-DD");
-    command->add_option("--until", options->until, "The last day counted")->option_text("YYYY-MM-DD");
-    command->add_option("--timezone", options->timezone, "The time zone of days, weeks and months (default: the system's)")
-        ->option_text("IANA");
+    command->add_option("-s,--since", options->since,
+                        "The first day counted, in the report's time zone: YYYY-MM-DD, YYYYMMDD, today, yesterday")
+        ->option_text("DAY");
+    command->add_option("-u,--until", options->until, "The last day counted (as --since)")->option_text("DAY");
+    command->add_option("--last", options->last,
+                        kind == ReportKind::session || kind == ReportKind::blocks
+                            ? "The last N days, today included"
+                            : "The N most recent periods, the current one included")
+        ->option_text("N")
+        ->check(Values::wholeNumber(1, "7", 100000));
+    command->add_option("-z,--timezone", options->timezone,
+                        "The time zone of days, weeks and months, e.g. UTC or Europe/Berlin, in any case "
+                        "(default: TZ, else the system's)")
+        ->option_text("ZONE")
+        ->each([options](const std::string&) { options->timezoneGiven = true; });
     command->add_option("--provider", options->provider,
                         kind == ReportKind::blocks ? "claude (default), codex or gemini" : "claude, codex or gemini (default: all)")
-        ->check(CLI::IsMember({"claude", "codex", "gemini"}))
+        ->check(Values::oneOf({"claude", "codex", "gemini"}))
         ->option_text("ID");
-    command->add_flag("--breakdown", options->breakdown, "A row per model under each row");
-    command->add_option("--order", options->order, "asc (default: oldest first) or desc")
-        ->check(CLI::IsMember({"asc", "desc"}))
+    command->add_flag("-b,--breakdown", options->breakdown, "A row per model under each row");
+    command->add_option("-o,--order", options->order, "asc (default: oldest first) or desc")
+        ->check(Values::oneOf({"asc", "desc"}))
         ->option_text("ORDER");
     if (kind == ReportKind::weekly) {
         command->add_option("--start-of-week", options->startOfWeek, "sunday (default) or monday")
-            ->check(CLI::IsMember({"sunday", "monday"}))
+            ->check(Values::oneOf({"sunday", "monday"}))
             ->option_text("DAY");
     }
     if (kind != ReportKind::blocks) {

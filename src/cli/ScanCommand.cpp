@@ -133,7 +133,7 @@ QuotaScanSummary scanAndPublish(const QuotaScanOptions& options, const GlobalOpt
     // stores (faces make this machine's snapshot for that moment themselves).
     if (!globals.now.empty()) return summary;
     const auto snapshot = LocalQuotaSnapshot::make(configuration, resolveNow(globals),
-                                                   LocalCalendar::current(LocalCalendar::Kind::gregorian));
+                                                   systemCalendar());
     LocalQuotaSnapshot::publish(snapshot, configuration);
     return summary;
 }
@@ -146,7 +146,7 @@ void registerScanCommand(CLI::App& root, GlobalOptions& globals) {
                         "How much message text to keep: metadataOnly (default: none), promptsOnly, promptsAndAnswers, "
                         "fullTranscript")
         ->option_text("MODE")
-        ->check(CLI::IsMember(enumerationNames<QuotaSessionContentCaptureMode>()));
+        ->check(Values::oneOf(enumerationNames<QuotaSessionContentCaptureMode>()));
     command->add_option("--claude-block-limit", options->claudeBlockLimit,
                         "Tokens of a Claude five-hour block that count as 100 %, or auto (estimated from past blocks): "
                         "without official readings from the status line, the active block shows as an estimated "

@@ -252,8 +252,8 @@ void registerSessionsCommand(CLI::App& root, GlobalOptions& globals) {
     };
     const auto paging = [&](CLI::App* command, std::int64_t limit) {
         command->add_option("--limit", options->limit, "At most N rows (default " + std::to_string(limit) + ")")
-            ->option_text("N")->check(CLI::PositiveNumber);
-        command->add_option("--offset", options->offset, "Skip N rows")->option_text("N")->check(CLI::NonNegativeNumber);
+            ->option_text("N")->check(Values::wholeNumber(1, "20"));
+        command->add_option("--offset", options->offset, "Skip N rows")->option_text("N")->check(Values::wholeNumber(0, "40"));
     };
 
     CLI::App* import = addGroup(*group, "import", "Store session descriptors, lists of them, or a whole catalogue of a source");
@@ -286,7 +286,7 @@ void registerSessionsCommand(CLI::App& root, GlobalOptions& globals) {
     CLI::App* exportCommand = addGroup(*group, "export", "What changed since this device's last export; then its watermark moves");
     exportCommand->add_option("--device", options->deviceKey, "The device's key")->option_text("KEY")->required();
     exportCommand->add_option("--limit", options->limit, "At most N sessions and N messages (default 50)")
-        ->option_text("N")->check(CLI::PositiveNumber);
+        ->option_text("N")->check(Values::wholeNumber(1, "20"));
     exportCommand->callback([options, &globals] { exportChanges(*options, globals); });
 
     CLI::App* summaryCommand = addGroup(*group, "summary", "How much the catalogue holds");
@@ -297,9 +297,9 @@ void registerSessionsCommand(CLI::App& root, GlobalOptions& globals) {
 
     CLI::App* trimCommand = addGroup(*group, "trim", "Delete old messages (by time) and sessions (by end)");
     trimCommand->add_option("--messages-days", options->messagesDays, "Messages older than N days")
-        ->option_text("N")->check(CLI::NonNegativeNumber);
+        ->option_text("N")->check(Values::number(0, "90"));
     trimCommand->add_option("--descriptors-days", options->descriptorsDays, "Sessions ended more than N days ago")
-        ->option_text("N")->check(CLI::NonNegativeNumber);
+        ->option_text("N")->check(Values::number(0, "365"));
     trimCommand->callback([options, &globals] { trim(*options, globals); });
 }
 

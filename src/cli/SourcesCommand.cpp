@@ -75,7 +75,7 @@ void registerSourcesCommand(CLI::App& root, GlobalOptions& globals) {
     options->input.addOptions(*add);
     add->add_option("--pairing-token", options->pairingToken, "The pairing token it arrived with")->option_text("T");
     add->add_option("--channel", options->channel, "kvs (default) or pairing")
-        ->check(CLI::IsMember({"kvs", "pairing"}))
+        ->check(Values::oneOf({"kvs", "pairing"}))
         ->option_text("CHANNEL");
     add->callback([options, &globals] { upsert(*options, globals); });
 
@@ -93,7 +93,7 @@ void registerSourcesCommand(CLI::App& root, GlobalOptions& globals) {
 
     CLI::App* trim = addGroup(*group, "trim", "Delete old records, keeping the newest of every source");
     trim->add_option("--older-than", options->olderThanSeconds, "Age in seconds")
-        ->option_text("SECONDS")->required()->check(CLI::NonNegativeNumber);
+        ->option_text("SECONDS")->required()->check(Values::number(0, "86400"));
     trim->callback([options, &globals] {
         printRemovedCount(openStore(globals).trimOldEntries(options->olderThanSeconds), "record", globals);
     });

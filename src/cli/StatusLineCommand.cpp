@@ -117,7 +117,7 @@ void registerStatusLineCommand(CLI::App& root, GlobalOptions& globals) {
                                  "prints one line");
     command->add_option("--format", options->format,
                         "ansi (colours), plain or json (default: ansi on a terminal unless NO_COLOR is set, else plain)")
-        ->check(CLI::IsMember({"ansi", "plain", "json"}))
+        ->check(Values::oneOf({"ansi", "plain", "json"}))
         ->option_text("FORMAT");
     std::string names;
     for (const auto name : ClaudeStatusLineText::partNames()) names += (names.empty() ? "{" : ", {") + std::string(name) + "}";

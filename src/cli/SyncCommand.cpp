@@ -208,7 +208,7 @@ void registerSyncCommand(CLI::App& root, GlobalOptions& globals) {
     CLI::App* name = addGroup(*group, "record-name", "Print the cloud record name of a source, session or notification");
     name->add_option("--type", options->kind, "source, snapshot-hot, session, transcript or notify")
         ->required()
-        ->check(CLI::IsMember(kindNames()))
+        ->check(Values::oneOf(kindNames()))
         ->option_text("KIND");
     name->add_option("ids", options->ids, "The identifiers: SOURCE-ID, SOURCE-ID SESSION-ID, or ENVELOPE-ID")
         ->required();
@@ -234,7 +234,7 @@ void registerSyncCommand(CLI::App& root, GlobalOptions& globals) {
     CLI::App* decodeVerb = addGroup(*group, "decode", "Decode a record's JSON form and print the value it carries");
     decodeVerb->add_option("file", options->file, "The record's JSON form (- for standard input)")->required();
     decodeVerb->add_option("--type", options->kind, "Decode as this kind instead of by the record type")
-        ->check(CLI::IsMember(kindNames()))
+        ->check(Values::oneOf(kindNames()))
         ->option_text("KIND");
     decodeVerb->callback([options] { decode(*options); });
 

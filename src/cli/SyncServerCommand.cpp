@@ -115,7 +115,7 @@ CLI::App* addServerVerb(CLI::App& group, const char* name, const char* descripti
                      "Tries again after a failure that may pass (a lost connection, a busy server) at most N times, "
                      "waiting longer each time (default 5)")
         ->option_text("N")
-        ->check(CLI::Range(0, 100));
+        ->check(Values::wholeNumber(0, "5", 100));
     return verb;
 }
 

@@ -69,7 +69,7 @@ std::optional<QuotaSnapshot> thisMachine(const GlobalOptions& globals) {
     }
     try {
         auto made = LocalQuotaSnapshot::make(configuration, resolveNow(globals),
-                                             LocalCalendar::current(LocalCalendar::Kind::gregorian));
+                                             systemCalendar());
         if (!made.providers.empty()) return made;
     } catch (const Error&) {
         // nothing imported yet
@@ -138,7 +138,7 @@ void registerWidgetCommand(CLI::App& root, GlobalOptions& globals) {
     widget->add_option("--format", options->format,
                        "text (aligned lines), json, waybar (a status-bar module) or line (one short line for tmux, "
                        "i3blocks, Polybar)")
-        ->check(CLI::IsMember({"text", "json", "waybar", "line"}))
+        ->check(Values::oneOf({"text", "json", "waybar", "line"}))
         ->option_text("FORMAT");
     widget->add_flag("--strict", options->strict,
                      "Fail (exit 1) when there is no snapshot at all, instead of printing a placeholder");

@@ -1,5 +1,6 @@
 // The gaugepoint command: parses the command line and maps failures to one line and an exit code.
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <iostream>
@@ -7,6 +8,8 @@
 #include <string>
 
 #include "Commands.hpp"
+#include "TextTable.hpp"
+#include "UsageErrors.hpp"
 #include "gaugepoint/platform/Text.hpp"
 
 namespace {
@@ -19,24 +22,6 @@ std::string commandWords(const CLI::App& root) {
         words += (words.empty() ? "" : " ") + app->get_name();
     }
     return words;
-}
-
-// The deepest command given, for a message about what it lacks.
-const CLI::App* deepestCommand(const CLI::App& root) {
-    const CLI::App* app = &root;
-    while (!app->get_subcommands().empty()) app = app->get_subcommands().front();
-    return app;
-}
-
-// "gaugepoint report: choose one of daily, weekly, ..." for a group given without its verb.
-std::string missingVerbMessage(const CLI::App& root) {
-    const CLI::App* group = deepestCommand(root);
-    std::string verbs;
-    for (const CLI::App* verb : group->get_subcommands({})) {
-        verbs += (verbs.empty() ? "" : ", ") + verb->get_name();
-    }
-    const std::string words = commandWords(root);
-    return (words.empty() ? std::string("a command is needed") : words + " needs a command") + ": " + verbs;
 }
 
 }  // namespace
@@ -57,7 +42,13 @@ int main(int argc, char** argv) {
                     "Show everything as of this moment instead of the clock; nothing dated by it is written to the "
                     "stores")
         ->option_text("ISO8601")->group("Global options");
-    root.add_flag("--json", globals.json, "Print data as one JSON document")->group("Global options");
+    root.add_flag("--json,-j", globals.json, "Print data as one JSON document")->group("Global options");
+    root.add_flag("--compact", globals.compact, "Tables in their narrow layout")->group("Global options");
+    root.add_flag("--wide", globals.wide, "Tables with every column, uncut, whatever the terminal's width")
+        ->group("Global options");
+    root.add_flag("--no-color", globals.noColor, "No colour, even on a terminal (also: NO_COLOR=1)")->group("Global options");
+    // Callbacks run inside parse(), after every option was read: the style is set first.
+    root.parse_complete_callback([&globals] { OutputStyle::configure(globals); });
 
     registerWidgetCommand(root, globals);
     registerLzfseCommand(root, globals);
@@ -77,20 +68,18 @@ int main(int argc, char** argv) {
     registerStatusLineCommand(root, globals);
 
     try {
-        root.parse(argc, argv);
+        // CLI11 takes the arguments last first.
+        std::vector<std::string> arguments = normalizedArguments({argv + 1, argv + argc});
+        std::reverse(arguments.begin(), arguments.end());
+        root.parse(arguments);
     } catch (const CLI::CallForHelp& e) {
         return root.exit(e);
     } catch (const CLI::CallForAllHelp& e) {
         return root.exit(e);
     } catch (const CLI::CallForVersion& e) {
         return root.exit(e);
-    } catch (const CLI::RequiredError& e) {
-        const bool verbMissing = std::string(e.what()).find("subcommand") != std::string::npos;
-        std::cerr << "gaugepoint: " << (verbMissing ? missingVerbMessage(root) : gaugepoint::singleLine(e.what()))
-                  << " (see --help)\n";
-        return 2;
     } catch (const CLI::ParseError& e) {
-        std::cerr << "gaugepoint: " << gaugepoint::singleLine(e.what()) << " (see --help)\n";
+        std::cerr << "gaugepoint: " << usageErrorMessage(e, root) << " (see --help)\n";
         return 2;
     } catch (const UsageError& e) {
         std::cerr << "gaugepoint: " << gaugepoint::singleLine(e.what()) << " (see --help)\n";

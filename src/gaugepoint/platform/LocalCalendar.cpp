@@ -1,5 +1,7 @@
 #include "gaugepoint/platform/LocalCalendar.hpp"
 
+#include <memory>
+
 #include <unicode/calendar.h>
 #include <unicode/gregocal.h>
 #include <unicode/smpdtfmt.h>
@@ -52,14 +54,33 @@ LocalCalendar LocalCalendar::current(Kind kind) {
     return LocalCalendar{makeState(icu::TimeZone::detectHostTimeZone(), kind)};
 }
 
-std::optional<LocalCalendar> LocalCalendar::inTimeZone(std::string_view identifier, Kind kind) {
-    icu::TimeZone* zone = icu::TimeZone::createTimeZone(icu::UnicodeString::fromUTF8({identifier.data(), int32_t(identifier.size())}));
-    icu::UnicodeString id;
-    if (!zone || zone->getID(id) == icu::UnicodeString(UCAL_UNKNOWN_ZONE_ID)) {
-        delete zone;
-        return std::nullopt;
+namespace {
+
+// The zone's identifier as ICU writes it when `identifier` names one in another case ("utc",
+// "europe/paris"); the identifier itself otherwise.
+icu::UnicodeString canonicalCase(const icu::UnicodeString& identifier) {
+    UErrorCode status = U_ZERO_ERROR;
+    std::unique_ptr<icu::StringEnumeration> all{icu::TimeZone::createEnumeration(status)};
+    if (U_FAILURE(status) || !all) return identifier;
+    while (const icu::UnicodeString* id = all->snext(status)) {
+        if (U_FAILURE(status)) break;
+        if (id->caseCompare(identifier, U_FOLD_CASE_DEFAULT) == 0) return *id;
     }
-    return LocalCalendar{makeState(zone, kind)};
+    return identifier;
+}
+
+}  // namespace
+
+std::optional<LocalCalendar> LocalCalendar::inTimeZone(std::string_view identifier, Kind kind) {
+    if (identifier.empty()) return std::nullopt;
+    const auto name = icu::UnicodeString::fromUTF8({identifier.data(), int32_t(identifier.size())});
+    for (const auto& candidate : {name, canonicalCase(name)}) {
+        icu::TimeZone* zone = icu::TimeZone::createTimeZone(candidate);
+        icu::UnicodeString id;
+        if (zone && zone->getID(id) != icu::UnicodeString(UCAL_UNKNOWN_ZONE_ID)) return LocalCalendar{makeState(zone, kind)};
+        delete zone;
+    }
+    return std::nullopt;
 }
 
 std::string LocalCalendar::timeZoneID() const {

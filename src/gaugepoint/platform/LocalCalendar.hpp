@@ -20,8 +20,8 @@ public:
 
     // The calendar in the current time zone, as they are at this call.
     static LocalCalendar current(Kind kind = Kind::locale);
-    // The same calendar in the IANA zone `identifier` ("Europe/Berlin"); none for a zone that
-    // the time-zone database does not know.
+    // The same calendar in the IANA zone `identifier` ("Europe/Berlin", in any case: "utc"); none
+    // for an empty name or a zone that the time-zone database does not know.
     static std::optional<LocalCalendar> inTimeZone(std::string_view identifier, Kind kind = Kind::locale);
 
     // The zone's identifier ("America/New_York", "UTC").
