@@ -65,7 +65,8 @@ void listModels(const GlobalOptions& globals) {
 
 void resolveModel(const CatalogOptions& options, const GlobalOptions& globals) {
     loadCatalog(globals);
-    const auto model = QuotaMetadataCatalog::resolvedModel(options.name, options.displayName);
+    auto model = QuotaMetadataCatalog::resolvedModel(options.name, options.displayName);
+    if (!model && !options.displayName) model = QuotaMetadataCatalog::modelForTypedName(options.name);
     if (!model) {
         std::string message = "no model matches \"" + options.name + "\"";
         if (options.displayName) message += " or \"" + *options.displayName + "\"";

@@ -22,18 +22,28 @@ std::string optionalUSD(const std::optional<double>& value) { return value ? usd
 
 void priceUsage(const CostOptions& options, const GlobalOptions& globals) {
     useCatalog(globals);
-    const auto cost = QuotaModelCostEstimator::estimatedCostUSD(options.usage, options.model, options.displayName);
+    // A name people type ("sonnet") stands for a model as `catalog resolve` says.
+    std::string modelID = options.model;
+    if (!options.displayName) {
+        if (const auto typed = QuotaMetadataCatalog::modelForTypedName(options.model)) modelID = typed->id;
+    }
+    const auto cost = QuotaModelCostEstimator::estimatedCostUSD(options.usage, modelID, options.displayName);
     const auto baseline =
-        QuotaModelCostEstimator::estimatedBaselineCostWithoutCacheUSD(options.usage, options.model, options.displayName);
+        QuotaModelCostEstimator::estimatedBaselineCostWithoutCacheUSD(options.usage, modelID, options.displayName);
     if (globals.json) {
         json::JsonWriter w{true};
         w.beginObject();
-        json::writeMember(w, "estimatedCostUSD", cost);
-        json::writeMember(w, "baselineCostWithoutCacheUSD", baseline);
+        json::writeMember(w, "model", modelID);
+        // Unknown stays null: absent keys would read as "no answer" to a script.
+        for (const auto& [key, value] : {std::pair{"estimatedCostUSD", cost}, std::pair{"baselineCostWithoutCacheUSD", baseline}}) {
+            w.key(key);
+            value ? w.number(*value) : w.null();
+        }
         w.endObject();
         return writeOutput("-", w.take() + "\n");
     }
-    std::vector<std::vector<std::string>> rows{{"cost", optionalUSD(cost)}, {"without caching", optionalUSD(baseline)}};
+    std::vector<std::vector<std::string>> rows{{"model", modelID}, {"cost", optionalUSD(cost)},
+                                               {"without caching", optionalUSD(baseline)}};
     std::string text = alignedRows(rows);
     if (!cost) text += "no catalogue price for \"" + options.model + "\"\n";
     writeOutput("-", text);

@@ -1,13 +1,16 @@
 // gaugepoint report daily|weekly|monthly|session|blocks: usage tables from the imported logs.
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <set>
 
 #include "Commands.hpp"
 #include "LogScan.hpp"
 #include "TextTable.hpp"
 #include "gaugepoint/model/QuotaLanguagePreference.hpp"
+#include "gaugepoint/reports/ClaudeBlockLimit.hpp"
 #include "gaugepoint/reports/UsageBlocks.hpp"
 #include "gaugepoint/reports/UsagePeriods.hpp"
 #include "gaugepoint/reports/UsageReportJson.hpp"
@@ -29,6 +32,9 @@ struct ReportOptions {
     std::string startOfWeek = "sunday";
     bool allSources = false;
     bool timezoneGiven = false;  // --timezone '' is refused, not taken for the default
+    bool activeOnly = false;     // blocks: only the active one
+    bool recent = false;         // blocks: the last three days
+    std::string tokenLimit;      // blocks: N or "max"
 };
 
 // The texts of the tables, English and Chinese.
@@ -36,18 +42,23 @@ struct Words {
     const char *daily, *weekly, *monthly, *sessions, *blocks;
     const char *date, *week, *month, *session, *provider, *project, *lastActivity, *start, *status;
     const char *models, *input, *output, *cacheCreate, *cacheRead, *total, *cost, *totalRow;
-    const char *allProviders, *noUsage, *active, *gap, *unpriced;
+    const char *allProviders, *noUsage, *active, *gap, *unpriced, *unpricedCell;
+    const char *left, *ofLimit, *burnRate, *perMinute, *perHour, *atThisRate, *tokensAnd, *by;
 };
 
 constexpr Words kEnglish{"Daily usage", "Weekly usage", "Monthly usage", "Usage by session", "Five-hour blocks",
                          "Date", "Week", "Month", "Session", "Provider", "Project", "Last activity", "Block start",
                          "Status", "Models", "Input", "Output", "Cache create", "Cache read", "Total tokens", "Cost",
-                         "Total", "all providers", "No usage found.", "active", "gap",
-                         " tokens of models without a price are not in the costs: "};
+                         "Total", "all providers", "No usage found.", "active", "idle",
+                         " tokens of models without a price are not in the costs: ", "unpriced*",
+                         "{} left", "% of limit", "Burn rate: ", " tokens/min", "/h", "At this rate the block ends with ",
+                         " tokens, ", " by "};
 constexpr Words kChinese{"每日用量", "每周用量", "每月用量", "按会话的用量", "五小时区块", "日期", "周", "月",
                          "会话", "服务", "项目", "最后活动", "区块开始", "状态", "模型", "输入", "输出", "缓存写入",
-                         "缓存读取", "总令牌", "费用", "合计", "全部服务", "没有找到用量。", "进行中", "空档",
-                         " 个令牌属于没有价格的模型，未计入费用："};
+                         "缓存读取", "总令牌", "费用", "合计", "全部服务", "没有找到用量。", "进行中", "空闲",
+                         " 个令牌属于没有价格的模型，未计入费用：", "无价格*",
+                         "剩余 {}", "占上限", "消耗速度：", " 令牌/分钟", "/小时", "按此速度，区块结束时为 ", " 令牌、",
+                         "，截至 "};
 
 const Words& wordsFor(const GlobalOptions& globals) {
     return isChineseLanguage(resolveLanguage(globals)) ? kChinese : kEnglish;
@@ -98,6 +109,7 @@ struct LeadingColumn {
     std::string header;
     bool shrinkable = false;
     bool optional = false;
+    bool rightAligned = false;
 };
 
 // A table whose rows begin with `leading` cells, then models, the token counts and the cost. On
@@ -112,7 +124,8 @@ public:
             format_.shrinkable.push_back(column.shrinkable);
             format_.optional.push_back(column.optional);
         }
-        format_.rightAligned.assign(leading_ + 1, false);
+        for (const auto& column : leading) format_.rightAligned.push_back(column.rightAligned);
+        format_.rightAligned.push_back(false);  // models
         format_.rightAligned.resize(leading_ + 7, true);
         format_.shrinkable.push_back(true);  // models
         format_.optional.push_back(false);
@@ -133,7 +146,7 @@ public:
         if (totals.unpricedTokens > 0) {
             unpricedTokens_ += totals.unpricedTokens;
             for (const auto& b : totals.modelBreakdowns) {
-                if (b.cost == 0 && b.tokens.totalTokens() > 0) unpricedModels_.insert(b.modelName);
+                if (!b.priced) unpricedModels_.insert(b.modelName);
             }
         }
         if (!breakdown_) return;
@@ -141,7 +154,7 @@ public:
             std::vector<std::string> row(leading_ + 1, "");
             row.back() = "  └ " + b.modelName;
             for (auto& cell : tokenCells(b.tokens)) row.push_back(std::move(cell));
-            row.push_back(usdCentsText(b.cost));
+            row.push_back(b.priced ? usdCentsText(b.cost) : words_.unpricedCell);
             rows_.push_back(std::move(row));
         }
     }
@@ -229,33 +242,77 @@ std::string hoursAndMinutes(double seconds) {
                          : std::to_string(minutes) + "m";
 }
 
-void printBlocks(const std::vector<UsageBlock>& blocks, const ReportContext& context) {
+// The words under a block table: the active block's pace and where it leads.
+std::string burnRateLine(const UsageBlock& block, const ReportContext& context) {
+    const Words& w = context.words;
+    const std::string mark = block.totals.unpricedTokens > 0 ? "*" : "";
+    return "\n" + std::string(w.burnRate) + groupedInteger(std::llround(block.burnRate->tokensPerMinute)) + w.perMinute +
+           " · " + usdCentsText(block.burnRate->costPerHour) + mark + w.perHour + "\n" + w.atThisRate +
+           groupedInteger(block.projection->totalTokens) + w.tokensAnd + usdCentsText(block.projection->totalCost) + mark +
+           w.by + context.calendar.dayTimeText(block.endTime) + "\n";
+}
+
+// The token limit a percent column is measured against: --token-limit N, "max" (the largest
+// completed block shown), else the Claude block limit the user set or gaugepoint estimated.
+std::optional<std::int64_t> blockTokenLimit(const std::vector<UsageBlock>& blocks, const ReportContext& context,
+                                            const QuotaUsageEntryStore& store) {
+    const std::string& given = context.options.tokenLimit;
+    if (given == "max") {
+        std::int64_t largest = 0;
+        for (const auto& b : blocks) {
+            if (!b.isGap && !b.isActive) largest = std::max(largest, b.totals.tokens.totalTokens());
+        }
+        return largest > 0 ? std::optional(largest) : std::nullopt;
+    }
+    if (!given.empty()) {
+        std::int64_t tokens = 0;
+        const auto [end, error] = std::from_chars(given.data(), given.data() + given.size(), tokens);
+        if (error != std::errc() || end != given.data() + given.size() || tokens <= 0) {
+            throw UsageError("--token-limit takes a number of tokens or max (got \"" + given + "\"), e.g. --token-limit 880000");
+        }
+        return tokens;
+    }
+    if (context.filter.providerID != "claude") return std::nullopt;
+    const auto configuration = resolveConfiguration(context.globals);
+    return ClaudeBlockLimit::resolve(ClaudeBlockLimit::setting(*configuration.userDefaults), store, context.now);
+}
+
+std::string percentOf(std::int64_t tokens, std::int64_t limit) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f%%", 100.0 * double(tokens) / double(limit));
+    return text;
+}
+
+void printBlocks(const std::vector<UsageBlock>& blocks, const ReportContext& context, const QuotaUsageEntryStore& store) {
     if (context.globals.json) return writeOutput("-", UsageReportJson::blocks(blocks) + "\n");
     const Words& w = context.words;
     const LocalCalendar& calendar = context.calendar;
     if (blocks.empty()) return writeOutput("-", std::string(w.noUsage) + "\n");
-    UsageTable table{{{w.start}, {w.status}}, w, context.options.breakdown};
+    const auto limit = blockTokenLimit(blocks, context, store);
+    std::vector<LeadingColumn> leading{{w.start}, {w.status}};
+    if (limit) leading.push_back({w.ofLimit, false, false, true});
+    UsageTable table{leading, w, context.options.breakdown};
     std::string activeLine;
+    std::optional<Date> lastEntry;  // of the block before, for the idle time a gap stands for
     for (const auto& block : blocks) {
-        const std::string start = calendar.dayTimeText(block.startTime);
         if (block.isGap) {
-            const double length = secondsSince1970(block.endTime) - secondsSince1970(block.startTime);
-            table.addEmpty({start, std::string(w.gap) + " " + hoursAndMinutes(length)});
+            // The pause between two entries, from the last entry before it (not the block's end).
+            const Date from = lastEntry.value_or(block.startTime);
+            const double idle = secondsSince1970(block.endTime) - secondsSince1970(from);
+            table.addEmpty({calendar.dayTimeText(from), std::string(w.gap) + " " + hoursAndMinutes(idle)});
             continue;
         }
+        lastEntry = block.actualEndTime;
         std::string status;
         if (block.isActive) {
-            status = std::string(w.active) + " · " + hoursAndMinutes(secondsSince1970(block.endTime) - secondsSince1970(context.now));
+            std::string left = w.left;
+            left.replace(left.find("{}"), 2, hoursAndMinutes(secondsSince1970(block.endTime) - secondsSince1970(context.now)));
+            status = std::string(w.active) + " · " + left;
         }
-        table.add({start, status}, block.totals);
-        if (block.burnRate && block.projection) {
-            const std::string mark = block.totals.unpricedTokens > 0 ? "*" : "";
-            activeLine = "\n" + groupedInteger(std::llround(block.burnRate->tokensPerMinute)) + " tokens/min · " +
-                         usdCentsText(block.burnRate->costPerHour) + mark + "/h · → " +
-                         groupedInteger(block.projection->totalTokens) + " tokens, " +
-                         usdCentsText(block.projection->totalCost) + mark + " by " + calendar.dayTimeText(block.endTime) +
-                         "\n";
-        }
+        std::vector<std::string> cells{calendar.dayTimeText(block.startTime), status};
+        if (limit) cells.push_back(percentOf(block.totals.tokens.totalTokens(), *limit));
+        table.add(std::move(cells), block.totals);
+        if (block.burnRate && block.projection) activeLine = burnRateLine(block, context);
     }
     // The total row sums the blocks' own figures (costs as priced per block).
     UsageTotals totals;
@@ -264,7 +321,19 @@ void printBlocks(const std::vector<UsageBlock>& blocks, const ReportContext& con
         totals.totalCost += block.totals.totalCost;
         totals.unpricedTokens += block.totals.unpricedTokens;
     }
-    writeOutput("-", context.title(w.blocks) + table.text(totals) + activeLine);
+    std::string text = context.title(w.blocks) + table.text(totals) + activeLine;
+    if (limit) text += "\n" + std::string(w.ofLimit) + ": " + groupedInteger(*limit) + " tokens\n";
+    writeOutput("-", text);
+}
+
+// The blocks the options ask for: only the active one, or those of the last three days.
+std::vector<UsageBlock> selectedBlocks(std::vector<UsageBlock> blocks, const ReportOptions& options, Date now) {
+    if (options.activeOnly) std::erase_if(blocks, [](const UsageBlock& b) { return !b.isActive; });
+    if (options.recent) {
+        const Date since = now - std::chrono::hours(72);
+        std::erase_if(blocks, [since](const UsageBlock& b) { return b.endTime < since; });
+    }
+    return blocks;
 }
 
 LocalCalendar reportCalendar(const ReportOptions& options) {
@@ -355,9 +424,9 @@ void run(ReportKind kind, const ReportOptions& options, const GlobalOptions& glo
             return printSessions(usageBySession(store, calendar, filter, others), context);
         case ReportKind::blocks: {
             const auto [since, until] = reportInterval(calendar, filter);
-            auto blocks = usageBlocks(store.countedEntries(filter.providerID, since, until), now);
+            auto blocks = selectedBlocks(usageBlocks(store.countedEntries(filter.providerID, since, until), now), options, now);
             if (filter.descending) std::reverse(blocks.begin(), blocks.end());
-            return printBlocks(blocks, context);
+            return printBlocks(blocks, context, store);
         }
     }
 }
@@ -394,7 +463,14 @@ void addReport(CLI::App& group, const char* name, const char* description, Repor
             ->check(Values::oneOf({"sunday", "monday"}))
             ->option_text("DAY");
     }
-    if (kind != ReportKind::blocks) {
+    if (kind == ReportKind::blocks) {
+        command->add_flag("--active", options->activeOnly, "Only the active block");
+        command->add_flag("--recent", options->recent, "Only the blocks of the last three days");
+        command->add_option("--token-limit", options->tokenLimit,
+                            "Add each block's percent of N tokens, or of the largest past block (max); default: the "
+                            "limit of scan --claude-block-limit")
+            ->option_text("N|max");
+    } else {
         command->add_flag("--all-sources", options->allSources,
                           "Add the sessions of the user's other machines (pulled by `gaugepoint sync pull`), each "
                           "counted at its last activity");

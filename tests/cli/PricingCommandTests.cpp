@@ -66,10 +66,20 @@ TEST_F(PricingCommands, RefreshFromFilesReportsChangesAndStatus) {
 
 TEST_F(PricingCommands, CostsAsTextAndJSON) {
     EXPECT_EQ(run({"cost", "usage", "--model", "claude-opus-4-1", "--input", "1000000", "--output", "1000000", "--json"}).out,
-              "{\n  \"estimatedCostUSD\": 90,\n  \"baselineCostWithoutCacheUSD\": 90\n}\n");
-    EXPECT_EQ(run({"cost", "usage", "--model", "mystery", "--input", "5", "--json"}).out, "{}\n");
+              "{\n  \"model\": \"claude-opus-4-1\",\n  \"estimatedCostUSD\": 90,\n  \"baselineCostWithoutCacheUSD\": 90\n}\n");
+    // No price is no number, never $0 and never an empty document.
+    EXPECT_EQ(run({"cost", "usage", "--model", "mystery", "--input", "5", "--json"}).out,
+              "{\n  \"model\": \"mystery\",\n  \"estimatedCostUSD\": null,\n  \"baselineCostWithoutCacheUSD\": null\n}\n");
     EXPECT_EQ(run({"cost", "usage", "--model", "gemini-2.5-flash", "--output", "1000"}).out,
-              "cost             $0.0025\nwithout caching  $0.0025\n");
+              "model            gemini-2.5-flash\ncost             $0.0025\nwithout caching  $0.0025\n");
+    // The names people type, with the same rule as catalog resolve.
+    EXPECT_EQ(run({"cost", "usage", "--model", "sonnet", "--input", "1000000"}).out.rfind("model            claude-sonnet-4-6\n"
+                                                                                          "cost             $3.00\n", 0),
+              0u);
+    for (const char* typed : {"sonnet", "opus", "haiku", "gemini-pro"}) {
+        EXPECT_EQ(run({"catalog", "resolve", typed}).exitCode, 0) << typed;
+    }
+    EXPECT_EQ(run({"catalog", "resolve", "gemini-pro", "--json"}).out.find("\"id\": \"gemini-2.5-pro\""), 4u);
     EXPECT_EQ(run({"cost", "usage", "--model", "x", "--input", "-5"}).exitCode, 2);
 
     const std::string descriptor =

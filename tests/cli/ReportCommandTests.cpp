@@ -68,7 +68,9 @@ TEST_F(ReportCommand, TablesAreAlignedWithTotalsAndMarkUnpricedTokens) {
     EXPECT_NE(text.out.find("\n2026-11-05  claude-nebula-preview, claude-opus-4-1, claude-sonnet-4-5 "), std::string::npos);
     EXPECT_NE(text.out.find("  └ claude-nebula-preview-20261015 "), std::string::npos);
     EXPECT_NE(text.out.find("\nTotal "), std::string::npos);
-    EXPECT_NE(text.out.find("2,667,716  $"), std::string::npos);
+    EXPECT_NE(text.out.find("  └ claude-nebula-preview-20261015 "), std::string::npos);
+    EXPECT_NE(text.out.find(" 220,235  unpriced*\n"), std::string::npos) << text.out;  // never $0.00
+    EXPECT_NE(text.out.find("2,667,716     $5.01*\n"), std::string::npos) << text.out;
     EXPECT_NE(text.out.find("\n* 220,235 tokens of models without a price are not in the costs: "
                             "claude-nebula-preview-20261015\n"),
               std::string::npos);
@@ -76,8 +78,18 @@ TEST_F(ReportCommand, TablesAreAlignedWithTotalsAndMarkUnpricedTokens) {
     EXPECT_EQ(chinese.out.rfind("按会话的用量 · UTC · 全部服务\n\n会话", 0), 0u) << chinese.out;
     const auto blocks = gaugepoint(with({"report", "blocks", "--no-scan", "--timezone", "UTC", "--now",
                                          "2026-11-05T15:00:00Z"}, false));
-    EXPECT_NE(blocks.out.find("2026-10-19 05:00  gap 27h 17m"), std::string::npos) << blocks.out;
-    EXPECT_NE(blocks.out.find("2026-11-05 14:00  active · 4h 0m"), std::string::npos) << blocks.out;
+    // A gap is the pause between two entries, from the last entry before it.
+    EXPECT_NE(blocks.out.find("2026-10-19 00:00  idle 32h 17m"), std::string::npos) << blocks.out;
+    EXPECT_NE(blocks.out.find("2026-11-05 14:00  active · 4h 0m left"), std::string::npos) << blocks.out;
+    EXPECT_NE(blocks.out.find("\nBurn rate: 4,600 tokens/min · $0.00*/h\nAt this rate the block ends with 1,324,149 "
+                              "tokens, $0.00* by 2026-11-05 19:00\n"),
+              std::string::npos)
+        << blocks.out;
+    const auto limited = gaugepoint(with({"report", "blocks", "--no-scan", "-z", "UTC", "--now", "2026-11-05T15:00:00Z",
+                                          "--active", "--token-limit", "440470"}, false));
+    EXPECT_NE(limited.out.find("2026-11-05 14:00  active · 4h 0m left       50.0%  claude-nebula-preview"), std::string::npos)
+        << limited.out;
+    EXPECT_EQ(std::count(limited.out.begin(), limited.out.end(), '\n'), 11) << limited.out;
     EXPECT_EQ(gaugepoint(with({"report", "daily", "--no-scan", "--provider", "gemini", "--since", "2030-01-01"}, false)).out,
               "No usage found.\n");
 }

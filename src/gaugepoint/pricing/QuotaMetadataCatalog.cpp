@@ -1,5 +1,7 @@
 #include "gaugepoint/pricing/QuotaMetadataCatalog.hpp"
 
+#include <algorithm>
+
 #include <cstdlib>
 
 #include "gaugepoint/platform/Files.hpp"
@@ -146,6 +148,46 @@ QuotaModelMetadataRef model(std::optional<std::string_view> name) {
     const auto store = QuotaMetadataCatalogCoordinator::shared().snapshot();
     const auto found = store->modelLookup.find(normalizeLookupKey(*name));
     return found == store->modelLookup.end() ? nullptr : found->second;
+}
+
+namespace {
+
+std::vector<std::string_view> wordsOf(std::string_view key) {
+    std::vector<std::string_view> words;
+    while (!key.empty()) {
+        const auto end = key.find_first_of("-.");
+        if (end != 0) words.push_back(key.substr(0, end));
+        if (end == std::string_view::npos) break;
+        key.remove_prefix(end + 1);
+    }
+    return words;
+}
+
+// Every word of `typed` among the words of `id`, in order.
+bool holdsWords(std::string_view id, const std::vector<std::string_view>& typed) {
+    const auto words = wordsOf(id);
+    auto at = words.begin();
+    for (const auto word : typed) {
+        at = std::find(at, words.end(), word);
+        if (at == words.end()) return false;
+        ++at;
+    }
+    return true;
+}
+
+}  // namespace
+
+QuotaModelMetadataRef modelForTypedName(std::string_view name) {
+    if (auto found = resolvedModel(name)) return found;
+    const std::string key = normalizeLookupKey(name);
+    const auto typed = wordsOf(key);
+    if (typed.empty()) return nullptr;
+    const auto store = QuotaMetadataCatalogCoordinator::shared().snapshot();
+    if (!store->modelPayload) return nullptr;
+    for (const auto& candidate : store->modelPayload->models) {
+        if (holdsWords(normalizeLookupKey(candidate.id), typed)) return model(candidate.id);
+    }
+    return nullptr;
 }
 
 QuotaModelMetadataRef resolvedModel(std::optional<std::string_view> rawID, std::optional<std::string_view> displayName) {

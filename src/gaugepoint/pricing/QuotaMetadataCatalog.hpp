@@ -119,6 +119,12 @@ QuotaModelMetadataRef model(std::optional<std::string_view> name);
 QuotaModelMetadataRef resolvedModel(std::optional<std::string_view> rawID,
                                     std::optional<std::string_view> displayName = std::nullopt);
 
+// The model a person means by `name`: resolvedModel's answer, else, for a short name such as
+// "sonnet", "opus" or "gemini-pro", the first model in catalogue order (newest first) whose id
+// holds each of the name's words ("gemini-2.5-pro"). Never used for names a tool wrote: an
+// unknown model there stays unpriced.
+QuotaModelMetadataRef modelForTypedName(std::string_view name);
+
 // Loads both documents again from their places (above), puts the new store in force and empties
 // both caches, all under the coordinator's lock.
 void reload();

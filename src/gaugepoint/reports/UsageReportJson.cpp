@@ -52,7 +52,12 @@ void breakdowns(JsonWriter& w, const UsageTotals& totals) {
         w.beginObject();
         field(w, "modelName", b.modelName);
         tokenFields(w, b.tokens);
-        field(w, "cost", b.cost);
+        if (b.priced) {
+            field(w, "cost", b.cost);
+        } else {
+            w.key("cost");  // no price: unknown, never $0
+            w.null();
+        }
         w.endObject();
     }
     w.endArray();

@@ -49,13 +49,14 @@ UsageTotals UsageTally::totals() const {
     for (auto it = parts_.begin(); it != parts_.end();) {
         const std::string& model = it->first.first;
         std::vector<QuotaSessionModelUsageSummary> ofModel;
-        UsageModelBreakdown breakdown{model, {}, 0};
+        UsageModelBreakdown breakdown{model, {}, 0, true};
         for (; it != parts_.end() && it->first.first == model; ++it) {
             ofModel.push_back(summary(model, it->second.entries, it->second.tokens));
             breakdown.tokens += countsOnly(it->second.tokens);
             totals.entries += it->second.entries;
         }
         breakdown.cost = QuotaModelCostEstimator::resolvedCostUSD(ofModel, {});
+        breakdown.priced = QuotaModelCostEstimator::unpricedTokens(ofModel) == 0;
         totals.tokens += breakdown.tokens;
         totals.totalCost += breakdown.cost;
         if (model != kSyntheticModel) totals.modelsUsed.push_back(model);

@@ -21,6 +21,7 @@ struct UsageModelBreakdown {
     std::string modelName;
     QuotaSessionTokenUsage tokens;
     double cost = 0;  // US dollars
+    bool priced = true;  // false when no price and no reported cost covers its tokens: cost says nothing
     bool operator==(const UsageModelBreakdown&) const = default;
 };
 
