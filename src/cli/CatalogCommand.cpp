@@ -1,6 +1,7 @@
 // gaugepoint catalog: the provider and model catalogue in force, name resolution, refresh.
 
 #include "Commands.hpp"
+#include "TextTable.hpp"
 #include "gaugepoint/platform/UrlFetch.hpp"
 #include "gaugepoint/pricing/QuotaMetadataCatalog.hpp"
 #include "gaugepoint/pricing/QuotaMetadataRefreshService.hpp"
@@ -42,24 +43,27 @@ void listProviders(const GlobalOptions& globals) {
     const auto store = loadCatalog(globals);
     if (!store->providerPayload) throw Error("no provider catalogue could be loaded");
     if (globals.json) return printJson(*store->providerPayload);
-    std::vector<std::vector<std::string>> rows{{"ID", "NAME", "CATEGORY", "ALIASES"}};
+    std::vector<std::vector<std::string>> rows{{"Id", "Name", "Category", "Aliases"}};
     for (const auto& p : store->providerPayload->providers) {
         rows.push_back({p.id, p.displayName, p.category, joined(p.aliases)});
     }
-    writeOutput("-", alignedRows(rows) + counted(std::int64_t(store->providerPayload->providers.size()), "provider") + "\n");
+    const TableFormat format{{}, {false, false, true, false}, {false, true, false, true}};
+    writeOutput("-", renderTable(rows, format) + counted(std::int64_t(store->providerPayload->providers.size()), "provider") + "\n");
 }
 
 void listModels(const GlobalOptions& globals) {
     const auto store = loadCatalog(globals);
     if (!store->modelPayload) throw Error("no model catalogue could be loaded");
     if (globals.json) return printJson(*store->modelPayload);
-    std::vector<std::vector<std::string>> rows{{"ID", "NAME", "PROVIDER", "INPUT", "OUTPUT", "CACHE READ", "CACHE WRITE"}};
+    std::vector<std::vector<std::string>> rows{{"Id", "Name", "Provider", "Input", "Output", "Cache read", "Cache write"}};
     for (const auto& m : store->modelPayload->models) {
         rows.push_back({m.id, m.displayName, m.providerID, priceText(m.inputCostPerMillionUSD),
                         priceText(m.outputCostPerMillionUSD), priceText(m.cacheReadCostPerMillionUSD),
                         priceText(m.cacheWriteCostPerMillionUSD)});
     }
-    writeOutput("-", alignedRows(rows) + counted(std::int64_t(store->modelPayload->models.size()), "model") +
+    const TableFormat format{{false, false, false, true, true, true, true}, {false, false, false, false, false, true, true},
+                             {false, true, false, false, false, false, false}};
+    writeOutput("-", renderTable(rows, format) + counted(std::int64_t(store->modelPayload->models.size()), "model") +
                          " · prices in US dollars per million tokens, - where unknown\n");
 }
 

@@ -52,7 +52,15 @@ LocalCalendar systemCalendar() {
 std::string resolveLanguage(const GlobalOptions& globals) {
     QuotaLanguagePreference preference;
     if (!globals.lang.empty()) preference = QuotaLanguagePreference::explicitLanguage(globals.lang);
-    return preference.resolvedLanguageCode();
+    const std::string code = preference.resolvedLanguageCode();
+    static bool told = false;  // once per process, however many texts ask
+    const std::string lower = lowercased(code);
+    if (!globals.lang.empty() && !told && !lower.starts_with("en") && !lower.starts_with("zh")) {
+        told = true;
+        std::fprintf(stderr, "gaugepoint: --lang %s is not available; showing English (available: en, zh-Hans)\n",
+                     globals.lang.c_str());
+    }
+    return code;
 }
 
 InputLimit BulkInputLimit::of(std::string what) const {

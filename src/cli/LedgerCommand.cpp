@@ -1,6 +1,7 @@
 // gaugepoint ledger: tokens and dollars per source, provider and local day.
 
 #include "Commands.hpp"
+#include "TextTable.hpp"
 #include "SnapshotOutput.hpp"
 #include "gaugepoint/stores/QuotaSessionTokenLedger.hpp"
 
@@ -31,12 +32,13 @@ void record(const LedgerOptions& options, const GlobalOptions& globals) {
 void summary(const LedgerOptions& options, const GlobalOptions& globals) {
     const auto ledger = openLedger(globals);
     ledger.databaseURL();  // a missing container is an error, not an empty summary
-    const auto entries = options.providerID ? ledger.dailySummary(options.sourceID, *options.providerID, options.days)
-                                            : ledger.dailySummary(options.sourceID, options.days);
+    const std::string source = options.sourceID.empty() ? resolveConfiguration(globals).localSourceID() : options.sourceID;
+    const auto entries = options.providerID ? ledger.dailySummary(source, *options.providerID, options.days)
+                                            : ledger.dailySummary(source, options.days);
     if (globals.json) return printJson(entries);
-    std::vector<std::vector<std::string>> rows{{"DAY", "TOKENS", "COST"}};
+    std::vector<std::vector<std::string>> rows{{"Day", "Tokens", "Cost"}};
     for (const auto& entry : entries) rows.push_back({entry.dayKey, groupedInteger(entry.totalTokens), usdText(entry.costUSD)});
-    writeOutput("-", alignedRows(rows) + counted(std::int64_t(entries.size()), "row") + "\n");
+    writeOutput("-", renderTable(rows, TableFormat{{false, true, true}}) + counted(std::int64_t(entries.size()), "row") + "\n");
 }
 
 }  // namespace
@@ -51,7 +53,7 @@ void registerLedgerCommand(CLI::App& root, GlobalOptions& globals) {
     add->callback([options, &globals] { record(*options, globals); });
 
     CLI::App* show = addGroup(*group, "summary", "The last days of a source, newest first");
-    show->add_option("--source", options->sourceID, "The source id")->option_text("ID")->required();
+    show->add_option("--source", options->sourceID, "The source id (default: this machine)")->option_text("ID");
     show->add_option("--provider", options->providerID, "Only this provider")->option_text("ID");
     show->add_option("--days", options->days, "How many local days, today included (default 30)")
         ->option_text("N")->check(Values::wholeNumber(1, "7", 36600));

@@ -3,6 +3,7 @@
 // The log scan that `scan` runs and `report` runs first: where the coding tools keep their
 // logs, and the scan itself, which ends by publishing this machine's quota snapshot.
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,13 @@ struct LogHomesOptions {
     // The homes the user named, per provider; providers not named use their tools' own.
     void applyTo(QuotaScanOptions& options) const;
 };
+
+// Every home a scan with `options` looks in, the tools' own where none is named.
+std::vector<std::filesystem::path> searchedHomes(const QuotaScanOptions& options);
+
+// Says on stderr which homes the user named (--claude-dir, CLAUDE_CONFIG_DIR, ...) that do not
+// exist: a typo there would otherwise read as "no usage".
+void warnAboutMissingHomes(const LogHomesOptions& homes);
 
 // Imports what the logs added since the last scan, then makes this machine's quota snapshot and
 // stores it (source record; history and token ledger when a figure changed). With a pinned

@@ -1,6 +1,7 @@
 // gaugepoint registry: how far each session file has been imported, and the scan checkpoints.
 
 #include "Commands.hpp"
+#include "TextTable.hpp"
 #include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/stores/QuotaSessionFileRegistry.hpp"
 
@@ -36,13 +37,17 @@ std::string optionalNumber(const std::optional<std::int64_t>& n) { return n ? gr
 void list(const RegistryOptions& options, const GlobalOptions& globals) {
     const auto entries = openRegistry(globals).list(options.providerID, captureMode(options), options.sourceID);
     if (globals.json) return printJson(entries);
-    std::vector<std::vector<std::string>> rows{{"PATH", "PROVIDER", "MODE", "SOURCE", "OFFSET", "SIZE", "PARSER", "UPDATED"}};
+    std::vector<std::vector<std::string>> rows{{"Path", "Provider", "Mode", "Source", "Offset", "Size", "Parser", "Updated"}};
     for (const auto& e : entries) {
         rows.push_back({singleLine(e.path), e.providerID, std::string(json::rawValue(e.captureMode)),
                         e.sourceID.empty() ? "-" : e.sourceID, groupedInteger(e.lastOffset), optionalNumber(e.size),
                         std::to_string(e.parserVersion), formatISO8601(e.updatedAt)});
     }
-    writeOutput("-", alignedRows(rows) + counted(std::int64_t(entries.size()), "file") + "\n");
+    // A narrow terminal keeps path, provider, offset and size, the path cut from the left-most end.
+    TableFormat format{{false, false, false, false, true, true, true, false},
+                       {false, false, true, true, false, false, true, true},
+                       {true, false, false, false, false, false, false, false}};
+    writeOutput("-", renderTable(rows, format) + counted(std::int64_t(entries.size()), "file") + "\n");
 }
 
 void show(const RegistryOptions& options, const GlobalOptions& globals) {
@@ -79,7 +84,7 @@ void remove(const RegistryOptions& options, const GlobalOptions& globals) {
 void checkpoints(const GlobalOptions& globals) {
     const auto catalog = QuotaSessionImportStateStore{resolveConfiguration(globals)}.load();
     if (globals.json) return printJson(catalog);
-    std::vector<std::vector<std::string>> rows{{"SOURCE", "PROVIDER", "FILES", "PARSER", "UPDATED", "SIGNATURE"}};
+    std::vector<std::vector<std::string>> rows{{"Source", "Provider", "Files", "Parser", "Updated", "Signature"}};
     for (const auto& c : catalog.entries) {
         rows.push_back({c.sourceID, c.providerID, groupedInteger(std::int64_t(c.candidateFileFingerprints.size())),
                         std::to_string(c.parserVersion), formatISO8601(c.updatedAt), truncatedToWidth(c.scanSignature, 20)});

@@ -42,20 +42,22 @@ struct Words {
     const char *daily, *weekly, *monthly, *sessions, *blocks;
     const char *date, *week, *month, *session, *provider, *project, *lastActivity, *start, *status;
     const char *models, *input, *output, *cacheCreate, *cacheRead, *total, *cost, *totalRow;
-    const char *allProviders, *noUsage, *active, *gap, *unpriced, *unpricedCell;
+    const char *allProviders, *noUsage, *in, *stop, *storesAt, *scanFirst, *active, *gap, *unpriced, *unpricedCell;
     const char *left, *ofLimit, *burnRate, *perMinute, *perHour, *atThisRate, *tokensAnd, *by;
 };
 
 constexpr Words kEnglish{"Daily usage", "Weekly usage", "Monthly usage", "Usage by session", "Five-hour blocks",
                          "Date", "Week", "Month", "Session", "Provider", "Project", "Last activity", "Block start",
                          "Status", "Models", "Input", "Output", "Cache create", "Cache read", "Total tokens", "Cost",
-                         "Total", "all providers", "No usage found.", "active", "idle",
+                         "Total", "all providers", "No usage found.", " in ", ".", "the stores at ",
+                         " (without --no-scan the logs are read first)", "active", "idle",
                          " tokens of models without a price are not in the costs: ", "unpriced*",
                          "{} left", "% of limit", "Burn rate: ", " tokens/min", "/h", "At this rate the block ends with ",
                          " tokens, ", " by "};
 constexpr Words kChinese{"每日用量", "每周用量", "每月用量", "按会话的用量", "五小时区块", "日期", "周", "月",
                          "会话", "服务", "项目", "最后活动", "区块开始", "状态", "模型", "输入", "输出", "缓存写入",
-                         "缓存读取", "总令牌", "费用", "合计", "全部服务", "没有找到用量。", "进行中", "空闲",
+                         "缓存读取", "总令牌", "费用", "合计", "全部服务", "没有找到用量。", "：", "。", "存储 ",
+                         "（不带 --no-scan 时会先读取日志）", "进行中", "空闲",
                          " 个令牌属于没有价格的模型，未计入费用：", "无价格*",
                          "剩余 {}", "占上限", "消耗速度：", " 令牌/分钟", "/小时", "按此速度，区块结束时为 ", " 令牌、",
                          "，截至 "};
@@ -200,7 +202,13 @@ struct ReportContext {
     const GlobalOptions& globals;
     Date now;
     const Words& words;
+    std::string searched;  // where the usage was looked for
     std::string title(const char* what) const { return titleLine(what, calendar, filter, words); }
+    // "No usage found in ~/.claude, ~/.codex, ~/.gemini."
+    std::string nothingFound() const {
+        std::string text = words.noUsage;
+        return text.substr(0, text.size() - (text.ends_with("。") ? 3 : 1)) + words.in + searched + words.stop;
+    }
 };
 
 UsagePeriod periodOf(ReportKind kind) {
@@ -213,7 +221,7 @@ void printPeriods(const UsagePeriodReport& report, ReportKind kind, const Report
     const UsagePeriod period = periodOf(kind);
     if (context.globals.json) return writeOutput("-", UsageReportJson::periods(report, period) + "\n");
     const Words& w = context.words;
-    if (report.rows.empty()) return writeOutput("-", std::string(w.noUsage) + "\n");
+    if (report.rows.empty()) return writeOutput("-", context.nothingFound() + "\n");
     const char* title = kind == ReportKind::weekly ? w.weekly : kind == ReportKind::monthly ? w.monthly : w.daily;
     const char* column = kind == ReportKind::weekly ? w.week : kind == ReportKind::monthly ? w.month : w.date;
     UsageTable table{{{column}}, w, context.options.breakdown};
@@ -224,7 +232,7 @@ void printPeriods(const UsagePeriodReport& report, ReportKind kind, const Report
 void printSessions(const UsageSessionReport& report, const ReportContext& context) {
     if (context.globals.json) return writeOutput("-", UsageReportJson::sessions(report) + "\n");
     const Words& w = context.words;
-    if (report.rows.empty()) return writeOutput("-", std::string(w.noUsage) + "\n");
+    if (report.rows.empty()) return writeOutput("-", context.nothingFound() + "\n");
     UsageTable table{{{w.session, true}, {w.provider}, {w.project, true}, {w.lastActivity, false, true}},
                      w, context.options.breakdown};
     for (const auto& row : report.rows) {
@@ -287,7 +295,7 @@ void printBlocks(const std::vector<UsageBlock>& blocks, const ReportContext& con
     if (context.globals.json) return writeOutput("-", UsageReportJson::blocks(blocks) + "\n");
     const Words& w = context.words;
     const LocalCalendar& calendar = context.calendar;
-    if (blocks.empty()) return writeOutput("-", std::string(w.noUsage) + "\n");
+    if (blocks.empty()) return writeOutput("-", context.nothingFound() + "\n");
     const auto limit = blockTokenLimit(blocks, context, store);
     std::vector<LeadingColumn> leading{{w.start}, {w.status}};
     if (limit) leading.push_back({w.ofLimit, false, false, true});
@@ -405,11 +413,20 @@ void run(ReportKind kind, const ReportOptions& options, const GlobalOptions& glo
     if (!options.noScan) {
         QuotaScanOptions scanOptions;
         options.homes.applyTo(scanOptions);
+        warnAboutMissingHomes(options.homes);
         scanAndPublish(scanOptions, globals);
     }
     const QuotaSyncConfiguration configuration = resolveConfiguration(globals);
     const QuotaUsageEntryStore store{QuotaSessionFileRegistry{configuration}};
-    const ReportContext context{options, filter, calendar, globals, now, wordsFor(globals)};
+    ReportContext context{options, filter, calendar, globals, now, wordsFor(globals), {}};
+    if (options.noScan) {
+        context.searched = context.words.storesAt + configuration.resolvedAppGroupDirectory().value_or("").string() +
+                           context.words.scanFirst;
+    } else {
+        QuotaScanOptions scanned;
+        options.homes.applyTo(scanned);
+        for (const auto& home : searchedHomes(scanned)) context.searched += (context.searched.empty() ? "" : ", ") + home.string();
+    }
     const auto others = options.allSources
                             ? usageOfOtherSources(QuotaSessionCatalogStore{configuration}, configuration.localSourceID())
                             : std::vector<UsageOfOtherSource>{};

@@ -5,9 +5,12 @@
 #include <charconv>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <tuple>
 
 #include "Commands.hpp"
 #include "LogScan.hpp"
+#include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "SyncServer.hpp"
 #include "gaugepoint/reports/ClaudeBlockLimit.hpp"
 #include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
@@ -83,6 +86,7 @@ void scan(const ScanCommandOptions& options, const GlobalOptions& globals) {
     if (!options.quiet && !globals.json) {
         scanOptions.progress = [&](std::int64_t done, std::int64_t total, std::int64_t bytes) { progress.update(done, total, bytes); };
     }
+    if (!options.quiet) warnAboutMissingHomes(options.homes);
     const QuotaScanSummary summary = scanAndPublish(scanOptions, globals);
     std::optional<SyncPushSummary> pushed;
     if (const auto url = resolveSyncURL("", globals)) {
@@ -124,6 +128,32 @@ void LogHomesOptions::applyTo(QuotaScanOptions& options) const {
     homes("claude", claudeDirs);
     homes("codex", codexDirs);
     homes("gemini", geminiDirs);
+}
+
+std::vector<std::filesystem::path> searchedHomes(const QuotaScanOptions& options) {
+    std::vector<std::filesystem::path> homes;
+    for (const auto& tool : codingTools()) {
+        const auto named = options.homes.find(tool->provider().id);
+        const auto& mine = named != options.homes.end() ? named->second : tool->defaultHomes();
+        homes.insert(homes.end(), mine.begin(), mine.end());
+    }
+    return homes;
+}
+
+void warnAboutMissingHomes(const LogHomesOptions& homes) {
+    const auto check = [](const std::string& what, const std::string& dir) {
+        std::error_code error;
+        if (!std::filesystem::is_directory(dir, error)) {
+            std::fprintf(stderr, "gaugepoint: %s %s is not a directory; nothing was read there\n", what.c_str(), dir.c_str());
+        }
+    };
+    for (const auto& [option, dirs, variable] :
+         {std::tuple{"--claude-dir", &homes.claudeDirs, "CLAUDE_CONFIG_DIR"}, std::tuple{"--codex-dir", &homes.codexDirs, "CODEX_HOME"},
+          std::tuple{"--gemini-dir", &homes.geminiDirs, "GEMINI_CLI_HOME"}}) {
+        for (const auto& dir : *dirs) check(option, dir);
+        const char* value = std::getenv(variable);
+        if (dirs->empty() && value && *value) check(std::string(variable) + "=", value);
+    }
 }
 
 QuotaScanSummary scanAndPublish(const QuotaScanOptions& options, const GlobalOptions& globals) {

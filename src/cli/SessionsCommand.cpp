@@ -3,6 +3,7 @@
 #include <boost/json/serialize.hpp>
 
 #include "Commands.hpp"
+#include "TextTable.hpp"
 #include "gaugepoint/model/QuotaSessionCatalog.hpp"
 #include "gaugepoint/model/QuotaSessionTranscript.hpp"
 #include "gaugepoint/platform/Text.hpp"
@@ -97,13 +98,16 @@ void list(const SessionsOptions& options, const GlobalOptions& globals) {
     const DescriptorPage page{catalog.totalCount(options.sourceID),
                               catalog.loadDescriptors(options.sourceID, options.limit, options.offset)};
     if (globals.json) return printJson(page);
-    std::vector<std::vector<std::string>> rows{{"SOURCE", "SESSION", "PROVIDER", "ENDED", "MESSAGES", "TOKENS", "TITLE"}};
+    std::vector<std::vector<std::string>> rows{{"Source", "Session", "Provider", "Ended", "Messages", "Tokens", "Title"}};
     for (const auto& d : page.descriptors) {
         rows.push_back({d.sourceID, d.id, d.provider.id, dateText(d.endedAt), groupedInteger(d.messageCount),
                         groupedInteger(d.tokenUsage.totalTokens()), singleLine(d.title)});
     }
     const std::int64_t first = page.descriptors.empty() ? 0 : options.offset + 1;
-    writeOutput("-", alignedRows(rows) + std::to_string(first) + "-" +
+    const TableFormat format{{false, false, false, false, true, true, false},
+                             {true, false, false, false, true, false, false},
+                             {false, true, false, false, false, false, true}};
+    writeOutput("-", renderTable(rows, format) + std::to_string(first) + "-" +
                          std::to_string(options.offset + std::int64_t(page.descriptors.size())) + " of " +
                          counted(page.totalCount, "session") + "\n");
 }
@@ -141,13 +145,15 @@ void messages(const SessionsOptions& options, const GlobalOptions& globals) {
     const std::string source = options.sourceID.value_or("");
     const auto rows = catalog.loadMessages(source, options.sessionID, options.limit, options.offset);
     if (globals.json) return printJson(rows);
-    std::vector<std::vector<std::string>> table{{"SEQ", "ROLE", "TIME", "MODEL", "TOKENS", "TEXT"}};
+    std::vector<std::vector<std::string>> table{{"Seq", "Role", "Time", "Model", "Tokens", "Text"}};
     for (const auto& r : rows) {
         const std::string text = truncatedToWidth(singleLine(r.text.value_or("")), 60);
         table.push_back({std::to_string(r.seq), r.role, r.timestamp ? formatISO8601(dateFromSeconds(*r.timestamp)) : "-",
                          r.model.value_or("-"), groupedInteger(r.tokenCount), text});
     }
-    writeOutput("-", alignedRows(table) + counted(catalog.messageCount(source, options.sessionID), "message") + "\n");
+    const TableFormat format{{true, false, false, false, true, false}, {false, false, false, true, false, false},
+                             {false, false, false, true, false, true}};
+    writeOutput("-", renderTable(table, format) + counted(catalog.messageCount(source, options.sessionID), "message") + "\n");
 }
 
 // A list of messages, or a transcript bundle.

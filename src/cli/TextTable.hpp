@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace gaugepoint::cli {
@@ -39,6 +40,9 @@ std::string bySeverity(std::string_view text, double usedPercent);
 }  // namespace Ansi
 
 struct TableFormat {
+    TableFormat(std::vector<bool> right = {}, std::vector<bool> optionalColumns = {}, std::vector<bool> shrinkableColumns = {})
+        : rightAligned(std::move(right)), optional(std::move(optionalColumns)), shrinkable(std::move(shrinkableColumns)) {}
+
     std::vector<bool> rightAligned;     // per column
     std::vector<bool> optional;         // per column: left out in the compact layout
     std::vector<bool> shrinkable;       // per column: cut with "…" to fit the width

@@ -24,6 +24,20 @@ std::string commandWords(const CLI::App& root) {
     return words;
 }
 
+// A failure in the words of this machine: a store directory that cannot be made is named by its
+// path (the stores' own texts speak of the macOS App Group container).
+std::string failureMessage(const std::exception& failure, const gaugepoint::cli::GlobalOptions& globals) {
+    const std::string_view what = failure.what();
+    if (!what.starts_with("The App Group container is unavailable") &&
+        !what.starts_with("The local storage container is unavailable")) {
+        return std::string(what);
+    }
+    const auto directory = gaugepoint::cli::resolveConfiguration(globals).intendedAppGroupDirectory();
+    if (!directory) return "no directory for the stores: set XDG_DATA_HOME or HOME, or give --app-group-dir DIR";
+    return "cannot create or write the store directory " + directory->string() +
+           (globals.appGroupDir.empty() ? "; give another with --app-group-dir DIR" : "");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -91,7 +105,7 @@ int main(int argc, char** argv) {
         return 1;
     } catch (const std::exception& e) {
         std::fflush(stdout);
-        std::cerr << "gaugepoint: " << gaugepoint::singleLine(e.what()) << "\n";  // a failure is one line
+        std::cerr << "gaugepoint: " << gaugepoint::singleLine(failureMessage(e, globals)) << "\n";  // a failure is one line
         return 1;
     }
     return 0;

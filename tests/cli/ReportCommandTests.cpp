@@ -91,7 +91,7 @@ TEST_F(ReportCommand, TablesAreAlignedWithTotalsAndMarkUnpricedTokens) {
         << limited.out;
     EXPECT_EQ(std::count(limited.out.begin(), limited.out.end(), '\n'), 11) << limited.out;
     EXPECT_EQ(gaugepoint(with({"report", "daily", "--no-scan", "--provider", "gemini", "--since", "2030-01-01"}, false)).out,
-              "No usage found.\n");
+              "No usage found in the stores at " + (dir / "group").string() + " (without --no-scan the logs are read first).\n");
 }
 
 TEST_F(ReportCommand, BadOptionsAreUsageErrorsOfOneLine) {

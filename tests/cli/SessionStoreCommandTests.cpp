@@ -34,8 +34,8 @@ TEST_F(SessionStoreCommands, ImportListShowAndExport) {
 
     const auto list = run({"sessions", "list"});
     EXPECT_EQ(list.out,
-              "SOURCE  SESSION  PROVIDER  ENDED                 MESSAGES  TOKENS  TITLE\n"
-              "mac     b        claude    2026-11-20T10:00:00Z  2         1,234   kept\n"
+              "Source  Session  Provider  Ended                 Messages  Tokens  Title\n"
+              "mac     b        claude    2026-11-20T10:00:00Z         2   1,234  kept\n"
               "1-1 of 1 session\n");
     EXPECT_EQ(json::parse(run({"sessions", "show", "--source", "mac", "b", "--json"}).out).at("title"), "kept");
     EXPECT_EQ(run({"sessions", "show", "--source", "mac", "a"}).err, "gaugepoint: no session \"a\" of source \"mac\"\n");
@@ -58,11 +58,11 @@ TEST_F(SessionStoreCommands, LedgerAndRegistry) {
         R"("dailyTokenUsage":[{"dayKey":"2026-11-21","costUSD":1.1,"totalTokens":900000},{"dayKey":"2026-11-01","costUSD":2,"totalTokens":5}]}]})";
     EXPECT_EQ(run({"ledger", "record", "--snapshot", "-"}, snapshot).out, "2 rows recorded\n");
     EXPECT_EQ(run({"ledger", "summary", "--source", "ws", "--days", "7"}).out,
-              "DAY         TOKENS   COST\n2026-11-21  900,000  $1.10\n1 row\n");
+              "Day          Tokens   Cost\n2026-11-21  900,000  $1.10\n1 row\n");
     EXPECT_EQ(run({"ledger", "trim", "--older-than", "86400", "--json"}).out, "{\"removed\":1}\n");
-    EXPECT_EQ(run({"ledger", "summary"}).exitCode, 2);
+    EXPECT_EQ(run({"ledger", "summary"}).out, "Day  Tokens  Cost\n0 rows\n");  // this machine by default
 
-    EXPECT_EQ(run({"registry", "list"}).out, "PATH  PROVIDER  MODE  SOURCE  OFFSET  SIZE  PARSER  UPDATED\n0 files\n");
+    EXPECT_EQ(run({"registry", "list"}).out, "Path  Provider  Mode  Source  Offset  Size  Parser  Updated\n0 files\n");
     EXPECT_EQ(run({"registry", "remove", "--provider", "claude"}).out, "0 entries removed\n");
     EXPECT_EQ(run({"registry", "show", "/x", "--provider", "claude", "--mode", "metadataOnly"}).err,
               "gaugepoint: no registry entry for /x (claude, metadataOnly)\n");

@@ -40,10 +40,15 @@ QuotaSyncConfiguration QuotaSyncConfiguration::standard() {
     return configuration;
 }
 
-std::optional<std::filesystem::path> QuotaSyncConfiguration::resolvedAppGroupDirectory() const {
+std::optional<std::filesystem::path> QuotaSyncConfiguration::intendedAppGroupDirectory() const {
     std::optional<std::filesystem::path> directory = appGroupDirectory;
     if (!directory || directory->empty()) directory = environmentPath("GAUGEPOINT_APP_GROUP_DIR");
     if (!directory) directory = platformDefault(appGroupIdentifier);
+    return directory;
+}
+
+std::optional<std::filesystem::path> QuotaSyncConfiguration::resolvedAppGroupDirectory() const {
+    const std::optional<std::filesystem::path> directory = intendedAppGroupDirectory();
     if (!directory) return std::nullopt;
     std::error_code error;
     std::filesystem::create_directories(*directory, error);

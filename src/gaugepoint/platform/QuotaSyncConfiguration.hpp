@@ -41,6 +41,9 @@ struct QuotaSyncConfiguration {
     // elsewhere $XDG_DATA_HOME/gaugepoint (default ~/.local/share/gaugepoint). None when it
     // cannot be resolved or created.
     std::optional<std::filesystem::path> resolvedAppGroupDirectory() const;
+    // The directory resolvedAppGroupDirectory() would use, without creating it; none when
+    // nothing names one (no override, no environment, no home).
+    std::optional<std::filesystem::path> intendedAppGroupDirectory() const;
 
     // ubiquitousKeyValueStore, else the stand-in file in the App Group directory; none when
     // that directory cannot be resolved or created.
