@@ -10,6 +10,7 @@
 #include "LogScan.hpp"
 #include "TextTable.hpp"
 #include "gaugepoint/model/QuotaLanguagePreference.hpp"
+#include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/reports/ClaudeBlockLimit.hpp"
 #include "gaugepoint/reports/UsageBlocks.hpp"
 #include "gaugepoint/reports/UsagePeriods.hpp"
@@ -173,7 +174,11 @@ public:
         std::string text = renderTable(rows_, format_);
         if (totals.unpricedTokens > 0) {
             std::vector<std::string> models{unpricedModels_.begin(), unpricedModels_.end()};
-            text += Ansi::yellow("*") + " " + groupedInteger(totals.unpricedTokens) + words_.unpriced + joined(models) + "\n";
+            const std::string note = " " + groupedInteger(totals.unpricedTokens) + words_.unpriced;
+            const auto width = OutputStyle::current().width;
+            const bool oneLine = !width || OutputStyle::current().wide || 1 + displayWidth(note + joined(models)) <= *width;
+            // On a narrow terminal the models go on a line of their own rather than wrap.
+            text += Ansi::yellow("*") + note + (oneLine ? "" : "\n  ") + joined(models) + "\n";
         }
         return text;
     }

@@ -44,8 +44,14 @@ void writeIds(GPTEncoder& encoder, std::string_view text) {
     writeOutput("-", std::string_view(out).substr(0, used + 2));
 }
 
-std::string countOutput(std::string_view text, bool asJson) {
-    const TokenEstimate estimate = QuotaTokenEstimator::shared().estimate(text);
+// The estimate of a whole input read in pieces of 1 MiB, so its size does not matter.
+std::string countOutput(InputFile& input, bool asJson) {
+    QuotaTokenEstimator::Stream stream{QuotaTokenEstimator::shared()};
+    std::string piece(std::size_t{1} << 20, '\0');
+    while (const std::size_t n = input.read(reinterpret_cast<std::uint8_t*>(piece.data()), piece.size())) {
+        stream.add(std::string_view(piece).substr(0, n));
+    }
+    const TokenEstimate estimate = stream.finish();
     return (asJson ? json::encode(estimate) : std::to_string(estimate.tokens)) + "\n";
 }
 
@@ -76,9 +82,8 @@ void registerTokensCommand(CLI::App& root, GlobalOptions& globals) {
                                     [&] { return GPTEncoder().decode(parseIds(ids)); }));
     });
     verb("count", "Print the quota token estimate of a text (--json: with method and raw count)")->callback([options, &globals] {
-        const std::string text = readInput(options->input, options->limit.of("a text to tokenize"));
-        writeOutput("-", whileDoing("counting the tokens of " + inputName(options->input),
-                                    [&] { return countOutput(text, globals.json); }));
+        InputFile input(options->input, options->limit.of("a text to tokenize"));
+        writeOutput("-", whileDoing("counting the tokens of " + input.name(), [&] { return countOutput(input, globals.json); }));
     });
 }
 

@@ -83,6 +83,27 @@ TEST(TextClassifier, JudgesRealSnippets) {
     }
 }
 
+TEST(QuotaTokenEstimator, AStreamInPiecesGivesTheWholeTextsEstimate) {
+    std::string prose, code, chinese;
+    for (int i = 0; i < 3000; ++i) {
+        prose += "Line " + std::to_string(i) + " of the report, where the quota window resets at noon.\n";
+        if (i % 7 == 0) prose += "\n  \n";
+        code += "    if (window.usedPercent > " + std::to_string(i) + ") { return limit[" + std::to_string(i) + "]; }\n";
+        chinese += "配额窗口在中午重置，用量为百分之" + std::to_string(i) + "。\n";
+    }
+    for (const std::string& text : {"  \n\t" + prose + "\n\n  ", code, chinese, std::string(" \n "), std::string()}) {
+        const TokenEstimate whole = QuotaTokenEstimator::shared().estimate(text);
+        for (const std::size_t piece : {1u, 7u, 4096u, 1u << 20}) {
+            QuotaTokenEstimator::Stream stream{QuotaTokenEstimator::shared()};
+            for (std::size_t at = 0; at < text.size(); at += piece) stream.add(std::string_view(text).substr(at, piece));
+            const TokenEstimate streamed = stream.finish();
+            EXPECT_EQ(streamed.tokens, whole.tokens) << piece << " " << text.substr(0, 40);
+            EXPECT_EQ(streamed.method, whole.method) << piece;
+            EXPECT_EQ(streamed.rawCount, whole.rawCount) << piece;
+        }
+    }
+}
+
 TEST(QuotaTokenEstimator, SharedInstanceIsSafeAcrossThreads) {
     const std::string text = "Several threads estimate at once through one shared encoder.";
     const auto expected = QuotaTokenEstimator::shared().estimateTokens(text);

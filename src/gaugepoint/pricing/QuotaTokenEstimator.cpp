@@ -63,7 +63,75 @@ std::int64_t characterCount(std::string_view text) {
     return count;
 }
 
+// The trimmed text's estimate from the counts of every method.
+TokenEstimate estimateFrom(const TextProfile& profile, std::int64_t bpe, std::int64_t characters) {
+    TokenEstimate result;
+    switch (classifyText(profile)) {
+        case TextKind::code: result = {0, EstimationMethod::code, scaledUp(characters, 2, 7)}; break;
+        case TextKind::ideographic: result = {0, EstimationMethod::ideographic, scaledUp(characters, 3, 2)}; break;
+        case TextKind::plain: result = {0, EstimationMethod::bpe, bpe}; break;
+    }
+    result.tokens = scaledUp(result.rawCount, 6, 5);
+    return result;
+}
+
+constexpr std::size_t kMaxPending = std::size_t{1} << 20;
+
+bool isBlank(char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r' || c == '\v' || c == '\f'; }
+
+// The end of the longest prefix of `text` that may be counted apart from what follows: just
+// after a "\n" between two non-blank bytes; 0 when there is none.
+std::size_t lastCleanCut(std::string_view text) {
+    for (std::size_t at = text.size(); at-- > 1;) {
+        if (text[at] == '\n' && at + 1 < text.size() && !isBlank(text[at - 1]) && !isBlank(text[at + 1])) return at + 1;
+    }
+    return 0;
+}
+
+// Where to cut a stretch with no clean place: after its last line end, else before a character.
+std::size_t forcedCut(std::string_view text) {
+    if (const auto newline = text.rfind('\n'); newline != std::string_view::npos && newline > 0) return newline + 1;
+    std::size_t at = text.size();
+    while (at > 0 && (static_cast<unsigned char>(text[at - 1]) & 0xC0) == 0x80) --at;  // not inside a character
+    return at > 1 ? at - 1 : text.size();
+}
+
 }  // namespace
+
+void QuotaTokenEstimator::Stream::count(std::string_view segment) {
+    const TextProfile part = profileText(segment);
+    profile_.scalars += part.scalars;
+    profile_.letters += part.letters;
+    profile_.ideographs += part.ideographs;
+    profile_.codeScore += part.codeScore;
+    profile_.units += part.units;
+    characters_ += characterCount(segment);
+    std::lock_guard lock(estimator_.encoderLock);
+    bpe_ += static_cast<std::int64_t>(estimator_.encoder.count(segment));
+}
+
+void QuotaTokenEstimator::Stream::add(std::string_view piece) {
+    pending_.append(piece);
+    if (!started_) {
+        const std::string probe = pending_ + "x";  // the "x" keeps the end from being trimmed
+        pending_.erase(0, probe.size() - trimmed(probe).size());
+        if (pending_.empty()) return;
+        started_ = true;
+    }
+    std::size_t cut = lastCleanCut(pending_);
+    if (cut == 0 && pending_.size() > kMaxPending) cut = forcedCut(pending_);
+    if (cut == 0) return;
+    count(std::string_view(pending_).substr(0, cut));
+    pending_.erase(0, cut);
+}
+
+TokenEstimate QuotaTokenEstimator::Stream::finish() {
+    const std::string_view rest = trimmed(pending_);
+    if (!rest.empty()) count(rest);
+    pending_.clear();
+    if (profile_.scalars == 0) return {};
+    return estimateFrom(profile_, bpe_, characters_);
+}
 
 QuotaTokenEstimator& QuotaTokenEstimator::shared() {
     static QuotaTokenEstimator estimator;
@@ -74,22 +142,16 @@ TokenEstimate QuotaTokenEstimator::estimate(std::string_view text) {
     text = trimmed(text);
     if (text.empty()) return {};
     const TextProfile profile = profileText(text);
-    TokenEstimate result;
+    // Only the count the classification asks for: a whole text in memory need not pay for all three.
     switch (classifyText(profile)) {
         case TextKind::code:
-            result = {0, EstimationMethod::code, scaledUp(characterCount(text), 2, 7)};
-            break;
-        case TextKind::ideographic:
-            result = {0, EstimationMethod::ideographic, scaledUp(characterCount(text), 3, 2)};
-            break;
+        case TextKind::ideographic: return estimateFrom(profile, 0, characterCount(text));
         case TextKind::plain: {
             std::lock_guard lock(encoderLock);
-            result = {0, EstimationMethod::bpe, static_cast<std::int64_t>(encoder.count(text))};
-            break;
+            return estimateFrom(profile, static_cast<std::int64_t>(encoder.count(text)), 0);
         }
     }
-    result.tokens = scaledUp(result.rawCount, 6, 5);
-    return result;
+    return {};
 }
 
 }  // namespace gaugepoint

@@ -15,7 +15,10 @@
 #include <mutex>
 #include <string_view>
 
+#include <string>
+
 #include "GPTEncoder/GPTEncoder.hpp"
+#include "gaugepoint/pricing/TextClassifier.hpp"
 
 namespace gaugepoint {
 
@@ -41,6 +44,26 @@ public:
 
     // The same, with the method used and the count before the safety factor.
     TokenEstimate estimate(std::string_view text);
+
+    // estimate() of a text given in pieces, in bounded memory: the text is cut where a line
+    // ends between two non-blank characters ("x\nY"), where every count of the estimate (GPT-2
+    // pieces, characters, words, line scores) adds up exactly, and all three counts are kept
+    // until the classification of the whole is known. A stretch of 1 MiB without such a place
+    // is cut at a line end or a character instead (the only case that may differ by a token).
+    class Stream {
+    public:
+        explicit Stream(QuotaTokenEstimator& estimator) : estimator_(estimator) {}
+        void add(std::string_view piece);
+        TokenEstimate finish();
+
+    private:
+        void count(std::string_view segment);
+        QuotaTokenEstimator& estimator_;
+        std::string pending_;
+        bool started_ = false;  // leading white space is behind us
+        TextProfile profile_;
+        std::int64_t bpe_ = 0, characters_ = 0;
+    };
 
     std::mutex encoderLock;  // guards encoder
     GPTEncoder encoder;
