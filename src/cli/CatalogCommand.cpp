@@ -151,7 +151,7 @@ void refresh(const CatalogOptions& options, const GlobalOptions& globals) {
     writeOutput("-", changeText("provider", result->providers) + "\n" + changeText("model", result->models) + "\n");
 }
 
-std::string dateText(const std::optional<Date>& date) { return date ? formatISO8601(*date) : "never"; }
+std::string dateText(const std::optional<Date>& date) { return timeText(date, "never"); }
 
 void status(const GlobalOptions& globals) {
     const QuotaMetadataRefreshService service{resolveConfiguration(globals)};

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 #include "gaugepoint/model/QuotaLanguagePreference.hpp"
 #include "gaugepoint/platform/Files.hpp"
@@ -106,6 +107,19 @@ QuotaSyncConfiguration resolveConfiguration(const GlobalOptions& globals) {
     if (!globals.appGroupDir.empty()) configuration.appGroupDirectory = std::filesystem::path(globals.appGroupDir);
     if (!globals.now.empty()) configuration.clock = Clock::fixedAt(resolveNow(globals));
     return configuration;
+}
+
+std::string timeText(Date date) {
+    const std::time_t seconds = std::time_t(std::floor(secondsSince1970(date)));
+    std::tm local{};
+    ::localtime_r(&seconds, &local);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    return text;
+}
+
+std::string timeText(const std::optional<Date>& date, std::string_view absent) {
+    return date ? timeText(*date) : std::string(absent);
 }
 
 std::string counted(std::int64_t count, std::string_view noun) {

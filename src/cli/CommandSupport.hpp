@@ -136,6 +136,11 @@ void printRemovedCount(std::int64_t count, std::string_view noun, const GlobalOp
 // The shortest form that reads back as the same double: "3", "0.3", "18.75", "1e-07".
 std::string numberText(double value);
 
+// A moment for people: local time of the system's zone to the second, "2026-11-21 14:19:00";
+// `absent` for none. (JSON keeps ISO 8601 in UTC.)
+std::string timeText(Date date);
+std::string timeText(const std::optional<Date>& date, std::string_view absent);
+
 // An integer with thousands separators: "1,234,567".
 std::string groupedInteger(std::int64_t value);
 

@@ -26,7 +26,7 @@ void printTimeline(const QuotaHistoryTimeline& timeline, const GlobalOptions& gl
     std::vector<std::vector<std::string>> rows;
     const std::string language = resolveLanguage(globals);
     for (const auto& snapshot : timeline.snapshots) {
-        rows.push_back({formatISO8601(snapshot.generatedAt), sourceLabel(snapshot), snapshotSummary(snapshot, language)});
+        rows.push_back({timeText(snapshot.generatedAt), sourceLabel(snapshot), snapshotSummary(snapshot, language)});
     }
     writeOutput("-", alignedRows(rows) + counted(std::int64_t(timeline.snapshots.size()), "snapshot") + "\n");
 }
@@ -36,7 +36,7 @@ void append(const HistoryOptions& options, const GlobalOptions& globals) {
     const QuotaHistoryTimeline timeline = openStore(globals).append(snapshot, options.retentionDays);
     if (globals.json) return printJson(timeline);
     writeOutput("-", "stored the snapshot of " + sourceLabel(snapshot) + " generated " +
-                         formatISO8601(snapshot.generatedAt) + "; " + counted(std::int64_t(timeline.snapshots.size()), "snapshot") +
+                         timeText(snapshot.generatedAt) + "; " + counted(std::int64_t(timeline.snapshots.size()), "snapshot") +
                          " kept\n");
 }
 
@@ -46,7 +46,7 @@ void latest(const GlobalOptions& globals) {
     const auto snapshot = store.latestSnapshot();
     if (!snapshot) throw Error("no snapshots in " + store.historyURL().string());
     if (globals.json) return printJson(*snapshot);
-    writeOutput("-", sourceLabel(*snapshot) + ", generated " + formatISO8601(snapshot->generatedAt) + "\n");
+    writeOutput("-", sourceLabel(*snapshot) + ", generated " + timeText(snapshot->generatedAt) + "\n");
     printWidget(*snapshot, "text", globals);
 }
 

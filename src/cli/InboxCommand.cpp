@@ -82,7 +82,7 @@ void list(const InboxOptions& options, const GlobalOptions& globals) {
     }
     std::vector<std::vector<std::string>> rows;
     for (const auto& entry : page) {
-        rows.push_back({formatISO8601(entry.createdAt), singleLine(entry.envelopeID), singleLine(entry.category),
+        rows.push_back({timeText(entry.createdAt), singleLine(entry.envelopeID), singleLine(entry.category),
                         singleLine(entry.title.empty() ? entry.body : entry.title)});
     }
     std::string footer = entries(std::int64_t(page.size()));

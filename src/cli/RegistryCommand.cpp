@@ -41,7 +41,7 @@ void list(const RegistryOptions& options, const GlobalOptions& globals) {
     for (const auto& e : entries) {
         rows.push_back({singleLine(e.path), e.providerID, std::string(json::rawValue(e.captureMode)),
                         e.sourceID.empty() ? "-" : e.sourceID, groupedInteger(e.lastOffset), optionalNumber(e.size),
-                        std::to_string(e.parserVersion), formatISO8601(e.updatedAt)});
+                        std::to_string(e.parserVersion), timeText(e.updatedAt)});
     }
     // A narrow terminal keeps path, provider, offset and size, the path cut from the left-most end.
     TableFormat format{{false, false, false, false, true, true, true, false},
@@ -63,9 +63,9 @@ void show(const RegistryOptions& options, const GlobalOptions& globals) {
                          {"session", entry->sessionID.value_or("-")},
                          {"read up to", groupedInteger(entry->lastOffset) + " bytes"},
                          {"file", entry->fileIdentifier.value_or("-") + ", " + optionalNumber(entry->size) + " bytes, modified " +
-                                      (entry->modifiedAt ? formatISO8601(*entry->modifiedAt) : "-")},
+                                      timeText(entry->modifiedAt, "-")},
                          {"parser version", std::to_string(entry->parserVersion)},
-                         {"updated", formatISO8601(entry->updatedAt)},
+                         {"updated", timeText(entry->updatedAt)},
                      }));
 }
 
@@ -87,7 +87,7 @@ void checkpoints(const GlobalOptions& globals) {
     std::vector<std::vector<std::string>> rows{{"Source", "Provider", "Files", "Parser", "Updated", "Signature"}};
     for (const auto& c : catalog.entries) {
         rows.push_back({c.sourceID, c.providerID, groupedInteger(std::int64_t(c.candidateFileFingerprints.size())),
-                        std::to_string(c.parserVersion), formatISO8601(c.updatedAt), truncatedToWidth(c.scanSignature, 20)});
+                        std::to_string(c.parserVersion), timeText(c.updatedAt), truncatedToWidth(c.scanSignature, 20)});
     }
     writeOutput("-", alignedRows(rows) + counted(std::int64_t(catalog.entries.size()), "checkpoint") + "\n");
 }

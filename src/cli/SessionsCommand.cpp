@@ -26,7 +26,7 @@ struct SessionsOptions {
 
 QuotaSessionCatalogStore openCatalog(const GlobalOptions& globals) { return QuotaSessionCatalogStore{resolveConfiguration(globals)}; }
 
-std::string dateText(const std::optional<Date>& date) { return date ? formatISO8601(*date) : "-"; }
+std::string dateText(const std::optional<Date>& date) { return timeText(date, "-"); }
 
 // ---- import ----
 
@@ -148,7 +148,7 @@ void messages(const SessionsOptions& options, const GlobalOptions& globals) {
     std::vector<std::vector<std::string>> table{{"Seq", "Role", "Time", "Model", "Tokens", "Text"}};
     for (const auto& r : rows) {
         const std::string text = truncatedToWidth(singleLine(r.text.value_or("")), 60);
-        table.push_back({std::to_string(r.seq), r.role, r.timestamp ? formatISO8601(dateFromSeconds(*r.timestamp)) : "-",
+        table.push_back({std::to_string(r.seq), r.role, r.timestamp ? timeText(dateFromSeconds(*r.timestamp)) : "-",
                          r.model.value_or("-"), groupedInteger(r.tokenCount), text});
     }
     const TableFormat format{{true, false, false, false, true, false}, {false, false, false, true, false, false},

@@ -38,7 +38,7 @@ void list(const GlobalOptions& globals) {
     const std::string language = resolveLanguage(globals);
     for (const auto& record : registry.entries) {
         rows.push_back({record.id, record.sourceName, std::string(json::rawValue(record.channel)),
-                        formatISO8601(record.receivedAt), snapshotSummary(record.snapshot, language)});
+                        timeText(record.receivedAt), snapshotSummary(record.snapshot, language)});
     }
     writeOutput("-", alignedRows(rows) + counted(std::int64_t(registry.entries.size()), "source") + "\n");
 }
@@ -49,7 +49,7 @@ void show(const SourcesOptions& options, const GlobalOptions& globals) {
     if (globals.json) return printJson(*record);
     std::string header = record->id + " · " + record->sourceName;
     if (record->platformLabel) header += " · " + *record->platformLabel;
-    header += " · received " + formatISO8601(record->receivedAt) + " by " + std::string(json::rawValue(record->channel));
+    header += " · received " + timeText(record->receivedAt) + " by " + std::string(json::rawValue(record->channel));
     writeOutput("-", header + "\n");
     printWidget(record->snapshot, "text", globals);
 }

@@ -179,7 +179,7 @@ void epoch(const SyncOptions& options, const GlobalOptions& globals) {
     writeOutput("-", alignedRows({
                          {"epoch", state.epoch},
                          {"schema version", std::to_string(state.schemaVersion)},
-                         {"reset at", formatISO8601(state.resetAt)},
+                         {"reset at", timeText(state.resetAt)},
                          {"user defaults", synchronizedText(state.localDefaultsSynchronized)},
                          {"cloud store", synchronizedText(state.cloudMirrorSynchronized)},
                      }));

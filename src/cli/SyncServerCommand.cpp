@@ -87,7 +87,7 @@ void pull(const ServerOptions& options, const GlobalOptions& globals) {
     writeOutput("-", line + "\n");
 }
 
-std::string dateText(const std::optional<Date>& date) { return date ? formatISO8601(*date) : "never"; }
+std::string dateText(const std::optional<Date>& date) { return timeText(date, "never"); }
 
 void status(const ServerOptions& options, const GlobalOptions& globals) {
     const auto s = syncWith(requireURL(options, globals), globals, options.retries).status();

@@ -31,8 +31,8 @@ TEST(InboxCommand, AddsPagesByCursorAndDeletes) {
     EXPECT_EQ(run(dir, {"inbox", "add", "-"}, entriesDocument(7)).out, "stored 7 entries\n");
     EXPECT_EQ(run(dir, {"inbox", "count"}).out, "7 entries\n");
     EXPECT_EQ(run(dir, {"inbox", "list", "--limit", "2"}).out,
-              "2026-11-21T11:30:00.123456Z  e6  quota  Claude at 6%\n"
-              "2026-11-21T11:30:00.123456Z  e5  quota  Claude at 5%\n"
+              "2026-11-21 11:30:00  e6  quota  Claude at 6%\n"
+              "2026-11-21 11:30:00  e5  quota  Claude at 5%\n"
               "2 entries; next page: --before 1795260600.123456,e5\n");
 
     const auto last = json::parse(run(dir, {"inbox", "list", "--limit", "3", "--json", "--before", "1795260600.123456,e3"}).out);

@@ -34,8 +34,8 @@ TEST_F(SessionStoreCommands, ImportListShowAndExport) {
 
     const auto list = run({"sessions", "list"});
     EXPECT_EQ(list.out,
-              "Source  Session  Provider  Ended                 Messages  Tokens  Title\n"
-              "mac     b        claude    2026-11-20T10:00:00Z         2   1,234  kept\n"
+              "Source  Session  Provider  Ended                Messages  Tokens  Title\n"
+              "mac     b        claude    2026-11-20 10:00:00         2   1,234  kept\n"
               "1-1 of 1 session\n");
     EXPECT_EQ(json::parse(run({"sessions", "show", "--source", "mac", "b", "--json"}).out).at("title"), "kept");
     EXPECT_EQ(run({"sessions", "show", "--source", "mac", "a"}).err, "gaugepoint: no session \"a\" of source \"mac\"\n");

@@ -26,10 +26,10 @@ CommandResult run(const ScratchDirectory& dir, std::vector<std::string> args, co
 TEST(HistoryCommand, AppendsListsAndClears) {
     ScratchDirectory dir;
     EXPECT_EQ(run(dir, {"history", "append", "--snapshot", "-"}, kSnapshot).out,
-              "stored the snapshot of mac-studio (Studio) generated 2026-11-21T09:00:00Z; 1 snapshot kept\n");
+              "stored the snapshot of mac-studio (Studio) generated 2026-11-21 09:00:00; 1 snapshot kept\n");
     ASSERT_EQ(run(dir, {"history", "append", "--sibling", kExample}).exitCode, 0);
     const auto list = run(dir, {"history", "list"});
-    EXPECT_EQ(list.out.substr(0, list.out.find('\n')), "2026-11-21T09:00:00Z  mac-studio (Studio)  Claude 58%");
+    EXPECT_EQ(list.out.substr(0, list.out.find('\n')), "2026-11-21 09:00:00  mac-studio (Studio)  Claude 58%");
     const auto timeline = json::parse(run(dir, {"history", "list", "--json"}).out);
     EXPECT_EQ(timeline.at("snapshots").as_array().size(), 2u);
     EXPECT_EQ(json::parse(run(dir, {"history", "latest", "--json"}).out).at("providers").as_array().size(), 6u);
