@@ -156,7 +156,21 @@ std::string dateText(const std::optional<Date>& date) { return timeText(date, "n
 void status(const GlobalOptions& globals) {
     const QuotaMetadataRefreshService service{resolveConfiguration(globals)};
     const auto state = service.state();
-    if (globals.json) return printJson(state);
+    if (globals.json) {
+        // Every key, null for "never": a script reads the same shape before the first refresh.
+        json::JsonWriter w{true};
+        w.beginObject();
+        for (const auto& [key, date] : {std::pair{"updatedAt", state.updatedAt},
+                                        std::pair{"providerCatalogRefreshedAt", state.providerCatalogRefreshedAt},
+                                        std::pair{"modelCatalogRefreshedAt", state.modelCatalogRefreshedAt}}) {
+            w.key(key);
+            date ? json::writeValue(w, *date) : w.null();
+        }
+        w.key("lastErrorDescription");
+        state.lastErrorDescription ? w.string(*state.lastErrorDescription) : w.null();
+        w.endObject();
+        return writeOutput("-", w.take() + "\n");
+    }
     writeOutput("-", alignedRows({
                          {"updated", dateText(state.updatedAt)},
                          {"providers refreshed", dateText(state.providerCatalogRefreshedAt)},
