@@ -10,7 +10,7 @@ DEMO_GP := XDG_CONFIG_HOME=$(DEMO_HOME)/config XDG_DATA_HOME=$(DEMO_HOME)/data $
 LOGS_NOW := 2026-11-06T21:00:00Z
 LOGS := --claude-dir examples/logs/claude --codex-dir examples/logs/codex --gemini-dir examples/logs/gemini
 
-.PHONY: demo test build asan fuzz bench bootstrap clean
+.PHONY: demo test build asan tsan fuzz bench bootstrap clean install
 
 bootstrap:
 	@scripts/bootstrap
@@ -44,6 +44,7 @@ demo: bootstrap
 test: build
 	@ctest --preset release -j $(JOBS)
 	@$(MAKE) --no-print-directory asan
+	@$(MAKE) --no-print-directory tsan
 	@$(MAKE) --no-print-directory fuzz
 
 asan: bootstrap
@@ -51,10 +52,32 @@ asan: bootstrap
 	@cmake --build --preset asan -j $(JOBS)
 	@ctest --preset asan -j $(JOBS)
 
+# The suites whose code runs threads (the scan's reader and writer, the connection pools, the
+# shared tokenizer), under ThreadSanitizer.
+TSAN_SUITES := importers_tests notify_tests stores_tests pricing_tests quota_tests
+tsan: bootstrap
+	@cmake --preset tsan >/dev/null
+	@cmake --build --preset tsan -j $(JOBS)
+	@for suite in $(TSAN_SUITES); do \
+		exe=$$(find build/tsan/tests -name $$suite -type f | head -n 1); \
+		TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 TZ=UTC LC_ALL=C.UTF-8 \
+		GAUGEPOINT_APP_GROUP_DIR=$(CURDIR)/build/tsan/test-home/group XDG_CONFIG_HOME=$(CURDIR)/build/tsan/test-home/config \
+		XDG_DATA_HOME=$(CURDIR)/build/tsan/test-home/data $$exe --gtest_brief=1 || exit 1; \
+		echo "tsan: $$suite passed"; \
+	done
+
 fuzz: bootstrap
 	@cmake --preset asan >/dev/null
 	@cmake --build --preset asan -j $(JOBS)
 	@scripts/run-fuzzers build/asan $(FUZZ_SECONDS)
+
+# The command into ~/.local/bin (PREFIX=/usr/local for all users).
+PREFIX ?= $(HOME)/.local
+install: bootstrap
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release -j $(JOBS) --target gaugepoint
+	@install -D -m 755 $(GP) $(PREFIX)/bin/gaugepoint
+	@echo "installed $(PREFIX)/bin/gaugepoint"
 
 bench: build
 	@scripts/run-benchmarks build/release

@@ -18,6 +18,11 @@ if(GAUGEPOINT_SANITIZE)
   add_link_options(${_san})
 endif()
 
+if(GAUGEPOINT_TSAN)
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+endif()
+
 if(GAUGEPOINT_FUZZ)
   if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     message(FATAL_ERROR "GAUGEPOINT_FUZZ needs clang (libFuzzer)")
@@ -33,7 +38,7 @@ function(gaugepoint_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS;PRIVATE_DEPENDS" ${ARGN})
   add_library(gaugepoint_${name} STATIC ${ARG_SOURCES})
   add_library(gaugepoint::${name} ALIAS gaugepoint_${name})
-  target_include_directories(gaugepoint_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_include_directories(gaugepoint_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_BINARY_DIR}/generated)
   target_link_libraries(gaugepoint_${name} PUBLIC ${ARG_DEPENDS} PRIVATE gaugepoint_build_flags ${ARG_PRIVATE_DEPENDS})
 endfunction()
 
@@ -58,12 +63,20 @@ function(gaugepoint_bench name)
   target_compile_definitions(${name} PRIVATE GAUGEPOINT_TEST_DATA_DIR="${PROJECT_SOURCE_DIR}/tests/data")
 endfunction()
 
-# gaugepoint_fuzz(<name> SOURCES ... DEPENDS ... CORPUS <dir>): one libFuzzer target;
-# the seed corpus directory is recorded for scripts/run-fuzzers.
+# gaugepoint_fuzz(<name> SOURCES ... DEPENDS ... CORPUS <dir>): one libFuzzer target; the seed
+# corpus directory is recorded for scripts/run-fuzzers. Without GAUGEPOINT_FUZZ (any compiler)
+# the same entry point is built with a small main that replays the seed corpus, registered as a
+# test, so every build runs the seeds.
 function(gaugepoint_fuzz name)
   cmake_parse_arguments(ARG "" "CORPUS" "SOURCES;DEPENDS" ${ARGN})
-  add_executable(${name} ${ARG_SOURCES})
-  target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} gaugepoint_build_flags)
-  target_link_options(${name} PRIVATE -fsanitize=fuzzer)
-  set_property(GLOBAL APPEND PROPERTY GAUGEPOINT_FUZZ_TARGETS "$<TARGET_FILE:${name}>|${ARG_CORPUS}")
+  if(GAUGEPOINT_FUZZ)
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} gaugepoint_build_flags)
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+    set_property(GLOBAL APPEND PROPERTY GAUGEPOINT_FUZZ_TARGETS "$<TARGET_FILE:${name}>|${ARG_CORPUS}")
+  elseif(GAUGEPOINT_TESTS)
+    add_executable(${name}_replay ${ARG_SOURCES} ${PROJECT_SOURCE_DIR}/fuzz/ReplayCorpus.cpp)
+    target_link_libraries(${name}_replay PRIVATE ${ARG_DEPENDS} gaugepoint_build_flags)
+    add_test(NAME FuzzSeeds.${name} COMMAND ${name}_replay ${ARG_CORPUS})
+  endif()
 endfunction()

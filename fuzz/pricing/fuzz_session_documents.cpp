@@ -36,10 +36,10 @@ std::optional<T> decoded(std::string_view text) {
 
 // Token sums that overflow stop the program by design; the fuzzer only feeds sums that fit.
 bool fits(const QuotaSessionTokenUsage& usage) {
-    __int128 sum = __int128(usage.inputTokens) + usage.outputTokens + usage.cacheReadTokens + usage.cacheWriteTokens;
-    return sum <= INT64_MAX && sum >= INT64_MIN &&
-           (__int128(usage.cacheReadTokens) + usage.cacheWriteTokens) <= INT64_MAX &&
-           (__int128(usage.cacheReadTokens) + usage.cacheWriteTokens) >= INT64_MIN;
+    std::int64_t cache = 0, sum = 0;
+    return !__builtin_add_overflow(usage.cacheReadTokens, usage.cacheWriteTokens, &cache) &&
+           !__builtin_add_overflow(usage.inputTokens, usage.outputTokens, &sum) &&
+           !__builtin_add_overflow(sum, cache, &sum);
 }
 
 void price(const QuotaSessionDescriptor& descriptor) {

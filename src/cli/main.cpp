@@ -10,6 +10,7 @@
 #include "Commands.hpp"
 #include "TextTable.hpp"
 #include "UsageErrors.hpp"
+#include "gaugepoint/Version.hpp"
 #include "gaugepoint/platform/Text.hpp"
 
 namespace {
@@ -47,7 +48,7 @@ int main(int argc, char** argv) {
     GlobalOptions globals;
     root.fallthrough();  // subcommands inherit it: global options may follow the command words
     root.require_subcommand(1);
-    root.set_version_flag("--version", "gaugepoint 0.1.0");
+    root.set_version_flag("--version", std::string("gaugepoint ") + GAUGEPOINT_VERSION);
     root.add_option("--app-group-dir", globals.appGroupDir, "Directory of the shared stores")
         ->option_text("DIR")->group("Global options");
     root.add_option("--lang", globals.lang, "Interface language code (en, zh-Hans, ...)")

@@ -1,4 +1,5 @@
 #include "gaugepoint/pgsync/SameAccountSync.hpp"
+#include "gaugepoint/Version.hpp"
 
 #include <set>
 
@@ -18,7 +19,7 @@ namespace {
 namespace Codec = QuotaSameAccountSyncV2RecordCodec;
 namespace Type = QuotaSameAccountSyncV2::RecordType;
 
-constexpr const char* kAppVersion = "0.1.0";
+constexpr const char* kAppVersion = GAUGEPOINT_VERSION;
 // How often one record is written again when other machines keep changing it in between.
 constexpr int kConflictRounds = 3;
 
