@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
@@ -23,6 +24,7 @@
 #include "gaugepoint/platform/Sha256.hpp"
 #include "gaugepoint/stores/QuotaSessionCatalogStore.hpp"
 #include "gaugepoint/stores/QuotaUsageEntryStore.hpp"
+#include "gaugepoint/stores/SQLiteStatementCache.hpp"
 
 namespace gaugepoint {
 namespace {
@@ -71,7 +73,7 @@ private:
 // What one read of a file gave, waiting for its transaction.
 class Collected final : public LogRecordSink {
 public:
-    explicit Collected(std::string path) : path_(std::move(path)) {}
+    Collected(std::string path, QuotaSessionContentCaptureMode) : path_(std::move(path)) {}
 
     void usage(QuotaUsageEntry entry) override { usage_.push_back(std::move(entry)); }
     void message(QuotaImportedMessage message) override {
@@ -171,21 +173,48 @@ private:
     bool finished_ = false, abandoned_ = false;
 };
 
-// What one tool's scan starts from: its files as they are now, and what the registry knows.
+// What one tool's scan starts from: its files as they are now, what the registry knows, and the
+// parser's state of each changed file that may be read on from where it stopped.
 struct ToolFiles {
     const CodingToolLogs* tool = nullptr;
     std::vector<LogFileCandidate> files;
     std::unordered_map<std::string, QuotaSessionFileRegistryEntry> known;
+    std::unordered_map<std::string, std::string> states;
 };
+
+// Whether the file is as the registry saw it last: then it is not opened at all.
+bool isUnchanged(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& entry, const LogFileCandidate& file) {
+    return entry.parserVersion == tool.parserVersion() && entry.fileIdentifier == file.identity &&
+           entry.size == file.size && entry.modifiedAt == file.modifiedAt;
+}
+
+// Loads the parser states of the changed files that may go on from their position, before any
+// write starts (the writer holds the connection for whole batches).
+void loadParserStates(const QuotaSessionFileRegistry& registry, std::vector<ToolFiles>& tools) {
+    registry.withConnection([&](sqlite::Connection& connection) {
+        sqlite::StatementCache statements{connection};
+        for (auto& tool : tools) {
+            for (const auto& file : tool.files) {
+                const auto found = tool.known.find(file.path.string());
+                if (found == tool.known.end() || file.layout != LogLayout::appendedLines) continue;
+                const auto& entry = found->second;
+                if (isUnchanged(*tool.tool, entry, file) || entry.lastOffset == 0 ||
+                    entry.parserVersion != tool.tool->parserVersion() || entry.fileIdentifier != file.identity) {
+                    continue;
+                }
+                tool.states.emplace(entry.path, QuotaUsageEntryStore::parserState(statements, entry));
+            }
+        }
+    });
+}
 
 // Reads and parses the files that changed into pieces, on a thread of its own while the scan's
 // thread writes the pieces before them: parsing and SQLite then share the two cores.
 class FileReader {
 public:
-    FileReader(const QuotaSessionFileRegistry& registry, const QuotaScanOptions& options, const std::string& sourceID,
-               PieceQueue& queue, QuotaScanSummary& tally)
-        : registry_(registry), options_(options), sourceID_(sourceID), queue_(queue), tally_(tally),
-          now_(registry.configuration().clock.now()) {}
+    FileReader(const QuotaScanOptions& options, const std::string& sourceID, Date now, PieceQueue& queue,
+               QuotaScanSummary& tally)
+        : options_(options), sourceID_(sourceID), queue_(queue), tally_(tally), now_(now) {}
 
     void readAll(const std::vector<ToolFiles>& tools, std::int64_t total) {
         std::int64_t done = 0;
@@ -195,7 +224,7 @@ public:
                 const QuotaSessionFileRegistryEntry* entry = found == tool.known.end() ? nullptr : &found->second;
                 if (entry && isUnchanged(*tool.tool, *entry, file)) {
                     ++tally_.filesUnchanged;
-                } else if (!read(*tool.tool, file, entry)) {
+                } else if (!read(tool, file, entry)) {
                     return;  // the writer gave up
                 }
                 if (++done % 16 == 0 && options_.progress) options_.progress(done, total, tally_.bytesRead);
@@ -204,19 +233,14 @@ public:
     }
 
 private:
-    static bool isUnchanged(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& entry,
-                            const LogFileCandidate& file) {
-        return entry.parserVersion == tool.parserVersion() && entry.fileIdentifier == file.identity &&
-               entry.size == file.size && entry.modifiedAt == file.modifiedAt;
-    }
-
     void skipped(const std::string& path, std::string reason) {
         ++tally_.filesSkipped;
         if (tally_.problems.size() < kMaximumProblems) tally_.problems.push_back({path, std::nullopt, std::move(reason)});
     }
 
     // False when the writer gave up.
-    bool read(const CodingToolLogs& tool, const LogFileCandidate& file, const QuotaSessionFileRegistryEntry* entry) {
+    bool read(const ToolFiles& files, const LogFileCandidate& file, const QuotaSessionFileRegistryEntry* entry) {
+        const CodingToolLogs& tool = *files.tool;
         const std::string path = file.path.string();
         ReadableFile opened{file.path};
         struct stat info {};
@@ -244,7 +268,10 @@ private:
         ++tally_.filesRead;
         if (file.layout == LogLayout::wholeDocument) return readDocument(opened, std::move(piece));
         const std::int64_t offset = goesOn ? entry->lastOffset : 0;
-        if (offset > 0) piece.state = parserStateOf(piece.entry);
+        if (offset > 0) {
+            const auto state = files.states.find(path);
+            if (state != files.states.end()) piece.state = state->second;
+        }
         return readLines(opened, std::move(piece), offset);
     }
 
@@ -260,7 +287,7 @@ private:
         tally_.bytesRead += std::int64_t(text.size());
         const std::size_t size = text.size();
         text.resize(size + kJsonPadding);
-        piece.records = std::make_unique<Collected>(piece.entry.path);
+        piece.records = std::make_unique<Collected>(piece.entry.path, options_.capture);
         const LogFileContext context{piece.entry.path, options_.capture, &parser_};
         piece.tool->parseDocument(std::string_view(text.data(), size), context, *piece.records);
         struct stat info {};
@@ -286,7 +313,7 @@ private:
         const LogFileContext context{piece.entry.path, options_.capture, &parser_};
         std::size_t used = 0;           // bytes in the buffer, starting at file position `offset`
         bool skippingLongLine = false;  // inside a line longer than a piece
-        auto records = std::make_unique<Collected>(piece.entry.path);
+        auto records = std::make_unique<Collected>(piece.entry.path, options_.capture);
         std::vector<LogLine> lines;
         for (;;) {
             const ssize_t n = ::read(opened.fd(), buffer_.get() + used, kPieceBytes - used);
@@ -327,7 +354,7 @@ private:
             Piece next = followOn(piece, offset);
             piece.entry.lastOffset = offset;
             piece.entry.size.reset();
-            piece.records = std::exchange(records, std::make_unique<Collected>(piece.entry.path));
+            piece.records = std::exchange(records, std::make_unique<Collected>(piece.entry.path, options_.capture));
             if (!queue_.push(std::exchange(piece, std::move(next)))) return false;
         }
         struct stat info {};
@@ -349,15 +376,6 @@ private:
         return next;
     }
 
-    std::string parserStateOf(const QuotaSessionFileRegistryEntry& entry) const {
-        std::string state;
-        registry_.withConnection([&](sqlite::Connection& connection) {
-            state = QuotaUsageEntryStore::parserState(connection, QuotaUsageEntryStore::fileKey(connection, entry));
-        });
-        return state;
-    }
-
-    const QuotaSessionFileRegistry& registry_;
     const QuotaScanOptions& options_;
     const std::string& sourceID_;
     PieceQueue& queue_;
@@ -367,14 +385,39 @@ private:
     JsonLineParser parser_;
 };
 
-// Writes pieces in order: a piece's rows, the parser's state and the file's new position in one
-// transaction. Another scan that moved a file's position in between wins: that piece and the
-// rest of its file are not written.
+// Writes pieces in order: a piece's rows, the parser's state and the file's new position. Pieces
+// are written in batches, one transaction each, so the rows and positions of a whole batch commit
+// together (a scan stopped in between loses the batch and counts none of it twice). Another scan
+// that moved a file's position in between wins: that piece and the rest of its file are skipped.
 class PieceWriter {
 public:
     PieceWriter(const QuotaSessionFileRegistry& registry, QuotaScanSummary& tally) : registry_(registry), tally_(tally) {}
 
-    void write(Piece& piece) {
+    // Writes every piece the queue gives until the reader has finished.
+    void writeAll(PieceQueue& queue) {
+        auto next = queue.pop();
+        while (next) {
+            registry_.inTransaction("import logs", [&](sqlite::Connection& connection) {
+                sqlite::StatementCache statements{connection};
+                const auto started = std::chrono::steady_clock::now();
+                for (std::size_t written = 1;; ++written) {
+                    write(statements, *next);
+                    next.reset();
+                    if (written >= kBatchPieces || std::chrono::steady_clock::now() - started >= kBatchTime) break;
+                    if (!(next = queue.pop())) break;
+                }
+            });
+            if (!next) next = queue.pop();
+        }
+    }
+
+private:
+    // A batch ends after this many pieces or this long, whichever comes first: few commits, and
+    // little work lost when a scan is stopped.
+    static constexpr std::size_t kBatchPieces = 2000;
+    static constexpr std::chrono::milliseconds kBatchTime{2000};
+
+    void write(sqlite::StatementCache& statements, Piece& piece) {
         Collected& records = *piece.records;
         tally_.linesSkipped += std::int64_t(records.bad_.size());
         for (auto& bad : records.bad_) {
@@ -382,25 +425,22 @@ public:
         }
         if (abandonedPath_ == piece.entry.path) return;
         if (!records.firstSession_.empty()) piece.entry.sessionID = records.firstSession_;
-        const bool written = registry_.inTransaction("import " + piece.entry.providerID, [&](sqlite::Connection& c) {
-            const auto& e = piece.entry;
-            const auto current = QuotaSessionFileRegistry::load(c, e.path, e.sourceID, e.providerID, e.captureMode);
-            if ((current ? std::optional(current->lastOffset) : std::nullopt) != piece.expected) return false;
-            const std::int64_t key = QuotaUsageEntryStore::fileKey(c, e);
-            QuotaUsageEntryStore::Tally forgotten;
-            if (piece.forgetFirst) forgotten = QuotaUsageEntryStore::forgetFile(c, key);
-            const auto added =
-                QuotaUsageEntryStore::record(c, key, records.usage_, records.messages_, e.providerID, records.sessions_);
-            if (records.limits_) QuotaUsageEntryStore::noteRateLimits(c, *records.limits_);
-            QuotaUsageEntryStore::setParserState(c, key, piece.state);
-            QuotaSessionFileRegistry::upsert(c, e);
-            tally_.tokens += forgotten.countedTokens + added.countedTokens;
-            return true;
-        });
-        if (!written) abandonedPath_ = piece.entry.path;
+        const auto& e = piece.entry;
+        if (QuotaSessionFileRegistry::lastOffset(statements, e) != piece.expected) {
+            abandonedPath_ = piece.entry.path;
+            return;
+        }
+        const std::int64_t key = QuotaUsageEntryStore::fileKey(statements, e);
+        QuotaUsageEntryStore::Tally forgotten;
+        if (piece.forgetFirst) forgotten = QuotaUsageEntryStore::forgetFile(statements, key);
+        const auto added =
+            QuotaUsageEntryStore::record(statements, key, records.usage_, records.messages_, e.providerID, records.sessions_);
+        if (records.limits_) QuotaUsageEntryStore::noteRateLimits(statements, *records.limits_);
+        QuotaUsageEntryStore::setParserState(statements, key, piece.state);
+        QuotaSessionFileRegistry::upsert(statements, e);
+        tally_.tokens += forgotten.countedTokens + added.countedTokens;
     }
 
-private:
     const QuotaSessionFileRegistry& registry_;
     QuotaScanSummary& tally_;
     std::string abandonedPath_;
@@ -509,19 +549,19 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
         }
     }
 
+    loadParserStates(registry, tools);
     PieceQueue queue;
     std::exception_ptr readFailure;
     std::thread reader{[&] {
         try {
-            FileReader{registry, options, sourceID, queue, summary}.readAll(tools, total);
+            FileReader{options, sourceID, configuration_.clock.now(), queue, summary}.readAll(tools, total);
         } catch (...) {
             readFailure = std::current_exception();
         }
         queue.finish();
     }};
     try {
-        PieceWriter writer{registry, written};
-        while (auto piece = queue.pop()) writer.write(*piece);
+        PieceWriter{registry, written}.writeAll(queue);
     } catch (...) {
         queue.abandon();
         while (queue.pop()) {

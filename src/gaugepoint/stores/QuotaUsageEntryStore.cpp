@@ -136,6 +136,8 @@ constexpr const char* kFindFile =
 constexpr const char* kAddFile =
     "INSERT INTO import_files (path, source_id, provider_id, capture_mode) VALUES (?, ?, ?, ?)";
 constexpr const char* kParserState = "SELECT parser_state FROM import_files WHERE file_key = ?";
+constexpr const char* kParserStateOfFile =
+    "SELECT parser_state FROM import_files WHERE path = ? AND source_id = ? AND provider_id = ? AND capture_mode = ?";
 constexpr const char* kSetParserState = "UPDATE import_files SET parser_state = ? WHERE file_key = ?";
 
 constexpr const char* kCountedRow =
@@ -198,13 +200,13 @@ std::int64_t total(const QuotaSessionTokenUsage& t) {
 
 // The statements of one write, prepared once for all its rows.
 struct EntryWriter {
-    sqlite::Connection& connection;
-    sqlite::Statement counted{connection, kCountedRow, "prepare usage lookup", "execute usage lookup"};
-    sqlite::Statement own{connection, kOwnRow, "prepare usage lookup", "execute usage lookup"};
-    sqlite::Statement insert{connection, kInsertEntry, "prepare usage insert", "execute usage insert"};
-    sqlite::Statement update{connection, kUpdateEntry, "prepare usage update", "execute usage update"};
-    sqlite::Statement best{connection, kBestRow, "prepare usage recount", "execute usage recount"};
-    sqlite::Statement setCounted{connection, kSetCounted, "prepare usage recount", "execute usage recount"};
+    sqlite::StatementCache& statements;
+    sqlite::Statement& counted = statements.get(kCountedRow, "prepare usage lookup", "execute usage lookup");
+    sqlite::Statement& own = statements.get(kOwnRow, "prepare usage lookup", "execute usage lookup");
+    sqlite::Statement& insert = statements.get(kInsertEntry, "prepare usage insert", "execute usage insert");
+    sqlite::Statement& update = statements.get(kUpdateEntry, "prepare usage update", "execute usage update");
+    sqlite::Statement& best = statements.get(kBestRow, "prepare usage recount", "execute usage recount");
+    sqlite::Statement& setCounted = statements.get(kSetCounted, "prepare usage recount", "execute usage recount");
 
     void bindValues(sqlite::Statement& s, int first, const QuotaUsageEntry& e) {
         s.bind(first, e.sessionID).bind(first + 1, secondsSince1970(e.timestamp)).bind(first + 2, e.model);
@@ -338,31 +340,45 @@ void QuotaUsageEntryStore::refreshUsageQuarters() const {
     });
 }
 
-std::int64_t QuotaUsageEntryStore::fileKey(sqlite::Connection& connection, const QuotaSessionFileRegistryEntry& entry) {
+std::int64_t QuotaUsageEntryStore::fileKey(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry) {
     const auto bindKey = [&](sqlite::Statement& s) {
         s.bind(1, entry.path).bind(2, entry.sourceID).bind(3, entry.providerID).bind(4, json::rawValue(entry.captureMode));
     };
-    sqlite::Statement find{connection, kFindFile, "prepare file key", "execute file key"};
+    auto& find = statements.get(kFindFile, "prepare file key", "execute file key");
     bindKey(find);
-    if (find.step()) return find.integer(0);
-    sqlite::Statement add{connection, kAddFile, "prepare file key", "execute file key"};
+    if (find.step()) {
+        const std::int64_t key = find.integer(0);
+        find.reset();
+        return key;
+    }
+    auto& add = statements.get(kAddFile, "prepare file key", "execute file key");
     bindKey(add);
     add.run();
-    return connection.lastInsertRowID();
+    return statements.connection().lastInsertRowID();
 }
 
-std::string QuotaUsageEntryStore::parserState(sqlite::Connection& connection, std::int64_t fileKey) {
-    sqlite::Statement select{connection, kParserState, "prepare parser state", "execute parser state"};
+std::string QuotaUsageEntryStore::parserState(sqlite::StatementCache& statements, std::int64_t fileKey) {
+    auto& select = statements.get(kParserState, "prepare parser state", "execute parser state");
     select.bind(1, fileKey);
-    return select.step() ? std::string(select.text(0).value_or("")) : std::string();
+    std::string state = select.step() ? std::string(select.text(0).value_or("")) : std::string();
+    select.reset();
+    return state;
 }
 
-void QuotaUsageEntryStore::setParserState(sqlite::Connection& connection, std::int64_t fileKey, std::string_view state) {
-    sqlite::Statement update{connection, kSetParserState, "prepare parser state", "execute parser state"};
+std::string QuotaUsageEntryStore::parserState(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry) {
+    auto& select = statements.get(kParserStateOfFile, "prepare parser state", "execute parser state");
+    select.bind(1, entry.path).bind(2, entry.sourceID).bind(3, entry.providerID).bind(4, json::rawValue(entry.captureMode));
+    std::string state = select.step() ? std::string(select.text(0).value_or("")) : std::string();
+    select.reset();
+    return state;
+}
+
+void QuotaUsageEntryStore::setParserState(sqlite::StatementCache& statements, std::int64_t fileKey, std::string_view state) {
+    auto& update = statements.get(kSetParserState, "prepare parser state", "execute parser state");
     update.bind(1, state).bind(2, fileKey).run();
 }
 
-QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::Connection& connection, std::int64_t fileKey) {
+QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::StatementCache& statements, std::int64_t fileKey) {
     struct Gone {
         std::string provider, key, session;
         bool counted;
@@ -370,7 +386,7 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::Connection&
     };
     std::vector<Gone> gone;
     {
-        sqlite::Statement select{connection, kFileEntries, "prepare forget file", "execute forget file"};
+        auto& select = statements.get(kFileEntries, "prepare forget file", "execute forget file");
         select.bind(1, fileKey);
         while (select.step()) {
             gone.push_back({std::string(select.text(0).value_or("")), std::string(select.text(1).value_or("")),
@@ -379,16 +395,14 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::Connection&
     }
     std::set<std::pair<std::string, std::string>> sessions;
     {
-        sqlite::Statement select{connection, kFileMessageSessions, "prepare forget file", "execute forget file"};
+        auto& select = statements.get(kFileMessageSessions, "prepare forget file", "execute forget file");
         select.bind(1, fileKey);
         while (select.step()) sessions.emplace(select.text(0).value_or(""), select.text(1).value_or(""));
     }
-    sqlite::Statement deleteEntries{connection, kDeleteFileEntries, "prepare forget file", "execute forget file"};
-    deleteEntries.bind(1, fileKey).run();
-    sqlite::Statement deleteMessages{connection, kDeleteFileMessages, "prepare forget file", "execute forget file"};
-    deleteMessages.bind(1, fileKey).run();
+    statements.get(kDeleteFileEntries, "prepare forget file", "execute forget file").bind(1, fileKey).run();
+    statements.get(kDeleteFileMessages, "prepare forget file", "execute forget file").bind(1, fileKey).run();
 
-    EntryWriter writer{connection};
+    EntryWriter writer{statements};
     Tally tally;
     for (const auto& g : gone) {
         sessions.emplace(g.provider, g.session);
@@ -398,19 +412,19 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::Connection&
         key.dedupKey = g.key;
         tally.countedTokens += writer.recount(key, std::pair{std::int64_t{-1}, g.tokens});
     }
-    sqlite::Statement mark{connection, kMarkDirty, "prepare mark session", "execute mark session"};
+    auto& mark = statements.get(kMarkDirty, "prepare mark session", "execute mark session");
     for (const auto& [provider, session] : sessions) markDirty(mark, provider, session);
     return tally;
 }
 
 QuotaUsageEntryStore::Tally QuotaUsageEntryStore::record(
-    sqlite::Connection& connection, std::int64_t fileKey, const std::vector<QuotaUsageEntry>& usage,
+    sqlite::StatementCache& statements, std::int64_t fileKey, const std::vector<QuotaUsageEntry>& usage,
     const std::vector<QuotaImportedMessage>& messages, std::string_view providerID,
     const std::vector<std::pair<std::string, std::string>>& sessionProjects) {
     Tally tally;
     std::set<std::string> sessions;
     if (!usage.empty()) {
-        EntryWriter writer{connection};
+        EntryWriter writer{statements};
         for (const auto& e : mergedUsage(usage)) {
             const Tally t = writer.write(fileKey, e);
             tally.countedTokens += t.countedTokens;
@@ -419,7 +433,7 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::record(
         }
     }
     if (!messages.empty()) {
-        sqlite::Statement upsert{connection, kUpsertMessage, "prepare message insert", "execute message insert"};
+        auto& upsert = statements.get(kUpsertMessage, "prepare message insert", "execute message insert");
         for (const auto& m : messages) {
             upsert.reset();
             upsert.bind(1, fileKey).bind(2, providerID).bind(3, m.sessionID).bind(4, m.messageKey);
@@ -436,7 +450,7 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::record(
         }
     }
     if (!sessionProjects.empty()) {
-        sqlite::Statement upsert{connection, kUpsertSession, "prepare session insert", "execute session insert"};
+        auto& upsert = statements.get(kUpsertSession, "prepare session insert", "execute session insert");
         for (const auto& [session, project] : sessionProjects) {
             upsert.reset();
             upsert.bind(1, providerID).bind(2, session);
@@ -448,16 +462,18 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::record(
             upsert.run();
         }
     }
-    sqlite::Statement mark{connection, kMarkDirty, "prepare mark session", "execute mark session"};
+    auto& mark = statements.get(kMarkDirty, "prepare mark session", "execute mark session");
     for (const auto& session : sessions) markDirty(mark, providerID, session);
     return tally;
 }
 
-void QuotaUsageEntryStore::noteRateLimits(sqlite::Connection& connection, const QuotaObservedRateLimits& limits) {
-    sqlite::Statement stored{connection, kStoredLimits, "prepare rate limits", "execute rate limits"};
+void QuotaUsageEntryStore::noteRateLimits(sqlite::StatementCache& statements, const QuotaObservedRateLimits& limits) {
+    auto& stored = statements.get(kStoredLimits, "prepare rate limits", "execute rate limits");
     stored.bind(1, limits.providerID);
-    if (stored.step() && stored.real(0) >= secondsSince1970(limits.observedAt)) return;
-    sqlite::Statement set{connection, kSetLimits, "prepare rate limits", "execute rate limits"};
+    const bool newer = !stored.step() || stored.real(0) < secondsSince1970(limits.observedAt);
+    stored.reset();
+    if (!newer) return;
+    auto& set = statements.get(kSetLimits, "prepare rate limits", "execute rate limits");
     set.bind(1, limits.providerID).bind(2, secondsSince1970(limits.observedAt)).bind(3, json::encode(limits)).run();
 }
 

@@ -29,13 +29,15 @@ public:
     // Creates the tables and indexes (part of the registry file's set-up).
     static void ensureSchema(sqlite::Connection& connection);
 
-    // ---- writes, inside one registry transaction ----
+    // ---- writes, inside one registry transaction, with statements kept for the transaction ----
 
     // The integer key of the file an entry describes, made on first use.
-    static std::int64_t fileKey(sqlite::Connection& connection, const QuotaSessionFileRegistryEntry& entry);
+    static std::int64_t fileKey(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry);
     // The parser's state for the file ("" at first), and its replacement.
-    static std::string parserState(sqlite::Connection& connection, std::int64_t fileKey);
-    static void setParserState(sqlite::Connection& connection, std::int64_t fileKey, std::string_view state);
+    static std::string parserState(sqlite::StatementCache& statements, std::int64_t fileKey);
+    // The parser's state of the file an entry describes, "" when it has none; writes nothing.
+    static std::string parserState(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry);
+    static void setParserState(sqlite::StatementCache& statements, std::int64_t fileKey, std::string_view state);
 
     // What writes changed: counted tokens added (negative when a forgotten file took some away).
     struct Tally {
@@ -44,15 +46,15 @@ public:
     };
     // Removes what the file contributed. A response it shared with other files is then counted
     // from the best of those. The sessions it touched are marked behind.
-    static Tally forgetFile(sqlite::Connection& connection, std::int64_t fileKey);
+    static Tally forgetFile(sqlite::StatementCache& statements, std::int64_t fileKey);
     // Records one read of the file: usage entries (the same key twice keeps the most output),
     // messages (the same key twice joins their texts), and where sessions ran. Marks the
     // sessions behind.
-    static Tally record(sqlite::Connection& connection, std::int64_t fileKey, const std::vector<QuotaUsageEntry>& usage,
+    static Tally record(sqlite::StatementCache& statements, std::int64_t fileKey, const std::vector<QuotaUsageEntry>& usage,
                         const std::vector<QuotaImportedMessage>& messages, std::string_view providerID,
                         const std::vector<std::pair<std::string, std::string>>& sessionProjects);
     // Keeps `limits` when they are newer than those stored for the provider.
-    static void noteRateLimits(sqlite::Connection& connection, const QuotaObservedRateLimits& limits);
+    static void noteRateLimits(sqlite::StatementCache& statements, const QuotaObservedRateLimits& limits);
 
     // ---- reads; each throws QuotaSessionFileRegistryError ----
 
