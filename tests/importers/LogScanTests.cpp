@@ -79,10 +79,16 @@ TEST(LogScan, TheCaptureModeDecidesWhatTextIsKept) {
     tree.scan();
     const QuotaSessionCatalogStore catalog{tree.configuration};
     const std::string session = "0992eb9e-6652-4513-a72c-3e3af4e31bdc";
-    const auto metadataOnly = catalog.loadPersistedMessageRows("test-machine", session);
-    ASSERT_FALSE(metadataOnly.empty());
-    for (const auto& row : metadataOnly) EXPECT_FALSE(row.text) << row.role;
-    EXPECT_EQ(catalog.loadDescriptor("test-machine", session)->title, "api.server");  // the project folder
+    // metadataOnly: the descriptor counts the session, but no message is kept in either store
+    // beyond the prompts (without text) that the counts need.
+    EXPECT_TRUE(catalog.loadPersistedMessageRows("test-machine", session).empty());
+    const auto descriptor = *catalog.loadDescriptor("test-machine", session);
+    EXPECT_EQ(descriptor.title, "api.server");  // the project folder
+    EXPECT_GT(descriptor.promptCount, 0);
+    EXPECT_GT(descriptor.messageCount, descriptor.promptCount);
+    testing::RawDatabase registry{*tree.configuration.appGroupDirectory / "quota-session-file-registry.sqlite"};
+    EXPECT_EQ(registry.column("SELECT COUNT(*) FROM import_messages WHERE is_prompt = 0 OR text IS NOT NULL"),
+              std::vector<std::string>{"0"});
 
     EXPECT_EQ(tree.scan(QuotaSessionContentCaptureMode::promptsOnly).tokens, 0);  // read again, counted once
     const auto prompts = catalog.loadPersistedMessageRows("test-machine", session);

@@ -70,14 +70,18 @@ private:
     int fd_;
 };
 
-// What one read of a file gave, waiting for its transaction.
+// What one read of a file gave, waiting for its transaction. Under metadataOnly only the prompts
+// are kept (without text): with the counted responses they give a session's message and prompt
+// counts, without a row per log line.
 class Collected final : public LogRecordSink {
 public:
-    Collected(std::string path, QuotaSessionContentCaptureMode) : path_(std::move(path)) {}
+    Collected(std::string path, QuotaSessionContentCaptureMode capture)
+        : path_(std::move(path)), promptsOnly_(capture == QuotaSessionContentCaptureMode::metadataOnly) {}
 
     void usage(QuotaUsageEntry entry) override { usage_.push_back(std::move(entry)); }
     void message(QuotaImportedMessage message) override {
         if (firstSession_.empty()) firstSession_ = message.sessionID;
+        if (promptsOnly_ && !message.isPrompt) return;
         messages_.push_back(std::move(message));
     }
     void session(const std::string& sessionID, const std::string& projectPath) override {
@@ -106,6 +110,7 @@ public:
 
 private:
     std::string path_;
+    bool promptsOnly_;
 };
 
 Date modificationTime(const struct stat& info) {
@@ -579,7 +584,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
         if (summary.problems.size() < kMaximumProblems) summary.problems.push_back(std::move(p));
     }
     updateCheckpoints(states, tools, sourceID, options.capture, configuration_.clock.now());
-    const auto published = publishDirtySessions(QuotaUsageEntryStore{registry}, catalog);
+    const auto published = publishDirtySessions(QuotaUsageEntryStore{registry}, catalog, options.capture);
     summary.newSessions = published.newSessions;
     summary.updatedSessions = published.updatedSessions;
     if (options.progress) options.progress(total, total, summary.bytesRead);

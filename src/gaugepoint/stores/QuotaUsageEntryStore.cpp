@@ -500,80 +500,106 @@ void QuotaUsageEntryStore::clearDirty(const std::vector<SessionKey>& sessions) c
     });
 }
 
-QuotaUsageEntryStore::SessionUsage QuotaUsageEntryStore::sessionUsage(const SessionKey& session) const {
-    SessionUsage result;
-    registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::Statement select{
-            connection,
-            "SELECT model, COUNT(*), SUM(input_tokens), SUM(output_tokens), SUM(cache_read_tokens),\n"
-            "       SUM(cache_write_tokens), SUM(cost_usd), MIN(timestamp), MAX(timestamp)\n"
-            "FROM usage_entries WHERE provider_id = ? AND session_id = ? AND counted = 1\nGROUP BY model",
-            "prepare session usage", "execute session usage"};
-        select.bind(1, session.providerID).bind(2, session.sessionID);
-        while (select.step()) {
-            QuotaSessionModelUsageSummary model;
-            model.id = std::string(select.text(0).value_or(""));
-            model.displayName = model.id;
-            model.sessionCount = 1;
-            model.messageCount = select.integer(1);
-            model.tokenUsage = {select.integer(2), select.integer(3), select.integer(4), select.integer(5), std::nullopt};
-            if (!select.isNull(6)) model.tokenUsage.exactCostUSD = select.real(6);
-            result.models.push_back(std::move(model));
-            const Date first = dateFromSeconds(select.real(7)), last = dateFromSeconds(select.real(8));
-            if (!result.first || first < *result.first) result.first = first;
-            if (!result.last || last > *result.last) result.last = last;
-        }
-    });
+namespace {
+
+constexpr const char* kSessionUsage =
+    "SELECT model, COUNT(*), SUM(input_tokens), SUM(output_tokens), SUM(cache_read_tokens),\n"
+    "       SUM(cache_write_tokens), SUM(cost_usd), MIN(timestamp), MAX(timestamp)\n"
+    "FROM usage_entries WHERE provider_id = ? AND session_id = ? AND counted = 1\nGROUP BY model";
+// One row per message key: copies of a message in other files (or read under another capture
+// mode) are left out, a copy that kept text winning over one that did not.
+constexpr const char* kSessionMessages =
+    "SELECT message_key, timestamp, role, model, input_tokens, output_tokens, cache_read_tokens,\n"
+    "       cache_write_tokens, is_prompt, text FROM (\n"
+    "    SELECT *, ROW_NUMBER() OVER (PARTITION BY message_key ORDER BY text IS NULL, id) AS copy\n"
+    "    FROM import_messages WHERE provider_id = ? AND session_id = ?\n"
+    ") WHERE copy = 1\nORDER BY timestamp IS NULL, timestamp, id";
+constexpr const char* kSessionProject = "SELECT project_path FROM import_sessions WHERE provider_id = ? AND session_id = ?";
+
+QuotaUsageEntryStore::SessionUsage readSessionUsage(sqlite::StatementCache& statements,
+                                                    const QuotaUsageEntryStore::SessionKey& session) {
+    QuotaUsageEntryStore::SessionUsage result;
+    auto& select = statements.get(kSessionUsage, "prepare session usage", "execute session usage");
+    select.bind(1, session.providerID).bind(2, session.sessionID);
+    while (select.step()) {
+        QuotaSessionModelUsageSummary model;
+        model.id = std::string(select.text(0).value_or(""));
+        model.displayName = model.id;
+        model.sessionCount = 1;
+        model.messageCount = select.integer(1);
+        model.tokenUsage = {select.integer(2), select.integer(3), select.integer(4), select.integer(5), std::nullopt};
+        if (!select.isNull(6)) model.tokenUsage.exactCostUSD = select.real(6);
+        result.models.push_back(std::move(model));
+        const Date first = dateFromSeconds(select.real(7)), last = dateFromSeconds(select.real(8));
+        if (!result.first || first < *result.first) result.first = first;
+        if (!result.last || last > *result.last) result.last = last;
+    }
     std::stable_sort(result.models.begin(), result.models.end(), [](const auto& a, const auto& b) {
         return a.tokenUsage.totalTokens() > b.tokenUsage.totalTokens();
     });
     return result;
 }
 
-std::vector<QuotaImportedMessage> QuotaUsageEntryStore::sessionMessages(const SessionKey& session) const {
+std::vector<QuotaImportedMessage> readSessionMessages(sqlite::StatementCache& statements,
+                                                      const QuotaUsageEntryStore::SessionKey& session) {
     std::vector<QuotaImportedMessage> messages;
-    registry_.withConnection([&](sqlite::Connection& connection) {
-        // One row per message key: copies of a message in other files (or read under another
-        // capture mode) are left out, a copy that kept text winning over one that did not.
-        sqlite::Statement select{
-            connection,
-            "SELECT message_key, timestamp, role, model, input_tokens, output_tokens, cache_read_tokens,\n"
-            "       cache_write_tokens, is_prompt, text FROM (\n"
-            "    SELECT *, ROW_NUMBER() OVER (PARTITION BY message_key ORDER BY text IS NULL, id) AS copy\n"
-            "    FROM import_messages WHERE provider_id = ? AND session_id = ?\n"
-            ") WHERE copy = 1\nORDER BY timestamp IS NULL, timestamp, id",
-            "prepare session messages", "execute session messages"};
-        select.bind(1, session.providerID).bind(2, session.sessionID);
-        while (select.step()) {
-            QuotaImportedMessage m;
-            m.sessionID = session.sessionID;
-            m.messageKey = std::string(select.text(0).value_or(""));
-            m.timestamp = sqlite::optionalDate(select, 1);
-            const std::string role{select.text(2).value_or("meta")};
-            if (!boost::describe::enum_from_string(role.c_str(), m.role)) m.role = QuotaSessionRole::meta;
-            m.model = sqlite::optionalText(select, 3);
-            if (!select.isNull(5) && select.integer(5) >= 0) {
-                m.tokenUsage = QuotaSessionTokenUsage{select.integer(4), select.integer(5), select.integer(6),
-                                                      select.integer(7), std::nullopt};
-            }
-            m.isPrompt = select.integer(8) != 0;
-            m.text = sqlite::optionalText(select, 9);
-            messages.push_back(std::move(m));
+    auto& select = statements.get(kSessionMessages, "prepare session messages", "execute session messages");
+    select.bind(1, session.providerID).bind(2, session.sessionID);
+    while (select.step()) {
+        QuotaImportedMessage m;
+        m.sessionID = session.sessionID;
+        m.messageKey = std::string(select.text(0).value_or(""));
+        m.timestamp = sqlite::optionalDate(select, 1);
+        const std::string role{select.text(2).value_or("meta")};
+        if (!boost::describe::enum_from_string(role.c_str(), m.role)) m.role = QuotaSessionRole::meta;
+        m.model = sqlite::optionalText(select, 3);
+        if (!select.isNull(5) && select.integer(5) >= 0) {
+            m.tokenUsage = QuotaSessionTokenUsage{select.integer(4), select.integer(5), select.integer(6),
+                                                  select.integer(7), std::nullopt};
         }
-    });
+        m.isPrompt = select.integer(8) != 0;
+        m.text = sqlite::optionalText(select, 9);
+        messages.push_back(std::move(m));
+    }
     return messages;
 }
 
-std::optional<std::string> QuotaUsageEntryStore::sessionProjectPath(const SessionKey& session) const {
+std::optional<std::string> readSessionProject(sqlite::StatementCache& statements,
+                                              const QuotaUsageEntryStore::SessionKey& session) {
+    auto& select = statements.get(kSessionProject, "prepare session project", "execute session project");
+    select.bind(1, session.providerID).bind(2, session.sessionID);
     std::optional<std::string> path;
-    registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection,
-                                 "SELECT project_path FROM import_sessions WHERE provider_id = ? AND session_id = ?",
-                                 "prepare session project", "execute session project"};
-        select.bind(1, session.providerID).bind(2, session.sessionID);
-        if (select.step()) path = sqlite::optionalText(select, 0);
-    });
+    if (select.step()) path = sqlite::optionalText(select, 0);
+    select.reset();
     return path;
+}
+
+}  // namespace
+
+QuotaUsageEntryStore::SessionUsage QuotaUsageEntryStore::sessionUsage(const SessionKey& session) const {
+    return sessionContents({session}).front().usage;
+}
+
+std::vector<QuotaImportedMessage> QuotaUsageEntryStore::sessionMessages(const SessionKey& session) const {
+    return std::move(sessionContents({session}).front().messages);
+}
+
+std::optional<std::string> QuotaUsageEntryStore::sessionProjectPath(const SessionKey& session) const {
+    return sessionContents({session}).front().projectPath;
+}
+
+std::vector<QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::sessionContents(
+    const std::vector<SessionKey>& sessions) const {
+    std::vector<SessionContent> contents;
+    contents.reserve(sessions.size());
+    registry_.withConnection([&](sqlite::Connection& connection) {
+        sqlite::StatementCache statements{connection};
+        for (const auto& session : sessions) {
+            contents.push_back({readSessionUsage(statements, session), readSessionMessages(statements, session),
+                                readSessionProject(statements, session)});
+        }
+    });
+    return contents;
 }
 
 namespace {

@@ -78,6 +78,13 @@ public:
     // A session's messages, each once, in time order.
     std::vector<QuotaImportedMessage> sessionMessages(const SessionKey& session) const;
     std::optional<std::string> sessionProjectPath(const SessionKey& session) const;
+    // All three of each session, read in one go (the catalogue is written from them).
+    struct SessionContent {
+        SessionUsage usage;
+        std::vector<QuotaImportedMessage> messages;
+        std::optional<std::string> projectPath;
+    };
+    std::vector<SessionContent> sessionContents(const std::vector<SessionKey>& sessions) const;
 
     // Counted entries in time order, of one provider or all, within [since, until).
     std::vector<QuotaUsageEntry> countedEntries(const std::optional<std::string>& providerID = std::nullopt,
