@@ -451,28 +451,37 @@ private:
     std::string abandonedPath_;
 };
 
-// The stores map up to 256 MiB of each database file into memory for fast reads. A scan
-// touches most pages of the files it fills, so for its length the connections read through
-// the page cache instead: the scan's memory then stays the same whatever the size of the tree
-// and of the stores. The set-up size is restored after.
-class UnmappedWhileImporting {
+// How the connections work for the length of a scan; the set-up values are restored after.
+//  - The stores map up to 256 MiB of each database file into memory for fast reads. A scan
+//    touches most pages of the files it fills, so the connections read through the page cache
+//    instead: the scan's memory then stays the same whatever the size of the tree and stores.
+//  - The registry keeps up to 64 MiB of pages, so that a batch's changes (random places in the
+//    usage indexes) stay in memory until it commits instead of being spilled and written again.
+//  - Statement journals (the undo of one statement inside a batch, which every insert that fires
+//    a trigger needs) are kept in memory instead of in a temporary file.
+class ImportTuning {
 public:
-    UnmappedWhileImporting(const QuotaSessionFileRegistry& registry, const QuotaSessionCatalogStore& catalog)
+    ImportTuning(const QuotaSessionFileRegistry& registry, const QuotaSessionCatalogStore& catalog)
         : registry_(registry), catalog_(catalog) {
         registry_.setMemoryMapLimit(0);
         catalog_.setMemoryMapLimit(0);
-
+        registry_.withConnection([](sqlite::Connection& connection) {
+            connection.exec("PRAGMA cache_size=-65536; PRAGMA temp_store=MEMORY", "set import cache");
+        });
     }
-    ~UnmappedWhileImporting() {
+    ~ImportTuning() {
         try {
             registry_.setMemoryMapLimit(SQLiteConnectionHolder::memoryMapBytes);
             catalog_.setMemoryMapLimit(SQLiteConnectionHolder::memoryMapBytes);
+            registry_.withConnection([](sqlite::Connection& connection) {
+                connection.exec("PRAGMA cache_size=-2000; PRAGMA temp_store=DEFAULT", "reset import cache");
+            });
         } catch (const Error&) {
-            // The connections work unmapped too; only slower reads are at stake.
+            // The connections work as they are too; only speed and memory are at stake.
         }
     }
-    UnmappedWhileImporting(const UnmappedWhileImporting&) = delete;
-    UnmappedWhileImporting& operator=(const UnmappedWhileImporting&) = delete;
+    ImportTuning(const ImportTuning&) = delete;
+    ImportTuning& operator=(const ImportTuning&) = delete;
 
 private:
     const QuotaSessionFileRegistry& registry_;
@@ -533,7 +542,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     const QuotaSessionFileRegistry registry{configuration_};
     const QuotaSessionCatalogStore catalog{configuration_};
     const QuotaSessionImportStateStore states{configuration_};
-    const UnmappedWhileImporting unmapped{registry, catalog};
+    const ImportTuning tuning{registry, catalog};
     QuotaScanSummary summary, written;
 
     std::vector<ToolFiles> tools;
