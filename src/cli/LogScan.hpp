@@ -20,7 +20,8 @@ struct LogHomesOptions {
 };
 
 // Imports what the logs added since the last scan, then makes this machine's quota snapshot and
-// stores it (history, token ledger, source record). Throws gaugepoint::Error.
-QuotaScanSummary scanAndPublish(const QuotaScanOptions& options, const GlobalOptions& globals);
+// stores it (history, token ledger, source record) unless it equals the stored one. Shows the
+// scan's progress on a terminal unless `quiet` or --json. Throws gaugepoint::Error.
+QuotaScanSummary scanAndPublish(QuotaScanOptions options, const GlobalOptions& globals, bool quiet = false);
 
 }  // namespace gaugepoint::cli

@@ -1,13 +1,13 @@
 // gaugepoint scan: import the local logs of Claude Code, Codex CLI and Gemini CLI.
 
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdio>
+#include <algorithm>
+#include <cmath>
 
 #include "Commands.hpp"
 #include "LogScan.hpp"
+#include "ScanProgress.hpp"
 #include "SyncServer.hpp"
+#include "gaugepoint/platform/Json.hpp"
 #include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
 
 namespace gaugepoint::cli {
@@ -21,31 +21,33 @@ struct ScanCommandOptions {
     bool verbose = false;
 };
 
-// A progress line on stderr, only when stderr is a terminal and the scan has taken a moment.
-class ProgressLine {
-public:
-    ProgressLine() : enabled_(::isatty(STDERR_FILENO) == 1), start_(std::chrono::steady_clock::now()) {}
-    ~ProgressLine() {
-        if (shown_) std::fputs("\r\033[K", stderr);
+// Whether two JSON documents are the same but for the last bits of their numbers: sums of
+// the same costs taken in another order (stored sums, or summed from the entries) differ there.
+bool nearlyEqual(const boost::json::value& a, const boost::json::value& b) {
+    if (a.is_number() && b.is_number()) {
+        const double x = a.to_number<double>(), y = b.to_number<double>();
+        return std::fabs(x - y) <= 1e-9 * std::max({1.0, std::fabs(x), std::fabs(y)});
     }
-    ProgressLine(const ProgressLine&) = delete;
-    ProgressLine& operator=(const ProgressLine&) = delete;
-
-    void update(std::int64_t done, std::int64_t total, std::int64_t bytes) {
-        if (!enabled_ || std::chrono::steady_clock::now() - start_ < std::chrono::milliseconds(500)) return;
-        shown_ = true;
-        const int width = 30;
-        const int filled = total > 0 ? int(width * done / total) : width;
-        std::fprintf(stderr, "\r[%.*s%*s] %lld/%lld files, %lld MB", filled, "##############################",
-                     width - filled, "", (long long)done, (long long)total, (long long)(bytes >> 20));
-        std::fflush(stderr);
+    if (a.kind() != b.kind()) return false;
+    if (a.is_object()) {
+        const auto &x = a.get_object(), &y = b.get_object();
+        if (x.size() != y.size()) return false;
+        for (const auto& [key, value] : x) {
+            const auto* other = y.if_contains(key);
+            if (!other || !nearlyEqual(value, *other)) return false;
+        }
+        return true;
     }
-
-private:
-    bool enabled_;
-    bool shown_ = false;
-    std::chrono::steady_clock::time_point start_;
-};
+    if (a.is_array()) {
+        const auto &x = a.get_array(), &y = b.get_array();
+        if (x.size() != y.size()) return false;
+        for (std::size_t i = 0; i < x.size(); ++i) {
+            if (!nearlyEqual(x[i], y[i])) return false;
+        }
+        return true;
+    }
+    return a == b;
+}
 
 std::string summaryLine(const QuotaScanSummary& s) {
     std::string line = counted(s.filesRead, "file") + " read, " + groupedInteger(s.filesUnchanged) + " unchanged";
@@ -65,11 +67,7 @@ void scan(const ScanCommandOptions& options, const GlobalOptions& globals) {
         LocalQuotaSnapshot::setClaudeBlockTokenLimit(*resolveConfiguration(globals).userDefaults,
                                                      *options.claudeBlockLimit);
     }
-    ProgressLine progress;
-    if (!options.quiet && !globals.json) {
-        scanOptions.progress = [&](std::int64_t done, std::int64_t total, std::int64_t bytes) { progress.update(done, total, bytes); };
-    }
-    const QuotaScanSummary summary = scanAndPublish(scanOptions, globals);
+    const QuotaScanSummary summary = scanAndPublish(scanOptions, globals, options.quiet);
     std::optional<SyncPushSummary> pushed;
     if (const auto url = resolveSyncURL("", globals)) {
         try {
@@ -112,11 +110,22 @@ void LogHomesOptions::applyTo(QuotaScanOptions& options) const {
     homes("gemini", geminiDirs);
 }
 
-QuotaScanSummary scanAndPublish(const QuotaScanOptions& options, const GlobalOptions& globals) {
+QuotaScanSummary scanAndPublish(QuotaScanOptions options, const GlobalOptions& globals, bool quiet) {
     const QuotaSyncConfiguration configuration = resolveConfiguration(globals);
-    const QuotaScanSummary summary = QuotaLogScanner{configuration}.scan(options);
+    QuotaScanSummary summary;
+    {
+        ScanProgress progress{!quiet && !globals.json};
+        options.progress = progress.callback();
+        summary = QuotaLogScanner{configuration}.scan(options);
+    }
     const auto snapshot = LocalQuotaSnapshot::make(configuration, resolveNow(globals),
                                                    LocalCalendar::current(LocalCalendar::Kind::gregorian));
+    // A snapshot equal to the stored one but for its time is not stored again: a scan that
+    // found nothing new writes nothing.
+    if (auto stored = LocalQuotaSnapshot::latest(configuration)) {
+        stored->generatedAt = snapshot.generatedAt;
+        if (nearlyEqual(json::parse(json::encode(*stored)), json::parse(json::encode(snapshot)))) return summary;
+    }
     LocalQuotaSnapshot::publish(snapshot, configuration);
     return summary;
 }

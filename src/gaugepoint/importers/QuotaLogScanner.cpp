@@ -193,6 +193,28 @@ bool isUnchanged(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry
            entry.size == file.size && entry.modifiedAt == file.modifiedAt;
 }
 
+// Whether a changed file is read on from where the last read stopped (else from its start).
+bool goesOn(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& entry, const LogFileCandidate& file) {
+    return file.layout == LogLayout::appendedLines && entry.lastOffset > 0 && entry.parserVersion == tool.parserVersion() &&
+           entry.fileIdentifier == file.identity && entry.lastOffset <= file.size;
+}
+
+// The bytes a scan is to read: what the changed files added since they were read.
+std::int64_t bytesToRead(const std::vector<ToolFiles>& tools) {
+    std::int64_t bytes = 0;
+    for (const auto& tool : tools) {
+        for (const auto& file : tool.files) {
+            const auto found = tool.known.find(file.path.string());
+            if (found == tool.known.end()) {
+                bytes += file.size;
+            } else if (!isUnchanged(*tool.tool, found->second, file)) {
+                bytes += file.size - (goesOn(*tool.tool, found->second, file) ? found->second.lastOffset : 0);
+            }
+        }
+    }
+    return bytes;
+}
+
 // Loads the parser states of the changed files that may go on from their position, before any
 // write starts (the writer holds the connection for whole batches).
 void loadParserStates(const QuotaSessionFileRegistry& registry, std::vector<ToolFiles>& tools) {
@@ -201,12 +223,9 @@ void loadParserStates(const QuotaSessionFileRegistry& registry, std::vector<Tool
         for (auto& tool : tools) {
             for (const auto& file : tool.files) {
                 const auto found = tool.known.find(file.path.string());
-                if (found == tool.known.end() || file.layout != LogLayout::appendedLines) continue;
+                if (found == tool.known.end()) continue;
                 const auto& entry = found->second;
-                if (isUnchanged(*tool.tool, entry, file) || entry.lastOffset == 0 ||
-                    entry.parserVersion != tool.tool->parserVersion() || entry.fileIdentifier != file.identity) {
-                    continue;
-                }
+                if (isUnchanged(*tool.tool, entry, file) || !goesOn(*tool.tool, entry, file)) continue;
                 tool.states.emplace(entry.path, QuotaUsageEntryStore::parserState(statements, entry));
             }
         }
@@ -221,8 +240,7 @@ public:
                QuotaScanSummary& tally)
         : options_(options), sourceID_(sourceID), queue_(queue), tally_(tally), now_(now) {}
 
-    void readAll(const std::vector<ToolFiles>& tools, std::int64_t total) {
-        std::int64_t done = 0;
+    void readAll(const std::vector<ToolFiles>& tools, QuotaScanProgress progress) {
         for (const auto& tool : tools) {
             for (const auto& file : tool.files) {
                 const auto found = tool.known.find(file.path.string());
@@ -232,7 +250,10 @@ public:
                 } else if (!read(tool, file, entry)) {
                     return;  // the writer gave up
                 }
-                if (++done % 16 == 0 && options_.progress) options_.progress(done, total, tally_.bytesRead);
+                if (++progress.filesDone % 16 == 0 && options_.progress) {
+                    progress.bytesRead = tally_.bytesRead;
+                    options_.progress(progress);
+                }
             }
         }
     }
@@ -266,13 +287,13 @@ private:
         // A file read before by these rules, the same file and not cut short, is read on from
         // where the last read stopped; anything else is read again from the start, and what it
         // gave before is replaced.
-        const bool goesOn = entry && file.layout == LogLayout::appendedLines && entry->parserVersion == tool.parserVersion() &&
+        const bool readsOn = entry && file.layout == LogLayout::appendedLines && entry->parserVersion == tool.parserVersion() &&
                             entry->fileIdentifier == piece.entry.fileIdentifier &&
                             entry->lastOffset <= std::int64_t(info.st_size);
-        piece.forgetFirst = entry && !goesOn;
+        piece.forgetFirst = entry && !readsOn;
         ++tally_.filesRead;
         if (file.layout == LogLayout::wholeDocument) return readDocument(opened, std::move(piece));
-        const std::int64_t offset = goesOn ? entry->lastOffset : 0;
+        const std::int64_t offset = readsOn ? entry->lastOffset : 0;
         if (offset > 0) {
             const auto state = files.states.find(path);
             if (state != files.states.end()) piece.state = state->second;
@@ -564,11 +585,12 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     }
 
     loadParserStates(registry, tools);
+    const std::int64_t toRead = bytesToRead(tools);
     PieceQueue queue;
     std::exception_ptr readFailure;
     std::thread reader{[&] {
         try {
-            FileReader{options, sourceID, configuration_.clock.now(), queue, summary}.readAll(tools, total);
+            FileReader{options, sourceID, configuration_.clock.now(), queue, summary}.readAll(tools, {0, total, 0, toRead});
         } catch (...) {
             readFailure = std::current_exception();
         }
@@ -596,7 +618,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     const auto published = publishDirtySessions(QuotaUsageEntryStore{registry}, catalog, options.capture);
     summary.newSessions = published.newSessions;
     summary.updatedSessions = published.updatedSessions;
-    if (options.progress) options.progress(total, total, summary.bytesRead);
+    if (options.progress) options.progress({total, total, summary.bytesRead, std::max(toRead, summary.bytesRead)});
     return summary;
 }
 
