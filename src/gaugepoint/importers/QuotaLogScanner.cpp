@@ -11,6 +11,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
@@ -176,6 +177,12 @@ private:
     std::condition_variable ready_, roomLeft_;
     std::deque<Piece> pieces_;
     bool finished_ = false, abandoned_ = false;
+};
+
+// What the walk of one tool's homes found.
+struct WalkedFiles {
+    std::vector<LogFileCandidate> files;
+    std::vector<WalkProblem> problems;
 };
 
 // What one tool's scan starts from: its files as they are now, what the registry knows, and the
@@ -566,20 +573,32 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     const ImportTuning tuning{registry, catalog};
     QuotaScanSummary summary, written;
 
-    std::vector<ToolFiles> tools;
-    std::int64_t total = 0;
+    // The tools' homes are walked beside each other and beside the registry's listing: on an
+    // unchanged tree these are the whole scan.
+    std::vector<std::future<WalkedFiles>> walks;
     for (const auto& tool : codingTools()) {
         const auto given = options.homes.find(tool->provider().id);
-        const auto homes = given != options.homes.end() ? given->second : tool->defaultHomes();
-        std::vector<WalkProblem> problems;
+        auto homes = given != options.homes.end() ? given->second : tool->defaultHomes();
+        walks.push_back(std::async(std::launch::async, [&tool = *tool, homes = std::move(homes)] {
+            WalkedFiles walked;
+            walked.files = findLogFiles(tool, homes, walked.problems);
+            return walked;
+        }));
+    }
+    std::vector<ToolFiles> tools;
+    for (const auto& tool : codingTools()) {
         ToolFiles& files = tools.emplace_back();
         files.tool = tool.get();
-        files.files = findLogFiles(*tool, homes, problems);
         for (auto& entry : registry.list(tool->provider().id, options.capture, sourceID)) {
             files.known.emplace(entry.path, std::move(entry));
         }
-        total += std::int64_t(files.files.size());
-        for (const auto& p : problems) {
+    }
+    std::int64_t total = 0;
+    for (std::size_t i = 0; i < tools.size(); ++i) {
+        auto walked = walks[i].get();
+        tools[i].files = std::move(walked.files);
+        total += std::int64_t(tools[i].files.size());
+        for (const auto& p : walked.problems) {
             if (summary.problems.size() < kMaximumProblems) summary.problems.push_back({p.path.string(), std::nullopt, p.reason});
         }
     }
