@@ -432,6 +432,10 @@ public:
         while (next) {
             registry_.inTransaction("import logs", [&](sqlite::Connection& connection) {
                 sqlite::StatementCache statements{connection};
+                if (!checkedEmpty_) {
+                    if (QuotaUsageEntryStore::hasNoEntries(statements)) sinceEmpty_.emplace();
+                    checkedEmpty_ = true;
+                }
                 const auto started = std::chrono::steady_clock::now();
                 for (std::size_t written = 1;; ++written) {
                     write(statements, *next);
@@ -467,7 +471,8 @@ private:
         QuotaUsageEntryStore::Tally forgotten;
         if (piece.forgetFirst) forgotten = QuotaUsageEntryStore::forgetFile(statements, key);
         const auto added =
-            QuotaUsageEntryStore::record(statements, key, records.usage_, records.messages_, e.providerID, records.sessions_);
+            QuotaUsageEntryStore::record(statements, key, records.usage_, records.messages_, e.providerID, records.sessions_,
+                                         sinceEmpty_ ? &*sinceEmpty_ : nullptr);
         if (records.limits_) QuotaUsageEntryStore::noteRateLimits(statements, *records.limits_);
         QuotaUsageEntryStore::setParserState(statements, key, piece.state);
         QuotaSessionFileRegistry::upsert(statements, e);
@@ -477,6 +482,10 @@ private:
     const QuotaSessionFileRegistry& registry_;
     QuotaScanSummary& tally_;
     std::string abandonedPath_;
+    // A scan into empty usage entries (the first) looks up only keys it wrote itself; only
+    // scans write the entries, and they hold the scan lock.
+    bool checkedEmpty_ = false;
+    std::optional<QuotaUsageEntryStore::KeysSinceEmpty> sinceEmpty_;
 };
 
 // How the connections work for the length of a scan; the set-up values are restored after.

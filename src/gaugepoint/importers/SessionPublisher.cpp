@@ -119,10 +119,13 @@ PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const Quota
                 ++tally.updatedSessions;
             }
             if (!stored[i] || !(*stored[i] == published.descriptor)) changed.push_back(std::move(published.descriptor));
-            messages.emplace_back(batch[i].sessionID, std::move(published.messages));
+            // Under metadataOnly a session new to the catalogue has no messages to replace.
+            if (capture != QuotaSessionContentCaptureMode::metadataOnly || stored[i]) {
+                messages.emplace_back(batch[i].sessionID, std::move(published.messages));
+            }
         }
         if (!changed.empty()) catalog.upsertBatch(changed, sourceID);
-        catalog.replaceMessagesForSessions(sourceID, messages);
+        if (!messages.empty()) catalog.replaceMessagesForSessions(sourceID, messages);
         usage.clearDirty(batch);
     }
     return tally;

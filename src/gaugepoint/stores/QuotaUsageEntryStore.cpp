@@ -140,6 +140,7 @@ constexpr const char* kParserStateOfFile =
     "SELECT parser_state FROM import_files WHERE path = ? AND source_id = ? AND provider_id = ? AND capture_mode = ?";
 constexpr const char* kSetParserState = "UPDATE import_files SET parser_state = ? WHERE file_key = ?";
 
+constexpr const char* kAnyEntry = "SELECT 1 FROM usage_entries LIMIT 1";
 constexpr const char* kCountedRow =
     "SELECT id, file_key, output_tokens,\n"
     "       input_tokens + output_tokens + cache_read_tokens + cache_write_tokens\n"
@@ -244,12 +245,15 @@ struct EntryWriter {
         return tokens - (was ? was->second : 0);
     }
 
-    QuotaUsageEntryStore::Tally write(std::int64_t fileKey, const QuotaUsageEntry& e) {
-        counted.reset();
-        counted.bind(1, e.providerID).bind(2, e.dedupKey);
+    QuotaUsageEntryStore::Tally write(std::int64_t fileKey, const QuotaUsageEntry& e,
+                                      QuotaUsageEntryStore::KeysSinceEmpty* sinceEmpty) {
         std::optional<std::pair<std::int64_t, std::int64_t>> was;  // counted row: id, tokens
-        if (counted.step()) was = std::pair{counted.integer(0), counted.integer(3)};
-        counted.reset();
+        if (!sinceEmpty || sinceEmpty->mayExist(e.providerID, e.dedupKey)) {
+            counted.reset();
+            counted.bind(1, e.providerID).bind(2, e.dedupKey);
+            if (counted.step()) was = std::pair{counted.integer(0), counted.integer(3)};
+            counted.reset();
+        }
         if (!was) {  // the common case: a response seen for the first time
             insertRow(fileKey, e, true);
             return {total(e.tokens), 1};
@@ -357,6 +361,19 @@ std::int64_t QuotaUsageEntryStore::fileKey(sqlite::StatementCache& statements, c
     return statements.connection().lastInsertRowID();
 }
 
+bool QuotaUsageEntryStore::KeysSinceEmpty::mayExist(std::string_view providerID, std::string_view dedupKey) {
+    const std::uint64_t hash =
+        std::hash<std::string_view>{}(dedupKey) * 0x9E3779B97F4A7C15ULL ^ std::hash<std::string_view>{}(providerID);
+    return !written_.insert(hash).second;
+}
+
+bool QuotaUsageEntryStore::hasNoEntries(sqlite::StatementCache& statements) {
+    auto& any = statements.get(kAnyEntry, "prepare usage lookup", "execute usage lookup");
+    const bool none = !any.step();
+    any.reset();
+    return none;
+}
+
 std::string QuotaUsageEntryStore::parserState(sqlite::StatementCache& statements, std::int64_t fileKey) {
     auto& select = statements.get(kParserState, "prepare parser state", "execute parser state");
     select.bind(1, fileKey);
@@ -420,13 +437,13 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::StatementCa
 QuotaUsageEntryStore::Tally QuotaUsageEntryStore::record(
     sqlite::StatementCache& statements, std::int64_t fileKey, const std::vector<QuotaUsageEntry>& usage,
     const std::vector<QuotaImportedMessage>& messages, std::string_view providerID,
-    const std::vector<std::pair<std::string, std::string>>& sessionProjects) {
+    const std::vector<std::pair<std::string, std::string>>& sessionProjects, KeysSinceEmpty* sinceEmpty) {
     Tally tally;
     std::set<std::string> sessions;
     if (!usage.empty()) {
         EntryWriter writer{statements};
         for (const auto& e : mergedUsage(usage)) {
-            const Tally t = writer.write(fileKey, e);
+            const Tally t = writer.write(fileKey, e, sinceEmpty);
             tally.countedTokens += t.countedTokens;
             tally.countedEntries += t.countedEntries;
             sessions.insert(e.sessionID);

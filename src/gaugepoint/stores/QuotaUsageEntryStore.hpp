@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "gaugepoint/model/QuotaSessionDescriptor.hpp"
@@ -47,12 +48,28 @@ public:
     // Removes what the file contributed. A response it shared with other files is then counted
     // from the best of those. The sessions it touched are marked behind.
     static Tally forgetFile(sqlite::StatementCache& statements, std::int64_t fileKey);
+    // The dedup keys written since the usage entries were found empty: a key not among them
+    // needs no lookup (the first import of a history writes most responses once). Kept as
+    // hashes, so a collision costs a lookup and never a wrong count. Not for concurrent use.
+    class KeysSinceEmpty {
+    public:
+        // Whether a row of the key may exist; remembers the key as written.
+        bool mayExist(std::string_view providerID, std::string_view dedupKey);
+
+    private:
+        std::unordered_set<std::uint64_t> written_;
+    };
+    // Whether there are no usage entries at all.
+    static bool hasNoEntries(sqlite::StatementCache& statements);
+
     // Records one read of the file: usage entries (the same key twice keeps the most output),
     // messages (the same key twice joins their texts), and where sessions ran. Marks the
-    // sessions behind.
+    // sessions behind. `sinceEmpty`, when given, must hold every key written since the entries
+    // were empty.
     static Tally record(sqlite::StatementCache& statements, std::int64_t fileKey, const std::vector<QuotaUsageEntry>& usage,
                         const std::vector<QuotaImportedMessage>& messages, std::string_view providerID,
-                        const std::vector<std::pair<std::string, std::string>>& sessionProjects);
+                        const std::vector<std::pair<std::string, std::string>>& sessionProjects,
+                        KeysSinceEmpty* sinceEmpty = nullptr);
     // Keeps `limits` when they are newer than those stored for the provider.
     static void noteRateLimits(sqlite::StatementCache& statements, const QuotaObservedRateLimits& limits);
 
