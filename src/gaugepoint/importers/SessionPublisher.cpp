@@ -1,6 +1,7 @@
 #include "gaugepoint/importers/SessionPublisher.hpp"
 
 #include <algorithm>
+#include <future>
 
 #include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/platform/Text.hpp"
@@ -103,8 +104,18 @@ PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const Quota
     const auto dirty = usage.dirtySessions();
     const std::string sourceID = catalog.configuration().localSourceID();
     const std::string sourceName = catalog.configuration().localSourceName();
+    // A batch is written to the catalogue on a thread of its own while the next one is read from
+    // the registry (another file, another connection). A batch's marks are cleared only once its
+    // writes are in, so a publish stopped in between is finished by the next.
+    std::future<void> writing;
+    std::vector<QuotaUsageEntryStore::SessionKey> writingBatch;
+    const auto finishWriting = [&] {
+        if (!writing.valid()) return;
+        writing.get();
+        usage.clearDirty(writingBatch);
+    };
     for (std::size_t first = 0; first < dirty.size(); first += kBatch) {
-        const std::vector batch(dirty.begin() + long(first), dirty.begin() + long(std::min(first + kBatch, dirty.size())));
+        std::vector batch(dirty.begin() + long(first), dirty.begin() + long(std::min(first + kBatch, dirty.size())));
         const auto contents = usage.sessionContents(batch);
         std::vector<std::string> ids;
         for (const auto& key : batch) ids.push_back(key.sessionID);
@@ -124,10 +135,14 @@ PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const Quota
                 messages.emplace_back(batch[i].sessionID, std::move(published.messages));
             }
         }
-        if (!changed.empty()) catalog.upsertBatch(changed, sourceID);
-        if (!messages.empty()) catalog.replaceMessagesForSessions(sourceID, messages);
-        usage.clearDirty(batch);
+        finishWriting();
+        writingBatch = std::move(batch);
+        writing = std::async(std::launch::async, [&catalog, &sourceID, changed = std::move(changed), messages = std::move(messages)] {
+            if (!changed.empty()) catalog.upsertBatch(changed, sourceID);
+            if (!messages.empty()) catalog.replaceMessagesForSessions(sourceID, messages);
+        });
     }
+    finishWriting();
     return tally;
 }
 
