@@ -105,6 +105,32 @@ TEST(LogScan, TheCaptureModeDecidesWhatTextIsKept) {
     EXPECT_LE(title.size(), 80u * 4);
 }
 
+// The progress a scan reports: every file, and the bytes left to read are what the changed files
+// added (the time left is reckoned from them).
+TEST(LogScan, ProgressCountsTheBytesTheChangedFilesAdded) {
+    const LogTree tree;
+    const auto lastProgress = [&] {
+        QuotaScanProgress last;
+        auto options = tree.options();
+        options.progress = [&](const QuotaScanProgress& p) { last = p; };
+        const auto summary = QuotaLogScanner{tree.configuration}.scan(options);
+        EXPECT_EQ(last.bytesRead, summary.bytesRead);
+        return last;
+    };
+    const auto cold = lastProgress();
+    EXPECT_EQ(cold.filesDone, 34);
+    EXPECT_EQ(cold.filesTotal, 34);
+    EXPECT_EQ(cold.bytesToRead, cold.bytesRead);
+    EXPECT_GT(cold.bytesRead, 100000);
+
+    const auto claude = tree.home("claude") / "projects/-home-dev-notes/2d139d10-5838-44e8-8895-f0cc1ba2f736.jsonl";
+    const std::string line = testing::readFile(claude).substr(0, testing::readFile(claude).find('\n') + 1);
+    std::ofstream(claude, std::ios::app) << line;
+    const auto appended = lastProgress();
+    EXPECT_EQ(appended.bytesToRead, std::int64_t(line.size()));
+    EXPECT_EQ(appended.bytesRead, std::int64_t(line.size()));
+}
+
 // A file written a line (and half a line) at a time and scanned after every write ends with the
 // rows of one whole import.
 TEST(LogScan, AnImportSplitAtEveryLineGivesTheSameRowsAsOneImport) {
