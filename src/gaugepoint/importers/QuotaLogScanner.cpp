@@ -436,6 +436,7 @@ public:
                     if (QuotaUsageEntryStore::hasNoEntries(statements)) sinceEmpty_.emplace();
                     checkedEmpty_ = true;
                 }
+                if (sinceEmpty_) QuotaUsageEntryStore::beginBulkBatch(connection);
                 const auto started = std::chrono::steady_clock::now();
                 for (std::size_t written = 1;; ++written) {
                     write(statements, *next);
@@ -443,6 +444,7 @@ public:
                     if (written >= kBatchPieces || std::chrono::steady_clock::now() - started >= kBatchTime) break;
                     if (!(next = queue.pop())) break;
                 }
+                if (sinceEmpty_) QuotaUsageEntryStore::endBulkBatch(connection);
             });
             if (!next) next = queue.pop();
         }
@@ -451,7 +453,7 @@ public:
 private:
     // A batch ends after this many pieces or this long, whichever comes first: few commits, and
     // little work lost when a scan is stopped.
-    static constexpr std::size_t kBatchPieces = 2000;
+    static constexpr std::size_t kBatchPieces = 10000;
     static constexpr std::chrono::milliseconds kBatchTime{2000};
 
     void write(sqlite::StatementCache& statements, Piece& piece) {

@@ -95,7 +95,8 @@ constexpr const char* kQuarterSchema =
     "    cache_write_tokens INTEGER NOT NULL,\n"
     "    cost_usd REAL,\n"
     "    PRIMARY KEY (quarter, provider_id, model, reported)\n"
-    ") WITHOUT ROWID;\n"
+    ") WITHOUT ROWID;";
+constexpr const char* kQuarterTriggers =
     "CREATE TRIGGER IF NOT EXISTS usage_entries_counted_insert AFTER INSERT ON usage_entries\n"
     "WHEN NEW.counted = 1 BEGIN\n"
     "    INSERT OR IGNORE INTO usage_dirty_quarters (quarter) VALUES (" GP_QUARTER("NEW.") ");\n"
@@ -109,7 +110,11 @@ constexpr const char* kQuarterSchema =
     "WHEN OLD.counted = 1 BEGIN\n"
     "    INSERT OR IGNORE INTO usage_dirty_quarters (quarter) VALUES (" GP_QUARTER("OLD.") ");\n"
     "END;";
-// Rows written before the quarter sums existed.
+constexpr const char* kDropQuarterTriggers =
+    "DROP TRIGGER IF EXISTS usage_entries_counted_insert;\n"
+    "DROP TRIGGER IF EXISTS usage_entries_counted_update;\n"
+    "DROP TRIGGER IF EXISTS usage_entries_counted_delete;";
+// Rows written before the quarter sums existed, or while the triggers were off.
 constexpr const char* kNoteAllQuarters =
     "INSERT OR IGNORE INTO usage_dirty_quarters (quarter)\n"
     "SELECT DISTINCT " GP_QUARTER("") " FROM usage_entries WHERE counted = 1";
@@ -323,7 +328,17 @@ void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
         hadQuarters = exists.step();
     }
     connection.exec(kQuarterSchema, "ensure usage quarters");
+    connection.exec(kQuarterTriggers, "ensure usage quarters");
     if (!hadQuarters) connection.exec(kNoteAllQuarters, "ensure usage quarters");
+}
+
+void QuotaUsageEntryStore::beginBulkBatch(sqlite::Connection& connection) {
+    connection.exec(kDropQuarterTriggers, "begin bulk import");
+}
+
+void QuotaUsageEntryStore::endBulkBatch(sqlite::Connection& connection) {
+    connection.exec(kNoteAllQuarters, "end bulk import");
+    connection.exec(kQuarterTriggers, "end bulk import");
 }
 
 void QuotaUsageEntryStore::refreshUsageQuarters() const {

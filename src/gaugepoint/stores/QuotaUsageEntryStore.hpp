@@ -61,6 +61,12 @@ public:
     };
     // Whether there are no usage entries at all.
     static bool hasNoEntries(sqlite::StatementCache& statements);
+    // For batches of a first import into empty entries, inside each batch's transaction: the
+    // per-row triggers that note changed quarter hours are off from begin to end, and end notes
+    // every quarter with counted entries (all there are, the sums being empty until the scan
+    // refreshes them) and restores the triggers, so every committed state is whole.
+    static void beginBulkBatch(sqlite::Connection& connection);
+    static void endBulkBatch(sqlite::Connection& connection);
 
     // Records one read of the file: usage entries (the same key twice keeps the most output),
     // messages (the same key twice joins their texts), and where sessions ran. Marks the
