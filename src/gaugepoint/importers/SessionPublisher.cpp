@@ -67,7 +67,7 @@ struct Published {
 // the descriptor then counts the prompts and the counted responses, and no message is published.
 Published build(const QuotaUsageEntryStore::SessionKey& key, const QuotaUsageEntryStore::SessionContent& content,
                 const std::string& sourceID, const std::string& sourceName, QuotaSessionContentCaptureMode capture) {
-    const auto& messages = content.messages;
+    const bool metadataOnly = capture == QuotaSessionContentCaptureMode::metadataOnly;
     Published out;
     auto& d = out.descriptor;
     d.id = key.sessionID;
@@ -75,24 +75,21 @@ Published build(const QuotaUsageEntryStore::SessionKey& key, const QuotaUsageEnt
     d.sourceName = sourceName;
     d.provider = providerIdentity(key.providerID);
     d.projectPath = content.projectPath;
-    d.title = titleOf(messages, d.projectPath, d.provider);
+    d.title = titleOf(content.messages, d.projectPath, d.provider);
     d.startedAt = content.usage.first;
     d.endedAt = content.usage.last;
-    for (const auto& m : messages) {
-        if (!m.timestamp) continue;
-        if (!d.startedAt || *m.timestamp < *d.startedAt) d.startedAt = m.timestamp;
-        if (!d.endedAt || *m.timestamp > *d.endedAt) d.endedAt = m.timestamp;
-    }
-    d.promptCount = std::count_if(messages.begin(), messages.end(), [](const auto& m) { return m.isPrompt; });
-    d.messageCount = std::int64_t(messages.size());
+    if (content.firstMessage && (!d.startedAt || *content.firstMessage < *d.startedAt)) d.startedAt = content.firstMessage;
+    if (content.lastMessage && (!d.endedAt || *content.lastMessage > *d.endedAt)) d.endedAt = content.lastMessage;
+    d.promptCount = content.prompts;
+    d.messageCount = metadataOnly ? content.prompts : std::int64_t(content.messages.size());
     for (const auto& model : content.usage.models) {
         d.tokenUsage += model.tokenUsage;
-        if (capture == QuotaSessionContentCaptureMode::metadataOnly) d.messageCount += model.messageCount;
+        if (metadataOnly) d.messageCount += model.messageCount;
     }
     d.topModels = content.usage.models;
-    if (capture == QuotaSessionContentCaptureMode::metadataOnly) return out;
-    out.messages.reserve(messages.size());
-    for (const auto& m : messages) out.messages.push_back(catalogMessage(m));
+    if (metadataOnly) return out;
+    out.messages.reserve(content.messages.size());
+    for (const auto& m : content.messages) out.messages.push_back(catalogMessage(m));
     return out;
 }
 
@@ -116,7 +113,7 @@ PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const Quota
     };
     for (std::size_t first = 0; first < dirty.size(); first += kBatch) {
         std::vector batch(dirty.begin() + long(first), dirty.begin() + long(std::min(first + kBatch, dirty.size())));
-        const auto contents = usage.sessionContents(batch);
+        const auto contents = usage.sessionContents(batch, capture != QuotaSessionContentCaptureMode::metadataOnly);
         std::vector<std::string> ids;
         for (const auto& key : batch) ids.push_back(key.sessionID);
         const auto stored = catalog.loadDescriptorsByID(sourceID, ids);

@@ -546,6 +546,9 @@ constexpr const char* kSessionMessages =
     "    SELECT *, ROW_NUMBER() OVER (PARTITION BY message_key ORDER BY text IS NULL, id) AS copy\n"
     "    FROM import_messages WHERE provider_id = ? AND session_id = ?\n"
     ") WHERE copy = 1\nORDER BY timestamp IS NULL, timestamp, id";
+constexpr const char* kSessionMessageSpan =
+    "SELECT COUNT(DISTINCT CASE WHEN is_prompt = 1 THEN message_key END), MIN(timestamp), MAX(timestamp)\n"
+    "FROM import_messages WHERE provider_id = ? AND session_id = ?";
 constexpr const char* kSessionProject = "SELECT project_path FROM import_sessions WHERE provider_id = ? AND session_id = ?";
 
 QuotaUsageEntryStore::SessionUsage readSessionUsage(sqlite::StatementCache& statements,
@@ -621,14 +624,33 @@ std::optional<std::string> QuotaUsageEntryStore::sessionProjectPath(const Sessio
 }
 
 std::vector<QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::sessionContents(
-    const std::vector<SessionKey>& sessions) const {
+    const std::vector<SessionKey>& sessions, bool withMessages) const {
     std::vector<SessionContent> contents;
     contents.reserve(sessions.size());
     registry_.withConnection([&](sqlite::Connection& connection) {
         sqlite::StatementCache statements{connection};
         for (const auto& session : sessions) {
-            contents.push_back({readSessionUsage(statements, session), readSessionMessages(statements, session),
-                                readSessionProject(statements, session)});
+            SessionContent& content = contents.emplace_back();
+            content.usage = readSessionUsage(statements, session);
+            content.projectPath = readSessionProject(statements, session);
+            if (withMessages) {
+                content.messages = readSessionMessages(statements, session);
+                for (const auto& m : content.messages) {
+                    content.prompts += m.isPrompt ? 1 : 0;
+                    if (!m.timestamp) continue;
+                    if (!content.firstMessage || *m.timestamp < *content.firstMessage) content.firstMessage = m.timestamp;
+                    if (!content.lastMessage || *m.timestamp > *content.lastMessage) content.lastMessage = m.timestamp;
+                }
+                continue;
+            }
+            auto& span = statements.get(kSessionMessageSpan, "prepare session messages", "execute session messages");
+            span.bind(1, session.providerID).bind(2, session.sessionID);
+            if (span.step()) {
+                content.prompts = span.integer(0);
+                content.firstMessage = sqlite::optionalDate(span, 1);
+                content.lastMessage = sqlite::optionalDate(span, 2);
+            }
+            span.reset();
         }
     });
     return contents;

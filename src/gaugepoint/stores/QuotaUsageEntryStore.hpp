@@ -101,13 +101,16 @@ public:
     // A session's messages, each once, in time order.
     std::vector<QuotaImportedMessage> sessionMessages(const SessionKey& session) const;
     std::optional<std::string> sessionProjectPath(const SessionKey& session) const;
-    // All three of each session, read in one go (the catalogue is written from them).
+    // All three of each session, read in one go (the catalogue is written from them). Without
+    // `withMessages` the messages are only counted: the prompts (each once) and their times.
     struct SessionContent {
         SessionUsage usage;
-        std::vector<QuotaImportedMessage> messages;
+        std::vector<QuotaImportedMessage> messages;  // with `withMessages` only
+        std::int64_t prompts = 0;
+        std::optional<Date> firstMessage, lastMessage;
         std::optional<std::string> projectPath;
     };
-    std::vector<SessionContent> sessionContents(const std::vector<SessionKey>& sessions) const;
+    std::vector<SessionContent> sessionContents(const std::vector<SessionKey>& sessions, bool withMessages = true) const;
 
     // Counted entries in time order, of one provider or all, within [since, until).
     std::vector<QuotaUsageEntry> countedEntries(const std::optional<std::string>& providerID = std::nullopt,
