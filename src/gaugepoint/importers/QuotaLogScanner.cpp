@@ -135,17 +135,22 @@ struct Piece {
     bool forgetFirst = false;              // what the file gave before is replaced
     std::string state;                     // the parser's state after this piece
     std::unique_ptr<Collected> records;
+    std::int64_t bytes = 0;                // of the file, read for this piece
 };
 
-// Hands pieces from the reading thread to the writing one. It holds a few at most, so memory
-// stays bounded whatever the files hold.
+// Hands pieces from the reading thread to the writing one. It holds pieces of up to 64 MiB of
+// files at once (one piece of any size when empty), so memory stays bounded whatever the files
+// hold, while many small files' pieces can wait for the writer and keep the reader going.
 class PieceQueue {
 public:
     // Waits for room; false when the writer has given up.
     bool push(Piece piece) {
         std::unique_lock lock{mutex_};
-        roomLeft_.wait(lock, [&] { return pieces_.size() < kCapacity || abandoned_; });
+        roomLeft_.wait(lock, [&] {
+            return abandoned_ || pieces_.empty() || (pieces_.size() < kMostPieces && bytes_ + piece.bytes <= kMostBytes);
+        });
         if (abandoned_) return false;
+        bytes_ += piece.bytes;
         pieces_.push_back(std::move(piece));
         ready_.notify_one();
         return true;
@@ -157,6 +162,7 @@ public:
         if (pieces_.empty()) return std::nullopt;
         Piece piece = std::move(pieces_.front());
         pieces_.pop_front();
+        bytes_ -= piece.bytes;
         roomLeft_.notify_one();
         return piece;
     }
@@ -172,10 +178,12 @@ public:
     }
 
 private:
-    static constexpr std::size_t kCapacity = 4;
+    static constexpr std::size_t kMostPieces = 256;
+    static constexpr std::int64_t kMostBytes = std::int64_t(64) << 20;
     std::mutex mutex_;
     std::condition_variable ready_, roomLeft_;
     std::deque<Piece> pieces_;
+    std::int64_t bytes_ = 0;
     bool finished_ = false, abandoned_ = false;
 };
 
@@ -326,6 +334,7 @@ private:
         struct stat info {};
         ::fstat(opened.fd(), &info);
         piece.entry.lastOffset = std::int64_t(size);
+        piece.bytes = std::int64_t(size);
         piece.entry.size = std::int64_t(info.st_size);
         piece.entry.modifiedAt = modificationTime(info);
         piece.forgetFirst = true;  // a document is read whole: what it gave before is replaced
@@ -345,6 +354,7 @@ private:
         if (!buffer_) buffer_.reset(new char[kPieceBytes + kJsonPadding]);
         const LogFileContext context{piece.entry.path, options_.capture, &parser_};
         std::size_t used = 0;           // bytes in the buffer, starting at file position `offset`
+        std::int64_t pieceStart = offset;
         bool skippingLongLine = false;  // inside a line longer than a piece
         auto records = std::make_unique<Collected>(piece.entry.path, options_.capture);
         std::vector<LogLine> lines;
@@ -385,6 +395,8 @@ private:
             used -= lastNewline + 1;
             if (atEnd) break;
             Piece next = followOn(piece, offset);
+            piece.bytes = offset - pieceStart;
+            pieceStart = offset;
             piece.entry.lastOffset = offset;
             piece.entry.size.reset();
             piece.records = std::exchange(records, std::make_unique<Collected>(piece.entry.path, options_.capture));
@@ -393,6 +405,7 @@ private:
         struct stat info {};
         ::fstat(opened.fd(), &info);
         piece.entry.lastOffset = offset;
+        piece.bytes = offset - pieceStart;
         piece.entry.size = std::int64_t(info.st_size);
         piece.entry.modifiedAt = modificationTime(info);
         piece.records = std::move(records);
