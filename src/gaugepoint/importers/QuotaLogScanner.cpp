@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cerrno>
 #include <condition_variable>
@@ -36,6 +37,9 @@ namespace fs = std::filesystem;
 // within a few pieces whatever the files hold.
 constexpr std::size_t kPieceBytes = std::size_t(32) << 20;
 constexpr std::size_t kMaximumProblems = 1000;
+// Readers of log files at once (at most the cores there are): with the writer, two keep both
+// cores of a small machine busy.
+constexpr unsigned kMostReaders = 2;
 
 // Held for the whole scan: a second scan (a timer and a person) waits for the first.
 class ScanLock {
@@ -247,29 +251,67 @@ void loadParserStates(const QuotaSessionFileRegistry& registry, std::vector<Tool
     });
 }
 
-// Reads and parses the files that changed into pieces, on a thread of its own while the scan's
-// thread writes the pieces before them: parsing and SQLite then share the two cores.
+// Every file the walk found, in walk order, taken one at a time by the readers.
+class FileList {
+public:
+    explicit FileList(const std::vector<ToolFiles>& tools) {
+        for (const auto& tool : tools) {
+            for (const auto& file : tool.files) files_.emplace_back(&tool, &file);
+        }
+    }
+    // The next file no reader has taken; none at the end.
+    std::optional<std::pair<const ToolFiles*, const LogFileCandidate*>> take() {
+        const std::size_t at = next_++;
+        if (at >= files_.size()) return std::nullopt;
+        return files_[at];
+    }
+
+private:
+    std::vector<std::pair<const ToolFiles*, const LogFileCandidate*>> files_;
+    std::atomic<std::size_t> next_{0};
+};
+
+// The files done and bytes read of all readers, passed to the options' callback one call at a
+// time, every 16 files.
+class ReadProgress {
+public:
+    ReadProgress(const QuotaScanOptions& options, QuotaScanProgress start) : options_(options), progress_(start) {}
+
+    void fileDone(std::int64_t bytesRead) {
+        if (!options_.progress) return;
+        std::lock_guard lock{mutex_};
+        progress_.bytesRead += bytesRead;
+        if (++progress_.filesDone % 16 == 0) options_.progress(progress_);
+    }
+
+private:
+    const QuotaScanOptions& options_;
+    std::mutex mutex_;
+    QuotaScanProgress progress_;
+};
+
+// Reads and parses the files that changed into pieces. Readers run on threads of their own, a
+// file each at a time, while the scan's thread writes the pieces: parsing and SQLite then share
+// the cores, and a reader waiting for a file does not hold the others up. A file's pieces are
+// queued in order by the one reader that took it.
 class FileReader {
 public:
     FileReader(const QuotaScanOptions& options, const std::string& sourceID, Date now, PieceQueue& queue,
                QuotaScanSummary& tally)
         : options_(options), sourceID_(sourceID), queue_(queue), tally_(tally), now_(now) {}
 
-    void readAll(const std::vector<ToolFiles>& tools, QuotaScanProgress progress) {
-        for (const auto& tool : tools) {
-            for (const auto& file : tool.files) {
-                const auto found = tool.known.find(file.path.string());
-                const QuotaSessionFileRegistryEntry* entry = found == tool.known.end() ? nullptr : &found->second;
-                if (entry && isUnchanged(*tool.tool, *entry, file)) {
-                    ++tally_.filesUnchanged;
-                } else if (!read(tool, file, entry)) {
-                    return;  // the writer gave up
-                }
-                if (++progress.filesDone % 16 == 0 && options_.progress) {
-                    progress.bytesRead = tally_.bytesRead;
-                    options_.progress(progress);
-                }
+    void readAll(FileList& files, ReadProgress& progress) {
+        while (const auto next = files.take()) {
+            const auto& [tool, file] = *next;
+            const auto found = tool->known.find(file->path.string());
+            const QuotaSessionFileRegistryEntry* entry = found == tool->known.end() ? nullptr : &found->second;
+            const std::int64_t before = tally_.bytesRead;
+            if (entry && isUnchanged(*tool->tool, *entry, *file)) {
+                ++tally_.filesUnchanged;
+            } else if (!read(*tool, *file, entry)) {
+                return;  // the writer gave up
             }
+            progress.fileDone(tally_.bytesRead - before);
         }
     }
 
@@ -630,26 +672,48 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     loadParserStates(registry, tools);
     const std::int64_t toRead = bytesToRead(tools);
     PieceQueue queue;
-    std::exception_ptr readFailure;
-    std::thread reader{[&] {
-        try {
-            FileReader{options, sourceID, configuration_.clock.now(), queue, summary}.readAll(tools, {0, total, 0, toRead});
-        } catch (...) {
-            readFailure = std::current_exception();
-        }
-        queue.finish();
-    }};
+    FileList files{tools};
+    ReadProgress progress{options, {0, total, 0, toRead}};
+    const unsigned readerCount = std::clamp(std::thread::hardware_concurrency(), 1u, kMostReaders);
+    std::vector<QuotaScanSummary> read(readerCount);
+    std::vector<std::exception_ptr> readFailures(readerCount);
+    std::atomic<unsigned> reading{readerCount};
+    std::vector<std::thread> readers;
+    for (unsigned r = 0; r < readerCount; ++r) {
+        readers.emplace_back([&, r] {
+            try {
+                FileReader{options, sourceID, configuration_.clock.now(), queue, read[r]}.readAll(files, progress);
+            } catch (...) {
+                readFailures[r] = std::current_exception();
+            }
+            if (--reading == 0) queue.finish();
+        });
+    }
+    const auto joinReaders = [&] {
+        for (auto& reader : readers) reader.join();
+    };
     try {
         PieceWriter{registry, written}.writeAll(queue);
     } catch (...) {
         queue.abandon();
         while (queue.pop()) {
         }
-        reader.join();
+        joinReaders();
         throw;
     }
-    reader.join();
-    if (readFailure) std::rethrow_exception(readFailure);
+    joinReaders();
+    for (const auto& failure : readFailures) {
+        if (failure) std::rethrow_exception(failure);
+    }
+    for (auto& tally : read) {
+        summary.filesRead += tally.filesRead;
+        summary.filesUnchanged += tally.filesUnchanged;
+        summary.filesSkipped += tally.filesSkipped;
+        summary.bytesRead += tally.bytesRead;
+        for (auto& p : tally.problems) {
+            if (summary.problems.size() < kMaximumProblems) summary.problems.push_back(std::move(p));
+        }
+    }
 
     QuotaUsageEntryStore{registry}.refreshUsageQuarters();
     summary.tokens = written.tokens;
