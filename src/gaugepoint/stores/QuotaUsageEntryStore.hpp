@@ -4,7 +4,8 @@
 // transaction as the registry entry that says how far their file was read:
 //   usage_entries    one row per file and counted response; of the rows that share a response
 //                    (a dedup key) exactly one is counted, the one with the most output tokens;
-//   import_messages  one row per file and message, with text only as the capture mode allows;
+//   import_messages  one row per file and message, with text only as the capture mode allows
+//                    (the importer keeps only the prompts, without text, under metadataOnly);
 //   import_sessions  where each session ran; import_dirty_sessions, sessions whose catalogue
 //                    descriptor is behind; import_rate_limits, the newest limits per provider;
 //   import_files     an integer key and the parser's state (Codex running totals) per file.
@@ -101,8 +102,9 @@ public:
     // A session's messages, each once, in time order.
     std::vector<QuotaImportedMessage> sessionMessages(const SessionKey& session) const;
     std::optional<std::string> sessionProjectPath(const SessionKey& session) const;
-    // All three of each session, read in one go (the catalogue is written from them). Without
-    // `withMessages` the messages are only counted: the prompts (each once) and their times.
+    // What the catalogue is written from, for each session, read in one go: its usage, project
+    // and messages. Without `withMessages` the messages are only counted: the prompts (each
+    // once) and the span of their times.
     struct SessionContent {
         SessionUsage usage;
         std::vector<QuotaImportedMessage> messages;  // with `withMessages` only
