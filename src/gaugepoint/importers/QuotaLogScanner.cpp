@@ -721,7 +721,13 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     for (auto& p : written.problems) {
         if (summary.problems.size() < kMaximumProblems) summary.problems.push_back(std::move(p));
     }
-    updateCheckpoints(states, tools, sourceID, options.capture, configuration_.clock.now());
+    // A tree just as the registry knows it (every file unchanged, none gone) keeps the
+    // checkpoints saved when it last changed, and a document of every file need not be read.
+    std::size_t known = 0;
+    for (const auto& tool : tools) known += tool.known.size();
+    if (summary.filesUnchanged != total || std::size_t(total) != known) {
+        updateCheckpoints(states, tools, sourceID, options.capture, configuration_.clock.now());
+    }
     const auto published = publishDirtySessions(QuotaUsageEntryStore{registry}, catalog, options.capture);
     summary.newSessions = published.newSessions;
     summary.updatedSessions = published.updatedSessions;
