@@ -1,12 +1,19 @@
 // Writes a synthetic tree of coding-tool logs for the scan benchmarks: Claude Code, Codex CLI
 // and Gemini CLI homes with lines of realistic sizes (prompts, long answers, tool calls and
-// their large outputs, usage on every response), about two thirds Claude Code, one third Codex
-// and some Gemini by bytes. Deterministic for a given size.
+// their large outputs, usage on every response). Deterministic for a given size and shape.
+//   large: few large files (100-900 KB), about two thirds Claude Code, one third Codex and some
+//          Gemini by bytes;
+//   small: many small files shaped like a heavy user's real history: per 788 MB, 21,000 Claude
+//          Code transcripts and subagent files (19 KB median), 6,600 Codex rollouts and 4,200
+//          Gemini chats, sizes spread log-normally (asked sizes fall short of whole responses, hence
+//          the lower median asked of Claude Code files).
 //
-// usage: generate_log_tree DIR MEGABYTES
+// usage: generate_log_tree DIR MEGABYTES [large|small]
 // The homes are DIR/claude (CLAUDE_CONFIG_DIR), DIR/codex (CODEX_HOME) and DIR/gemini/.gemini
 // (GEMINI_CLI_HOME=DIR/gemini).
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -43,9 +50,15 @@ public:
         return buffer;
     }
     std::uint64_t next(std::uint64_t n) { return random_() % n; }
+    // A size with the given median whose logarithm spreads by `sigma`, within [low, high].
+    std::size_t logNormal(double median, double sigma, std::size_t low, std::size_t high) {
+        const double size = median * std::exp(sigma * normal_(random_));
+        return std::clamp(std::size_t(size), low, high);
+    }
 
 private:
     std::mt19937_64 random_;
+    std::normal_distribution<double> normal_;
 };
 
 std::string isoTime(std::int64_t millis) {
@@ -60,18 +73,21 @@ std::string isoTime(std::int64_t millis) {
 
 constexpr std::int64_t kStart = 1790000000000;  // 2026-09-21, in milliseconds
 
-// One Claude Code session file of about `bytes`.
-std::size_t claudeSession(Generator& g, const fs::path& file, std::size_t bytes, std::int64_t start) {
+// One Claude Code session file of about `bytes`; a subagent's file (`parent` given) carries its
+// parent's session id.
+std::size_t claudeSession(Generator& g, const fs::path& file, std::size_t bytes, std::int64_t start,
+                          const std::string& parent = "") {
     std::ofstream out(file, std::ios::binary);
-    const std::string session = file.stem().string();
+    const std::string session = parent.empty() ? file.stem().string() : parent;
+    const std::string sidechain = parent.empty() ? "false" : "true";
     const std::string cwd = "/home/dev/src/project-" + std::to_string(g.next(40));
     std::size_t written = 0;
     std::int64_t t = start;
-    std::string parent = "null";
+    std::string previous = "null";
     const auto head = [&](const std::string& uuid) {
-        std::string h = "{\"parentUuid\":" + parent + ",\"isSidechain\":false,\"userType\":\"external\",\"cwd\":\"" + cwd +
+        std::string h = "{\"parentUuid\":" + previous + ",\"isSidechain\":" + sidechain + ",\"userType\":\"external\",\"cwd\":\"" + cwd +
                         "\",\"sessionId\":\"" + session + "\",\"version\":\"2.0.28\",\"gitBranch\":\"main\",";
-        parent = "\"" + uuid + "\"";
+        previous = "\"" + uuid + "\"";
         return h;
     };
     while (written < bytes) {
@@ -112,6 +128,7 @@ std::size_t claudeSession(Generator& g, const fs::path& file, std::size_t bytes,
             line += head(uuid) + "\"type\":\"user\",\"message\":{\"role\":\"user\",\"content\":[{\"tool_use_id\":\"toolu_x\","
                     "\"type\":\"tool_result\",\"content\":\"" + g.words(500 + g.next(g.next(10) == 0 ? 60000 : 6000)) +
                     "\",\"is_error\":false}]},\"uuid\":\"" + uuid + "\",\"timestamp\":\"" + isoTime(t) + "\"}\n";
+            if (written + line.size() >= bytes) break;
         }
         out << line;
         written += line.size();
@@ -176,29 +193,24 @@ std::size_t geminiSession(Generator& g, const fs::path& file, const std::string&
         if (!first) doc += ",";
         first = false;
         doc += "{\"id\":\"" + g.uuid() + "\",\"timestamp\":\"" + isoTime(t) + "\",\"type\":\"user\",\"content\":\"" + g.words(300) + "\"},";
+        // Real chats always carry their total: input + output + thoughts + tool.
         const std::int64_t input = 3000 + std::int64_t(g.next(40000)), cached = input * std::int64_t(g.next(50)) / 100;
+        const std::int64_t output = std::int64_t(g.next(2000)), thoughts = std::int64_t(g.next(800)),
+                           tool = g.next(4) == 0 ? std::int64_t(g.next(500)) : 0;
         doc += "{\"id\":\"" + g.uuid() + "\",\"timestamp\":\"" + isoTime(t + 9000) + "\",\"type\":\"gemini\",\"content\":\"" +
                g.words(1500 + g.next(4000)) + "\",\"thoughts\":[],\"toolCalls\":[],\"model\":\"gemini-2.5-pro\",\"tokens\":{\"input\":" +
-               std::to_string(input) + ",\"output\":" + std::to_string(g.next(2000)) + ",\"cached\":" + std::to_string(cached) +
-               ",\"thoughts\":" + std::to_string(g.next(800)) + ",\"tool\":0,\"total\":0}}";
+               std::to_string(input) + ",\"output\":" + std::to_string(output) + ",\"cached\":" + std::to_string(cached) +
+               ",\"thoughts\":" + std::to_string(thoughts) + ",\"tool\":" + std::to_string(tool) + ",\"total\":" + std::to_string(input + output + thoughts + tool) + "}}";
     }
     doc += "]}";
     out << doc;
     return doc.size();
 }
 
-}  // namespace
 
-int main(int argc, char** argv) {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: generate_log_tree DIR MEGABYTES\n");
-        return 2;
-    }
-    const fs::path root = argv[1];
-    const std::size_t total = std::size_t(std::stoull(argv[2])) << 20;
-    Generator g{42};
-    std::size_t claude = 0, codex = 0, gemini = 0;
-    std::size_t files = 0;
+// Few large files: sessions of 100-900 KB.
+void largeShape(Generator& g, const fs::path& root, std::size_t total) {
+    std::size_t claude = 0, codex = 0, gemini = 0, files = 0;
     std::int64_t start = kStart;
     while (claude + codex + gemini < total) {
         const std::uint64_t pick = g.next(100);
@@ -222,5 +234,69 @@ int main(int argc, char** argv) {
         }
     }
     std::printf("%zu files: Claude Code %zu MB, Codex %zu MB, Gemini %zu MB\n", files, claude >> 20, codex >> 20, gemini >> 20);
+}
+
+// Many small files, in the proportions of a real heavy user's history (see the top). About a
+// third of the Claude Code files are subagent transcripts beside their parent session.
+void smallShape(Generator& g, const fs::path& root, std::size_t total) {
+    const double scale = double(total) / double(std::size_t(788) << 20);
+    const auto count = [&](double perTree) { return std::max<std::size_t>(1, std::size_t(perTree * scale)); };
+    const std::size_t claudeFiles = count(21000), codexFiles = count(6600), geminiFiles = count(4200);
+    std::size_t claude = 0, codex = 0, gemini = 0, files = 0;
+    std::int64_t start = kStart - 200LL * 86400 * 1000;  // months of history
+    const std::int64_t step = 200LL * 86400 * 1000 / std::int64_t(claudeFiles + codexFiles + geminiFiles);
+    std::vector<fs::path> parents;
+    for (std::size_t made = 0; made < claudeFiles + codexFiles + geminiFiles; ++made) {
+        start += step;
+        const std::uint64_t pick = g.next(claudeFiles + codexFiles + geminiFiles);
+        ++files;
+        if (pick < claudeFiles) {
+            const fs::path dir = root / "claude" / "projects" / ("-home-dev-src-project-" + std::to_string(g.next(60)));
+            fs::create_directories(dir);
+            const std::size_t bytes = g.logNormal(13500, 0.75, 1500, 4000000);
+            if (!parents.empty() && g.next(3) == 0) {
+                const fs::path& parent = parents[g.next(parents.size())];
+                const fs::path agents = parent.parent_path() / parent.stem() / "subagents";
+                fs::create_directories(agents);
+                claude += claudeSession(g, agents / ("agent-" + g.uuid().substr(0, 8) + ".jsonl"), bytes, start,
+                                        parent.stem().string());
+            } else {
+                const fs::path file = dir / (g.uuid() + ".jsonl");
+                claude += claudeSession(g, file, bytes, start);
+                parents.push_back(file);
+            }
+        } else if (pick < claudeFiles + codexFiles) {
+            const fs::path dir = root / "codex" / "sessions" / "2026" / std::to_string(10 + g.next(3)) / std::to_string(10 + g.next(18));
+            fs::create_directories(dir);
+            const std::string id = g.uuid();
+            codex += codexSession(g, dir / ("rollout-2026-10-01T10-00-00-" + id + ".jsonl"), id,
+                                  g.logNormal(20000, 0.8, 2000, 3000000), start);
+        } else {
+            const fs::path dir = root / "gemini" / ".gemini" / "tmp" / ("project-" + std::to_string(g.next(20))) / "chats";
+            fs::create_directories(dir);
+            const std::string id = g.uuid();
+            gemini += geminiSession(g, dir / ("session-2026-10-01T10-00-" + id.substr(0, 8) + ".json"), id,
+                                    g.logNormal(10000, 0.7, 1000, 1000000), start);
+        }
+    }
+    std::printf("%zu files: Claude Code %zu MB, Codex %zu MB, Gemini %zu MB\n", files, claude >> 20, codex >> 20, gemini >> 20);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::string shape = argc == 4 ? argv[3] : "large";
+    if ((argc != 3 && argc != 4) || (shape != "large" && shape != "small")) {
+        std::fprintf(stderr, "usage: generate_log_tree DIR MEGABYTES [large|small]\n");
+        return 2;
+    }
+    const fs::path root = argv[1];
+    const std::size_t total = std::size_t(std::stoull(argv[2])) << 20;
+    Generator g{42};
+    if (shape == "large") {
+        largeShape(g, root, total);
+    } else {
+        smallShape(g, root, total);
+    }
     return 0;
 }

@@ -29,7 +29,8 @@ void warnAboutMissingHomes(const LogHomesOptions& homes);
 
 // Imports what the logs added since the last scan, then makes this machine's quota snapshot and
 // stores it (source record; history and token ledger when a figure changed). With a pinned
-// clock (--now) nothing is published. Throws gaugepoint::Error.
-QuotaScanSummary scanAndPublish(const QuotaScanOptions& options, const GlobalOptions& globals);
+// clock (--now) nothing is published. Shows the scan's progress on a terminal unless `quiet` or
+// --json. Throws gaugepoint::Error.
+QuotaScanSummary scanAndPublish(QuotaScanOptions options, const GlobalOptions& globals, bool quiet = false);
 
 }  // namespace gaugepoint::cli

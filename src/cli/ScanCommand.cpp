@@ -1,17 +1,15 @@
 // gaugepoint scan: import the local logs of Claude Code, Codex CLI and Gemini CLI.
 
-#include <unistd.h>
-
 #include <charconv>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <tuple>
 
 #include "Commands.hpp"
 #include "LogScan.hpp"
-#include "gaugepoint/importers/CodingToolLogs.hpp"
+#include "ScanProgress.hpp"
 #include "SyncServer.hpp"
+#include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/reports/ClaudeBlockLimit.hpp"
 #include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
 
@@ -24,32 +22,6 @@ struct ScanCommandOptions {
     std::string claudeBlockLimit;  // a number of tokens, "auto", or 0 to remove
     bool quiet = false;
     bool verbose = false;
-};
-
-// A progress line on stderr, only when stderr is a terminal and the scan has taken a moment.
-class ProgressLine {
-public:
-    ProgressLine() : enabled_(::isatty(STDERR_FILENO) == 1), start_(std::chrono::steady_clock::now()) {}
-    ~ProgressLine() {
-        if (shown_) std::fputs("\r\033[K", stderr);
-    }
-    ProgressLine(const ProgressLine&) = delete;
-    ProgressLine& operator=(const ProgressLine&) = delete;
-
-    void update(std::int64_t done, std::int64_t total, std::int64_t bytes) {
-        if (!enabled_ || std::chrono::steady_clock::now() - start_ < std::chrono::milliseconds(500)) return;
-        shown_ = true;
-        const int width = 30;
-        const int filled = total > 0 ? int(width * done / total) : width;
-        std::fprintf(stderr, "\r[%.*s%*s] %lld/%lld files, %lld MB", filled, "##############################",
-                     width - filled, "", (long long)done, (long long)total, (long long)(bytes >> 20));
-        std::fflush(stderr);
-    }
-
-private:
-    bool enabled_;
-    bool shown_ = false;
-    std::chrono::steady_clock::time_point start_;
 };
 
 // "auto", or a whole number of tokens (0 removes the setting).
@@ -82,12 +54,8 @@ void scan(const ScanCommandOptions& options, const GlobalOptions& globals) {
         ClaudeBlockLimit::setSetting(*resolveConfiguration(globals).userDefaults,
                                      parseBlockLimit(options.claudeBlockLimit));
     }
-    ProgressLine progress;
-    if (!options.quiet && !globals.json) {
-        scanOptions.progress = [&](std::int64_t done, std::int64_t total, std::int64_t bytes) { progress.update(done, total, bytes); };
-    }
     if (!options.quiet) warnAboutMissingHomes(options.homes);
-    const QuotaScanSummary summary = scanAndPublish(scanOptions, globals);
+    const QuotaScanSummary summary = scanAndPublish(scanOptions, globals, options.quiet);
     std::optional<SyncPushSummary> pushed;
     if (const auto url = resolveSyncURL("", globals)) {
         try {
@@ -156,9 +124,14 @@ void warnAboutMissingHomes(const LogHomesOptions& homes) {
     }
 }
 
-QuotaScanSummary scanAndPublish(const QuotaScanOptions& options, const GlobalOptions& globals) {
+QuotaScanSummary scanAndPublish(QuotaScanOptions options, const GlobalOptions& globals, bool quiet) {
     const QuotaSyncConfiguration configuration = resolveConfiguration(globals);
-    const QuotaScanSummary summary = QuotaLogScanner{configuration}.scan(options);
+    QuotaScanSummary summary;
+    {
+        ScanProgress progress{!quiet && !globals.json};
+        options.progress = progress.callback();
+        summary = QuotaLogScanner{configuration}.scan(options);
+    }
     // A pinned clock is for looking: a snapshot dated by it would put a false reading in the
     // stores (faces make this machine's snapshot for that moment themselves).
     if (!globals.now.empty()) return summary;

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <map>
+
 #include "CommandRunner.hpp"
 #include "gaugepoint/platform/Json.hpp"
 
@@ -36,6 +39,40 @@ TEST(ScanCommand, SummarisesEachScanInOneLine) {
                   .out,
               "0 files read, 0 unchanged · 0 new sessions, 0 updated · 0 tokens · 0 lines skipped\n");
     EXPECT_EQ(gaugepoint({"scan", "--capture", "everything"}).exitCode, 2);
+}
+
+// Every file of the App Group directory: its bytes and its modification time.
+std::map<std::string, std::pair<std::string, std::filesystem::file_time_type>> storeFiles(const std::filesystem::path& dir) {
+    std::map<std::string, std::pair<std::string, std::filesystem::file_time_type>> files;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        files[entry.path().filename().string()] = {testing::readFile(entry.path()), entry.last_write_time()};
+    }
+    return files;
+}
+
+// A scan that finds nothing new writes nothing: no store, no snapshot, no checkpoint. Off a
+// terminal no progress is drawn, by `scan` or by `report`, which scans first.
+TEST(ScanCommand, AnUnchangedRescanWritesNothingAndOffATerminalDrawsNoProgress) {
+    testing::ScratchDirectory dir;
+    const std::string logs = testing::testData("logs").string();
+    const std::vector<std::string> homes{"--app-group-dir", (dir / "g").string(), "--now", "2026-11-21T12:00:00Z",
+                                         "--claude-dir", logs + "/claude", "--codex-dir", logs + "/codex",
+                                         "--gemini-dir", logs + "/gemini"};
+    const auto with = [&](std::vector<std::string> words) {
+        words.insert(words.end(), homes.begin(), homes.end());
+        return words;
+    };
+    const auto first = gaugepoint(with({"scan"}));
+    ASSERT_EQ(first.exitCode, 0) << first.err;
+    EXPECT_EQ(first.err, "");
+    const auto before = storeFiles(dir / "g");
+    const auto again = gaugepoint(with({"scan"}));
+    EXPECT_EQ(again.err, "");
+    EXPECT_EQ(again.out, "0 files read, 34 unchanged · 0 new sessions, 0 updated · 0 tokens · 0 lines skipped\n");
+    const auto report = gaugepoint(with({"report", "daily"}));
+    EXPECT_EQ(report.exitCode, 0);
+    EXPECT_EQ(report.err, "");
+    EXPECT_TRUE(storeFiles(dir / "g") == before);
 }
 
 TEST(ScanCommand, VerboseNamesEverySkippedLine) {

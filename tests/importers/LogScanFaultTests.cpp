@@ -52,33 +52,39 @@ TEST(LogScanFaults, BadLinesAndFilesAreSkippedCountedAndTheRestImported) {
     EXPECT_EQ(tree.scan().linesSkipped, 0);  // skipped lines are not read again
 }
 
-// A scan killed at any moment, then a full scan: every row once.
+// A scan killed at any moment, then a full scan: every row once. Few large files are written a
+// piece at a time, many small ones many to a transaction; both must lose and double nothing.
 TEST(LogScanFaults, AScanKilledAtAnyMomentLosesAndDoublesNothing) {
-    const LogTree tree;
-    // Enough Codex files that a scan takes a while: each event adds 1,000 tokens.
-    for (int f = 0; f < 40; ++f) {
-        const auto dir = tree.home("codex") / "sessions" / "2026" / "11" / std::to_string(f);
-        fs::create_directories(dir);
-        std::ofstream out(dir / ("rollout-" + std::to_string(f) + ".jsonl"));
-        out << R"({"timestamp":"2026-11-01T00:00:00.000Z","type":"session_meta","payload":{"id":"crash-)" << f << "\"}}\n";
-        for (int e = 1; e <= 2000; ++e) {
-            out << R"({"timestamp":"2026-11-01T00:00:01.000Z","type":"event_msg","payload":{"type":"token_count","info":{"total_token_usage":{"input_tokens":)"
-                << e * 900 << R"(,"cached_input_tokens":0,"output_tokens":)" << e * 100 << R"(,"total_tokens":)" << e * 1000 << "}}}}\n";
+    struct Shape {
+        int files, events;
+    };
+    for (const Shape shape : {Shape{40, 2000}, Shape{1500, 30}}) {
+        const LogTree tree;
+        // Each event adds 1,000 tokens.
+        for (int f = 0; f < shape.files; ++f) {
+            const auto dir = tree.home("codex") / "sessions" / "2026" / "11" / std::to_string(f % 50);
+            fs::create_directories(dir);
+            std::ofstream out(dir / ("rollout-" + std::to_string(f) + ".jsonl"));
+            out << R"({"timestamp":"2026-11-01T00:00:00.000Z","type":"session_meta","payload":{"id":"crash-)" << f << "\"}}\n";
+            for (int e = 1; e <= shape.events; ++e) {
+                out << R"({"timestamp":"2026-11-01T00:00:01.000Z","type":"event_msg","payload":{"type":"token_count","info":{"total_token_usage":{"input_tokens":)"
+                    << e * 900 << R"(,"cached_input_tokens":0,"output_tokens":)" << e * 100 << R"(,"total_tokens":)" << e * 1000 << "}}}}\n";
+            }
         }
+        for (const int delay : {5, 15, 40, 80, 150}) {
+            const pid_t child = testing::inChildProcess([&] { return (tree.scan(), 0); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+            ::kill(child, SIGKILL);
+            testing::exitStatus(child);
+        }
+        tree.scan();
+        std::int64_t tokens = 0;
+        for (const auto& e : tree.usage().countedEntries("codex")) {
+            if (e.sessionID.starts_with("crash-")) tokens += e.tokens.totalTokens();
+        }
+        EXPECT_EQ(tokens, std::int64_t(shape.files) * shape.events * 1000) << shape.files << " files";
+        EXPECT_EQ(tree.scan().filesRead, 0);
     }
-    for (const int delay : {5, 15, 40, 80, 150}) {
-        const pid_t child = testing::inChildProcess([&] { return (tree.scan(), 0); });
-        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
-        ::kill(child, SIGKILL);
-        testing::exitStatus(child);
-    }
-    tree.scan();
-    std::int64_t tokens = 0;
-    for (const auto& e : tree.usage().countedEntries("codex")) {
-        if (e.sessionID.starts_with("crash-")) tokens += e.tokens.totalTokens();
-    }
-    EXPECT_EQ(tokens, 40 * 2000 * 1000);
-    EXPECT_EQ(tree.scan().filesRead, 0);
 }
 
 TEST(LogScanFaults, TwoScansAtOnceCountNothingTwice) {

@@ -79,10 +79,16 @@ TEST(LogScan, TheCaptureModeDecidesWhatTextIsKept) {
     tree.scan();
     const QuotaSessionCatalogStore catalog{tree.configuration};
     const std::string session = "0992eb9e-6652-4513-a72c-3e3af4e31bdc";
-    const auto metadataOnly = catalog.loadPersistedMessageRows("test-machine", session);
-    ASSERT_FALSE(metadataOnly.empty());
-    for (const auto& row : metadataOnly) EXPECT_FALSE(row.text) << row.role;
-    EXPECT_EQ(catalog.loadDescriptor("test-machine", session)->title, "api.server");  // the project folder
+    // metadataOnly: the descriptor counts the session, but no message is kept in either store
+    // beyond the prompts (without text) that the counts need.
+    EXPECT_TRUE(catalog.loadPersistedMessageRows("test-machine", session).empty());
+    const auto descriptor = *catalog.loadDescriptor("test-machine", session);
+    EXPECT_EQ(descriptor.title, "api.server");  // the project folder
+    EXPECT_GT(descriptor.promptCount, 0);
+    EXPECT_GT(descriptor.messageCount, descriptor.promptCount);
+    testing::RawDatabase registry{*tree.configuration.appGroupDirectory / "quota-session-file-registry.sqlite"};
+    EXPECT_EQ(registry.column("SELECT COUNT(*) FROM import_messages WHERE is_prompt = 0 OR text IS NOT NULL"),
+              std::vector<std::string>{"0"});
 
     EXPECT_EQ(tree.scan(QuotaSessionContentCaptureMode::promptsOnly).tokens, 0);  // read again, counted once
     const auto prompts = catalog.loadPersistedMessageRows("test-machine", session);
@@ -97,6 +103,32 @@ TEST(LogScan, TheCaptureModeDecidesWhatTextIsKept) {
     const auto title = catalog.loadDescriptor("test-machine", session)->title;
     EXPECT_NE(title, "api.server");
     EXPECT_LE(title.size(), 80u * 4);
+}
+
+// The progress a scan reports: every file, and the bytes left to read are what the changed files
+// added (the time left is reckoned from them).
+TEST(LogScan, ProgressCountsTheBytesTheChangedFilesAdded) {
+    const LogTree tree;
+    const auto lastProgress = [&] {
+        QuotaScanProgress last;
+        auto options = tree.options();
+        options.progress = [&](const QuotaScanProgress& p) { last = p; };
+        const auto summary = QuotaLogScanner{tree.configuration}.scan(options);
+        EXPECT_EQ(last.bytesRead, summary.bytesRead);
+        return last;
+    };
+    const auto cold = lastProgress();
+    EXPECT_EQ(cold.filesDone, 34);
+    EXPECT_EQ(cold.filesTotal, 34);
+    EXPECT_EQ(cold.bytesToRead, cold.bytesRead);
+    EXPECT_GT(cold.bytesRead, 100000);
+
+    const auto claude = tree.home("claude") / "projects/-home-dev-notes/2d139d10-5838-44e8-8895-f0cc1ba2f736.jsonl";
+    const std::string line = testing::readFile(claude).substr(0, testing::readFile(claude).find('\n') + 1);
+    std::ofstream(claude, std::ios::app) << line;
+    const auto appended = lastProgress();
+    EXPECT_EQ(appended.bytesToRead, std::int64_t(line.size()));
+    EXPECT_EQ(appended.bytesRead, std::int64_t(line.size()));
 }
 
 // A file written a line (and half a line) at a time and scanned after every write ends with the

@@ -31,7 +31,8 @@ public:
     // Records `entries` as the whole content of one log file.
     void add(const std::vector<QuotaUsageEntry>& entries, const std::string& file = "log.jsonl") const {
         const QuotaSessionFileRegistry registry{configuration};
-        registry.inTransaction("test entries", [&](sqlite::Connection& c) {
+        registry.inTransaction("test entries", [&](sqlite::Connection& connection) {
+            sqlite::StatementCache c{connection};
             QuotaSessionFileRegistryEntry entry;
             entry.path = file;
             entry.sourceID = "test";

@@ -134,7 +134,8 @@ TEST(UsagePeriods, StoredQuarterSumsAgreeWithTheEntriesBeforeAndAfterTheyAreRefr
     EXPECT_EQ(sums(), fromEntries());
     // The file is read again with other content: its old rows go, a quarter loses its entry.
     const QuotaSessionFileRegistry registry{fixture.configuration};
-    registry.inTransaction("forget", [&](sqlite::Connection& c) {
+    registry.inTransaction("forget", [&](sqlite::Connection& connection) {
+        sqlite::StatementCache c{connection};
         QuotaSessionFileRegistryEntry entry;
         entry.path = "a";
         entry.sourceID = "test";

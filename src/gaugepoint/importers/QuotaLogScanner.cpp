@@ -6,10 +6,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
@@ -23,6 +26,7 @@
 #include "gaugepoint/platform/Sha256.hpp"
 #include "gaugepoint/stores/QuotaSessionCatalogStore.hpp"
 #include "gaugepoint/stores/QuotaUsageEntryStore.hpp"
+#include "gaugepoint/stores/SQLiteStatementCache.hpp"
 
 namespace gaugepoint {
 namespace {
@@ -33,6 +37,9 @@ namespace fs = std::filesystem;
 // within a few pieces whatever the files hold.
 constexpr std::size_t kPieceBytes = std::size_t(32) << 20;
 constexpr std::size_t kMaximumProblems = 1000;
+// Readers of log files at once (at most the cores there are): with the writer, two keep both
+// cores of a small machine busy.
+constexpr unsigned kMostReaders = 2;
 
 // Held for the whole scan: a second scan (a timer and a person) waits for the first.
 class ScanLock {
@@ -68,14 +75,18 @@ private:
     int fd_;
 };
 
-// What one read of a file gave, waiting for its transaction.
+// What one read of a file gave, waiting for its transaction. Under metadataOnly only the prompts
+// are kept (without text): with the counted responses they give a session's message and prompt
+// counts, without a row per log line.
 class Collected final : public LogRecordSink {
 public:
-    explicit Collected(std::string path) : path_(std::move(path)) {}
+    Collected(std::string path, QuotaSessionContentCaptureMode capture)
+        : path_(std::move(path)), promptsOnly_(capture == QuotaSessionContentCaptureMode::metadataOnly) {}
 
     void usage(QuotaUsageEntry entry) override { usage_.push_back(std::move(entry)); }
     void message(QuotaImportedMessage message) override {
         if (firstSession_.empty()) firstSession_ = message.sessionID;
+        if (promptsOnly_ && !message.isPrompt) return;
         messages_.push_back(std::move(message));
     }
     void session(const std::string& sessionID, const std::string& projectPath) override {
@@ -104,6 +115,7 @@ public:
 
 private:
     std::string path_;
+    bool promptsOnly_;
 };
 
 Date modificationTime(const struct stat& info) {
@@ -127,17 +139,22 @@ struct Piece {
     bool forgetFirst = false;              // what the file gave before is replaced
     std::string state;                     // the parser's state after this piece
     std::unique_ptr<Collected> records;
+    std::int64_t bytes = 0;                // of the file, read for this piece
 };
 
-// Hands pieces from the reading thread to the writing one. It holds a few at most, so memory
-// stays bounded whatever the files hold.
+// Hands pieces from the reading thread to the writing one. It holds pieces of up to 64 MiB of
+// files at once (one piece of any size when empty), so memory stays bounded whatever the files
+// hold, while many small files' pieces can wait for the writer and keep the reader going.
 class PieceQueue {
 public:
     // Waits for room; false when the writer has given up.
     bool push(Piece piece) {
         std::unique_lock lock{mutex_};
-        roomLeft_.wait(lock, [&] { return pieces_.size() < kCapacity || abandoned_; });
+        roomLeft_.wait(lock, [&] {
+            return abandoned_ || pieces_.empty() || (pieces_.size() < kMostPieces && bytes_ + piece.bytes <= kMostBytes);
+        });
         if (abandoned_) return false;
+        bytes_ += piece.bytes;
         pieces_.push_back(std::move(piece));
         ready_.notify_one();
         return true;
@@ -149,6 +166,7 @@ public:
         if (pieces_.empty()) return std::nullopt;
         Piece piece = std::move(pieces_.front());
         pieces_.pop_front();
+        bytes_ -= piece.bytes;
         roomLeft_.notify_one();
         return piece;
     }
@@ -164,59 +182,148 @@ public:
     }
 
 private:
-    static constexpr std::size_t kCapacity = 4;
+    static constexpr std::size_t kMostPieces = 256;
+    static constexpr std::int64_t kMostBytes = std::int64_t(64) << 20;
     std::mutex mutex_;
     std::condition_variable ready_, roomLeft_;
     std::deque<Piece> pieces_;
+    std::int64_t bytes_ = 0;
     bool finished_ = false, abandoned_ = false;
 };
 
-// What one tool's scan starts from: its files as they are now, and what the registry knows.
+// What the walk of one tool's homes found.
+struct WalkedFiles {
+    std::vector<LogFileCandidate> files;
+    std::vector<WalkProblem> problems;
+};
+
+// What one tool's scan starts from: its files as they are now, what the registry knows, and the
+// parser's state of each changed file that may be read on from where it stopped.
 struct ToolFiles {
     const CodingToolLogs* tool = nullptr;
     std::vector<LogFileCandidate> files;
     std::unordered_map<std::string, QuotaSessionFileRegistryEntry> known;
+    std::unordered_map<std::string, std::string> states;
 };
 
-// Reads and parses the files that changed into pieces, on a thread of its own while the scan's
-// thread writes the pieces before them: parsing and SQLite then share the two cores.
-class FileReader {
-public:
-    FileReader(const QuotaSessionFileRegistry& registry, const QuotaScanOptions& options, const std::string& sourceID,
-               PieceQueue& queue, QuotaScanSummary& tally)
-        : registry_(registry), options_(options), sourceID_(sourceID), queue_(queue), tally_(tally),
-          now_(registry.configuration().clock.now()) {}
+// Whether the file is as the registry saw it last: then it is not opened at all.
+bool isUnchanged(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& entry, const LogFileCandidate& file) {
+    return entry.parserVersion == tool.parserVersion() && entry.fileIdentifier == file.identity &&
+           entry.size == file.size && entry.modifiedAt == file.modifiedAt;
+}
 
-    void readAll(const std::vector<ToolFiles>& tools, std::int64_t total) {
-        std::int64_t done = 0;
-        for (const auto& tool : tools) {
+// Whether a changed file is read on from where the last read stopped (else from its start).
+bool goesOn(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& entry, const LogFileCandidate& file) {
+    return file.layout == LogLayout::appendedLines && entry.lastOffset > 0 && entry.parserVersion == tool.parserVersion() &&
+           entry.fileIdentifier == file.identity && entry.lastOffset <= file.size;
+}
+
+// The bytes a scan is to read: what the changed files added since they were read.
+std::int64_t bytesToRead(const std::vector<ToolFiles>& tools) {
+    std::int64_t bytes = 0;
+    for (const auto& tool : tools) {
+        for (const auto& file : tool.files) {
+            const auto found = tool.known.find(file.path.string());
+            if (found == tool.known.end()) {
+                bytes += file.size;
+            } else if (!isUnchanged(*tool.tool, found->second, file)) {
+                bytes += file.size - (goesOn(*tool.tool, found->second, file) ? found->second.lastOffset : 0);
+            }
+        }
+    }
+    return bytes;
+}
+
+// Loads the parser states of the changed files that may go on from their position, before any
+// write starts (the writer holds the connection for whole batches).
+void loadParserStates(const QuotaSessionFileRegistry& registry, std::vector<ToolFiles>& tools) {
+    registry.withConnection([&](sqlite::Connection& connection) {
+        sqlite::StatementCache statements{connection};
+        for (auto& tool : tools) {
             for (const auto& file : tool.files) {
                 const auto found = tool.known.find(file.path.string());
-                const QuotaSessionFileRegistryEntry* entry = found == tool.known.end() ? nullptr : &found->second;
-                if (entry && isUnchanged(*tool.tool, *entry, file)) {
-                    ++tally_.filesUnchanged;
-                } else if (!read(*tool.tool, file, entry)) {
-                    return;  // the writer gave up
-                }
-                if (++done % 16 == 0 && options_.progress) options_.progress(done, total, tally_.bytesRead);
+                if (found == tool.known.end()) continue;
+                const auto& entry = found->second;
+                if (isUnchanged(*tool.tool, entry, file) || !goesOn(*tool.tool, entry, file)) continue;
+                tool.states.emplace(entry.path, QuotaUsageEntryStore::parserState(statements, entry));
             }
+        }
+    });
+}
+
+// Every file the walk found, in walk order, taken one at a time by the readers.
+class FileList {
+public:
+    explicit FileList(const std::vector<ToolFiles>& tools) {
+        for (const auto& tool : tools) {
+            for (const auto& file : tool.files) files_.emplace_back(&tool, &file);
+        }
+    }
+    // The next file no reader has taken; none at the end.
+    std::optional<std::pair<const ToolFiles*, const LogFileCandidate*>> take() {
+        const std::size_t at = next_++;
+        if (at >= files_.size()) return std::nullopt;
+        return files_[at];
+    }
+
+private:
+    std::vector<std::pair<const ToolFiles*, const LogFileCandidate*>> files_;
+    std::atomic<std::size_t> next_{0};
+};
+
+// The files done and bytes read of all readers, passed to the options' callback one call at a
+// time, every 16 files.
+class ReadProgress {
+public:
+    ReadProgress(const QuotaScanOptions& options, QuotaScanProgress start) : options_(options), progress_(start) {}
+
+    void fileDone(std::int64_t bytesRead) {
+        if (!options_.progress) return;
+        std::lock_guard lock{mutex_};
+        progress_.bytesRead += bytesRead;
+        if (++progress_.filesDone % 16 == 0) options_.progress(progress_);
+    }
+
+private:
+    const QuotaScanOptions& options_;
+    std::mutex mutex_;
+    QuotaScanProgress progress_;
+};
+
+// Reads and parses the files that changed into pieces. Readers run on threads of their own, a
+// file each at a time, while the scan's thread writes the pieces: parsing and SQLite then share
+// the cores, and a reader waiting for a file does not hold the others up. A file's pieces are
+// queued in order by the one reader that took it.
+class FileReader {
+public:
+    FileReader(const QuotaScanOptions& options, const std::string& sourceID, Date now, PieceQueue& queue,
+               QuotaScanSummary& tally)
+        : options_(options), sourceID_(sourceID), queue_(queue), tally_(tally), now_(now) {}
+
+    void readAll(FileList& files, ReadProgress& progress) {
+        while (const auto next = files.take()) {
+            const auto& [tool, file] = *next;
+            const auto found = tool->known.find(file->path.string());
+            const QuotaSessionFileRegistryEntry* entry = found == tool->known.end() ? nullptr : &found->second;
+            const std::int64_t before = tally_.bytesRead;
+            if (entry && isUnchanged(*tool->tool, *entry, *file)) {
+                ++tally_.filesUnchanged;
+            } else if (!read(*tool, *file, entry)) {
+                return;  // the writer gave up
+            }
+            progress.fileDone(tally_.bytesRead - before);
         }
     }
 
 private:
-    static bool isUnchanged(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& entry,
-                            const LogFileCandidate& file) {
-        return entry.parserVersion == tool.parserVersion() && entry.fileIdentifier == file.identity &&
-               entry.size == file.size && entry.modifiedAt == file.modifiedAt;
-    }
-
     void skipped(const std::string& path, std::string reason) {
         ++tally_.filesSkipped;
         if (tally_.problems.size() < kMaximumProblems) tally_.problems.push_back({path, std::nullopt, std::move(reason)});
     }
 
     // False when the writer gave up.
-    bool read(const CodingToolLogs& tool, const LogFileCandidate& file, const QuotaSessionFileRegistryEntry* entry) {
+    bool read(const ToolFiles& files, const LogFileCandidate& file, const QuotaSessionFileRegistryEntry* entry) {
+        const CodingToolLogs& tool = *files.tool;
         const std::string path = file.path.string();
         ReadableFile opened{file.path};
         struct stat info {};
@@ -237,14 +344,17 @@ private:
         // A file read before by these rules, the same file and not cut short, is read on from
         // where the last read stopped; anything else is read again from the start, and what it
         // gave before is replaced.
-        const bool goesOn = entry && file.layout == LogLayout::appendedLines && entry->parserVersion == tool.parserVersion() &&
+        const bool readsOn = entry && file.layout == LogLayout::appendedLines && entry->parserVersion == tool.parserVersion() &&
                             entry->fileIdentifier == piece.entry.fileIdentifier &&
                             entry->lastOffset <= std::int64_t(info.st_size);
-        piece.forgetFirst = entry && !goesOn;
+        piece.forgetFirst = entry && !readsOn;
         ++tally_.filesRead;
         if (file.layout == LogLayout::wholeDocument) return readDocument(opened, std::move(piece));
-        const std::int64_t offset = goesOn ? entry->lastOffset : 0;
-        if (offset > 0) piece.state = parserStateOf(piece.entry);
+        const std::int64_t offset = readsOn ? entry->lastOffset : 0;
+        if (offset > 0) {
+            const auto state = files.states.find(path);
+            if (state != files.states.end()) piece.state = state->second;
+        }
         return readLines(opened, std::move(piece), offset);
     }
 
@@ -260,12 +370,13 @@ private:
         tally_.bytesRead += std::int64_t(text.size());
         const std::size_t size = text.size();
         text.resize(size + kJsonPadding);
-        piece.records = std::make_unique<Collected>(piece.entry.path);
+        piece.records = std::make_unique<Collected>(piece.entry.path, options_.capture);
         const LogFileContext context{piece.entry.path, options_.capture, &parser_};
         piece.tool->parseDocument(std::string_view(text.data(), size), context, *piece.records);
         struct stat info {};
         ::fstat(opened.fd(), &info);
         piece.entry.lastOffset = std::int64_t(size);
+        piece.bytes = std::int64_t(size);
         piece.entry.size = std::int64_t(info.st_size);
         piece.entry.modifiedAt = modificationTime(info);
         piece.forgetFirst = true;  // a document is read whole: what it gave before is replaced
@@ -285,8 +396,9 @@ private:
         if (!buffer_) buffer_.reset(new char[kPieceBytes + kJsonPadding]);
         const LogFileContext context{piece.entry.path, options_.capture, &parser_};
         std::size_t used = 0;           // bytes in the buffer, starting at file position `offset`
+        std::int64_t pieceStart = offset;
         bool skippingLongLine = false;  // inside a line longer than a piece
-        auto records = std::make_unique<Collected>(piece.entry.path);
+        auto records = std::make_unique<Collected>(piece.entry.path, options_.capture);
         std::vector<LogLine> lines;
         for (;;) {
             const ssize_t n = ::read(opened.fd(), buffer_.get() + used, kPieceBytes - used);
@@ -325,14 +437,17 @@ private:
             used -= lastNewline + 1;
             if (atEnd) break;
             Piece next = followOn(piece, offset);
+            piece.bytes = offset - pieceStart;
+            pieceStart = offset;
             piece.entry.lastOffset = offset;
             piece.entry.size.reset();
-            piece.records = std::exchange(records, std::make_unique<Collected>(piece.entry.path));
+            piece.records = std::exchange(records, std::make_unique<Collected>(piece.entry.path, options_.capture));
             if (!queue_.push(std::exchange(piece, std::move(next)))) return false;
         }
         struct stat info {};
         ::fstat(opened.fd(), &info);
         piece.entry.lastOffset = offset;
+        piece.bytes = offset - pieceStart;
         piece.entry.size = std::int64_t(info.st_size);
         piece.entry.modifiedAt = modificationTime(info);
         piece.records = std::move(records);
@@ -349,15 +464,6 @@ private:
         return next;
     }
 
-    std::string parserStateOf(const QuotaSessionFileRegistryEntry& entry) const {
-        std::string state;
-        registry_.withConnection([&](sqlite::Connection& connection) {
-            state = QuotaUsageEntryStore::parserState(connection, QuotaUsageEntryStore::fileKey(connection, entry));
-        });
-        return state;
-    }
-
-    const QuotaSessionFileRegistry& registry_;
     const QuotaScanOptions& options_;
     const std::string& sourceID_;
     PieceQueue& queue_;
@@ -367,14 +473,45 @@ private:
     JsonLineParser parser_;
 };
 
-// Writes pieces in order: a piece's rows, the parser's state and the file's new position in one
-// transaction. Another scan that moved a file's position in between wins: that piece and the
-// rest of its file are not written.
+// Writes pieces in order: a piece's rows, the parser's state and the file's new position. Pieces
+// are written in batches, one transaction each, so the rows and positions of a whole batch commit
+// together (a scan stopped in between loses the batch and counts none of it twice). Another scan
+// that moved a file's position in between wins: that piece and the rest of its file are skipped.
 class PieceWriter {
 public:
     PieceWriter(const QuotaSessionFileRegistry& registry, QuotaScanSummary& tally) : registry_(registry), tally_(tally) {}
 
-    void write(Piece& piece) {
+    // Writes every piece the queue gives until the reader has finished.
+    void writeAll(PieceQueue& queue) {
+        auto next = queue.pop();
+        while (next) {
+            registry_.inTransaction("import logs", [&](sqlite::Connection& connection) {
+                sqlite::StatementCache statements{connection};
+                if (!checkedEmpty_) {
+                    if (QuotaUsageEntryStore::hasNoEntries(statements)) sinceEmpty_.emplace();
+                    checkedEmpty_ = true;
+                }
+                if (sinceEmpty_) QuotaUsageEntryStore::beginBulkBatch(connection);
+                const auto started = std::chrono::steady_clock::now();
+                for (std::size_t written = 1;; ++written) {
+                    write(statements, *next);
+                    next.reset();
+                    if (written >= kBatchPieces || std::chrono::steady_clock::now() - started >= kBatchTime) break;
+                    if (!(next = queue.pop())) break;
+                }
+                if (sinceEmpty_) QuotaUsageEntryStore::endBulkBatch(connection);
+            });
+            if (!next) next = queue.pop();
+        }
+    }
+
+private:
+    // A batch ends after this many pieces or this long, whichever comes first: few commits, and
+    // little work lost when a scan is stopped.
+    static constexpr std::size_t kBatchPieces = 10000;
+    static constexpr std::chrono::milliseconds kBatchTime{2000};
+
+    void write(sqlite::StatementCache& statements, Piece& piece) {
         Collected& records = *piece.records;
         tally_.linesSkipped += std::int64_t(records.bad_.size());
         for (auto& bad : records.bad_) {
@@ -382,52 +519,63 @@ public:
         }
         if (abandonedPath_ == piece.entry.path) return;
         if (!records.firstSession_.empty()) piece.entry.sessionID = records.firstSession_;
-        const bool written = registry_.inTransaction("import " + piece.entry.providerID, [&](sqlite::Connection& c) {
-            const auto& e = piece.entry;
-            const auto current = QuotaSessionFileRegistry::load(c, e.path, e.sourceID, e.providerID, e.captureMode);
-            if ((current ? std::optional(current->lastOffset) : std::nullopt) != piece.expected) return false;
-            const std::int64_t key = QuotaUsageEntryStore::fileKey(c, e);
-            QuotaUsageEntryStore::Tally forgotten;
-            if (piece.forgetFirst) forgotten = QuotaUsageEntryStore::forgetFile(c, key);
-            const auto added =
-                QuotaUsageEntryStore::record(c, key, records.usage_, records.messages_, e.providerID, records.sessions_);
-            if (records.limits_) QuotaUsageEntryStore::noteRateLimits(c, *records.limits_);
-            QuotaUsageEntryStore::setParserState(c, key, piece.state);
-            QuotaSessionFileRegistry::upsert(c, e);
-            tally_.tokens += forgotten.countedTokens + added.countedTokens;
-            return true;
-        });
-        if (!written) abandonedPath_ = piece.entry.path;
+        const auto& e = piece.entry;
+        if (QuotaSessionFileRegistry::lastOffset(statements, e) != piece.expected) {
+            abandonedPath_ = piece.entry.path;
+            return;
+        }
+        const std::int64_t key = QuotaUsageEntryStore::fileKey(statements, e);
+        QuotaUsageEntryStore::Tally forgotten;
+        if (piece.forgetFirst) forgotten = QuotaUsageEntryStore::forgetFile(statements, key);
+        const auto added =
+            QuotaUsageEntryStore::record(statements, key, records.usage_, records.messages_, e.providerID, records.sessions_,
+                                         sinceEmpty_ ? &*sinceEmpty_ : nullptr);
+        if (records.limits_) QuotaUsageEntryStore::noteRateLimits(statements, *records.limits_);
+        QuotaUsageEntryStore::setParserState(statements, key, piece.state);
+        QuotaSessionFileRegistry::upsert(statements, e);
+        tally_.tokens += forgotten.countedTokens + added.countedTokens;
     }
 
-private:
     const QuotaSessionFileRegistry& registry_;
     QuotaScanSummary& tally_;
     std::string abandonedPath_;
+    // A scan into empty usage entries (the first) looks up only keys it wrote itself; only
+    // scans write the entries, and they hold the scan lock.
+    bool checkedEmpty_ = false;
+    std::optional<QuotaUsageEntryStore::KeysSinceEmpty> sinceEmpty_;
 };
 
-// The stores map up to 256 MiB of each database file into memory for fast reads. A scan
-// touches most pages of the files it fills, so for its length the connections read through
-// the page cache instead: the scan's memory then stays the same whatever the size of the tree
-// and of the stores. The set-up size is restored after.
-class UnmappedWhileImporting {
+// How the connections work for the length of a scan; the set-up values are restored after.
+//  - The stores map up to 256 MiB of each database file into memory for fast reads. A scan
+//    touches most pages of the files it fills, so the connections read through the page cache
+//    instead: the scan's memory then stays the same whatever the size of the tree and stores.
+//  - The registry keeps up to 64 MiB of pages, so that a batch's changes (random places in the
+//    usage indexes) stay in memory until it commits instead of being spilled and written again.
+//  - Statement journals (the undo of one statement inside a batch, which every insert that fires
+//    a trigger needs) are kept in memory instead of in a temporary file.
+class ImportTuning {
 public:
-    UnmappedWhileImporting(const QuotaSessionFileRegistry& registry, const QuotaSessionCatalogStore& catalog)
+    ImportTuning(const QuotaSessionFileRegistry& registry, const QuotaSessionCatalogStore& catalog)
         : registry_(registry), catalog_(catalog) {
         registry_.setMemoryMapLimit(0);
         catalog_.setMemoryMapLimit(0);
-
+        registry_.withConnection([](sqlite::Connection& connection) {
+            connection.exec("PRAGMA cache_size=-65536; PRAGMA temp_store=MEMORY", "set import cache");
+        });
     }
-    ~UnmappedWhileImporting() {
+    ~ImportTuning() {
         try {
             registry_.setMemoryMapLimit(SQLiteConnectionHolder::memoryMapBytes);
             catalog_.setMemoryMapLimit(SQLiteConnectionHolder::memoryMapBytes);
+            registry_.withConnection([](sqlite::Connection& connection) {
+                connection.exec("PRAGMA cache_size=-2000; PRAGMA temp_store=DEFAULT", "reset import cache");
+            });
         } catch (const Error&) {
-            // The connections work unmapped too; only slower reads are at stake.
+            // The connections work as they are too; only speed and memory are at stake.
         }
     }
-    UnmappedWhileImporting(const UnmappedWhileImporting&) = delete;
-    UnmappedWhileImporting& operator=(const UnmappedWhileImporting&) = delete;
+    ImportTuning(const ImportTuning&) = delete;
+    ImportTuning& operator=(const ImportTuning&) = delete;
 
 private:
     const QuotaSessionFileRegistry& registry_;
@@ -488,49 +636,84 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     const QuotaSessionFileRegistry registry{configuration_};
     const QuotaSessionCatalogStore catalog{configuration_};
     const QuotaSessionImportStateStore states{configuration_};
-    const UnmappedWhileImporting unmapped{registry, catalog};
+    const ImportTuning tuning{registry, catalog};
     QuotaScanSummary summary, written;
 
-    std::vector<ToolFiles> tools;
-    std::int64_t total = 0;
+    // The tools' homes are walked beside each other and beside the registry's listing: on an
+    // unchanged tree these are the whole scan.
+    std::vector<std::future<WalkedFiles>> walks;
     for (const auto& tool : codingTools()) {
         const auto given = options.homes.find(tool->provider().id);
-        const auto homes = given != options.homes.end() ? given->second : tool->defaultHomes();
-        std::vector<WalkProblem> problems;
+        auto homes = given != options.homes.end() ? given->second : tool->defaultHomes();
+        walks.push_back(std::async(std::launch::async, [&tool = *tool, homes = std::move(homes)] {
+            WalkedFiles walked;
+            walked.files = findLogFiles(tool, homes, walked.problems);
+            return walked;
+        }));
+    }
+    std::vector<ToolFiles> tools;
+    for (const auto& tool : codingTools()) {
         ToolFiles& files = tools.emplace_back();
         files.tool = tool.get();
-        files.files = findLogFiles(*tool, homes, problems);
         for (auto& entry : registry.list(tool->provider().id, options.capture, sourceID)) {
             files.known.emplace(entry.path, std::move(entry));
         }
-        total += std::int64_t(files.files.size());
-        for (const auto& p : problems) {
+    }
+    std::int64_t total = 0;
+    for (std::size_t i = 0; i < tools.size(); ++i) {
+        auto walked = walks[i].get();
+        tools[i].files = std::move(walked.files);
+        total += std::int64_t(tools[i].files.size());
+        for (const auto& p : walked.problems) {
             if (summary.problems.size() < kMaximumProblems) summary.problems.push_back({p.path.string(), std::nullopt, p.reason});
         }
     }
 
+    loadParserStates(registry, tools);
+    const std::int64_t toRead = bytesToRead(tools);
     PieceQueue queue;
-    std::exception_ptr readFailure;
-    std::thread reader{[&] {
-        try {
-            FileReader{registry, options, sourceID, queue, summary}.readAll(tools, total);
-        } catch (...) {
-            readFailure = std::current_exception();
-        }
-        queue.finish();
-    }};
+    FileList files{tools};
+    ReadProgress progress{options, {0, total, 0, toRead}};
+    const unsigned readerCount = std::clamp(std::thread::hardware_concurrency(), 1u, kMostReaders);
+    std::vector<QuotaScanSummary> read(readerCount);
+    std::vector<std::exception_ptr> readFailures(readerCount);
+    std::atomic<unsigned> reading{readerCount};
+    std::vector<std::thread> readers;
+    for (unsigned r = 0; r < readerCount; ++r) {
+        readers.emplace_back([&, r] {
+            try {
+                FileReader{options, sourceID, configuration_.clock.now(), queue, read[r]}.readAll(files, progress);
+            } catch (...) {
+                readFailures[r] = std::current_exception();
+            }
+            if (--reading == 0) queue.finish();
+        });
+    }
+    const auto joinReaders = [&] {
+        for (auto& reader : readers) reader.join();
+    };
     try {
-        PieceWriter writer{registry, written};
-        while (auto piece = queue.pop()) writer.write(*piece);
+        PieceWriter{registry, written}.writeAll(queue);
     } catch (...) {
         queue.abandon();
         while (queue.pop()) {
         }
-        reader.join();
+        joinReaders();
         throw;
     }
-    reader.join();
-    if (readFailure) std::rethrow_exception(readFailure);
+    joinReaders();
+    for (const auto& failure : readFailures) {
+        if (failure) std::rethrow_exception(failure);
+    }
+    for (auto& tally : read) {
+        summary.filesRead += tally.filesRead;
+        summary.filesUnchanged += tally.filesUnchanged;
+        summary.filesSkipped += tally.filesSkipped;
+        summary.bytesRead += tally.bytesRead;
+        for (auto& p : tally.problems) {
+            if (summary.problems.size() < kMaximumProblems) summary.problems.push_back(std::move(p));
+        }
+    }
 
     QuotaUsageEntryStore{registry}.refreshUsageQuarters();
     summary.tokens = written.tokens;
@@ -538,11 +721,17 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     for (auto& p : written.problems) {
         if (summary.problems.size() < kMaximumProblems) summary.problems.push_back(std::move(p));
     }
-    updateCheckpoints(states, tools, sourceID, options.capture, configuration_.clock.now());
-    const auto published = publishDirtySessions(QuotaUsageEntryStore{registry}, catalog);
+    // A tree just as the registry knows it (every file unchanged, none gone) keeps the
+    // checkpoints saved when it last changed, and a document of every file need not be read.
+    std::size_t known = 0;
+    for (const auto& tool : tools) known += tool.known.size();
+    if (summary.filesUnchanged != total || std::size_t(total) != known) {
+        updateCheckpoints(states, tools, sourceID, options.capture, configuration_.clock.now());
+    }
+    const auto published = publishDirtySessions(QuotaUsageEntryStore{registry}, catalog, options.capture);
     summary.newSessions = published.newSessions;
     summary.updatedSessions = published.updatedSessions;
-    if (options.progress) options.progress(total, total, summary.bytesRead);
+    if (options.progress) options.progress({total, total, summary.bytesRead, std::max(toRead, summary.bytesRead)});
     return summary;
 }
 

@@ -21,14 +21,24 @@
 
 namespace gaugepoint {
 
+// How far a scan is: files done of those found, and bytes read of those the changed files added
+// since the last scan (what is left to read).
+struct QuotaScanProgress {
+    std::int64_t filesDone = 0;
+    std::int64_t filesTotal = 0;
+    std::int64_t bytesRead = 0;
+    std::int64_t bytesToRead = 0;
+};
+
 struct QuotaScanOptions {
     // Home directories per provider id ("claude", "codex", "gemini"); a provider without an
     // entry uses its tool's own (environment variables, else the usual places).
     std::map<std::string, std::vector<std::filesystem::path>> homes;
     // How much text of the messages is kept.
     QuotaSessionContentCaptureMode capture = QuotaSessionContentCaptureMode::metadataOnly;
-    // Called now and then with files done, files to read and bytes read; may be empty.
-    std::function<void(std::int64_t, std::int64_t, std::int64_t)> progress;
+    // Called now and then (on a thread of the scan, one call at a time), and once at the end;
+    // may be empty.
+    std::function<void(const QuotaScanProgress&)> progress;
 };
 
 // A line or file the scan skipped, and why. `offset` is the line's first byte.

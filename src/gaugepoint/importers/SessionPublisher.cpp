@@ -1,6 +1,7 @@
 #include "gaugepoint/importers/SessionPublisher.hpp"
 
 #include <algorithm>
+#include <future>
 
 #include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/platform/Text.hpp"
@@ -8,7 +9,7 @@
 namespace gaugepoint {
 namespace {
 
-constexpr std::size_t kBatch = 200;
+constexpr std::size_t kBatch = 1000;  // sessions per catalogue transaction
 constexpr std::size_t kTitleLength = 80;  // characters
 
 QuotaSessionProviderIdentity providerIdentity(std::string_view providerID) {
@@ -62,60 +63,83 @@ struct Published {
     std::vector<QuotaSessionMessage> messages;
 };
 
-Published build(const QuotaUsageEntryStore& usage, const QuotaUsageEntryStore::SessionKey& key,
-                const std::string& sourceID, const std::string& sourceName) {
-    const auto sessionUsage = usage.sessionUsage(key);
-    const auto messages = usage.sessionMessages(key);
+// Under metadataOnly the store keeps a session's prompts (no text) but not its other messages:
+// the descriptor then counts the prompts and the counted responses, and no message is published.
+Published build(const QuotaUsageEntryStore::SessionKey& key, const QuotaUsageEntryStore::SessionContent& content,
+                const std::string& sourceID, const std::string& sourceName, QuotaSessionContentCaptureMode capture) {
+    const bool metadataOnly = capture == QuotaSessionContentCaptureMode::metadataOnly;
     Published out;
     auto& d = out.descriptor;
     d.id = key.sessionID;
     d.sourceID = sourceID;
     d.sourceName = sourceName;
     d.provider = providerIdentity(key.providerID);
-    d.projectPath = usage.sessionProjectPath(key);
-    d.title = titleOf(messages, d.projectPath, d.provider);
-    d.startedAt = sessionUsage.first;
-    d.endedAt = sessionUsage.last;
-    for (const auto& m : messages) {
-        if (!m.timestamp) continue;
-        if (!d.startedAt || *m.timestamp < *d.startedAt) d.startedAt = m.timestamp;
-        if (!d.endedAt || *m.timestamp > *d.endedAt) d.endedAt = m.timestamp;
+    d.projectPath = content.projectPath;
+    d.title = titleOf(content.messages, d.projectPath, d.provider);
+    d.startedAt = content.usage.first;
+    d.endedAt = content.usage.last;
+    if (content.firstMessage && (!d.startedAt || *content.firstMessage < *d.startedAt)) d.startedAt = content.firstMessage;
+    if (content.lastMessage && (!d.endedAt || *content.lastMessage > *d.endedAt)) d.endedAt = content.lastMessage;
+    d.promptCount = content.prompts;
+    d.messageCount = metadataOnly ? content.prompts : std::int64_t(content.messages.size());
+    for (const auto& model : content.usage.models) {
+        d.tokenUsage += model.tokenUsage;
+        if (metadataOnly) d.messageCount += model.messageCount;
     }
-    d.messageCount = std::int64_t(messages.size());
-    d.promptCount = std::count_if(messages.begin(), messages.end(), [](const auto& m) { return m.isPrompt; });
-    for (const auto& model : sessionUsage.models) d.tokenUsage += model.tokenUsage;
-    d.topModels = sessionUsage.models;
-    out.messages.reserve(messages.size());
-    for (const auto& m : messages) out.messages.push_back(catalogMessage(m));
+    d.topModels = content.usage.models;
+    if (metadataOnly) return out;
+    out.messages.reserve(content.messages.size());
+    for (const auto& m : content.messages) out.messages.push_back(catalogMessage(m));
     return out;
 }
 
 }  // namespace
 
-PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog) {
+PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog,
+                                  QuotaSessionContentCaptureMode capture) {
     PublishTally tally;
     const auto dirty = usage.dirtySessions();
     const std::string sourceID = catalog.configuration().localSourceID();
     const std::string sourceName = catalog.configuration().localSourceName();
+    // A batch is written to the catalogue on a thread of its own while the next one is read from
+    // the registry (another file, another connection). A batch's marks are cleared only once its
+    // writes are in, so a publish stopped in between is finished by the next.
+    std::future<void> writing;
+    std::vector<QuotaUsageEntryStore::SessionKey> writingBatch;
+    const auto finishWriting = [&] {
+        if (!writing.valid()) return;
+        writing.get();
+        usage.clearDirty(writingBatch);
+    };
     for (std::size_t first = 0; first < dirty.size(); first += kBatch) {
-        const std::vector batch(dirty.begin() + long(first), dirty.begin() + long(std::min(first + kBatch, dirty.size())));
+        std::vector batch(dirty.begin() + long(first), dirty.begin() + long(std::min(first + kBatch, dirty.size())));
+        const auto contents = usage.sessionContents(batch, capture != QuotaSessionContentCaptureMode::metadataOnly);
+        std::vector<std::string> ids;
+        for (const auto& key : batch) ids.push_back(key.sessionID);
+        const auto stored = catalog.loadDescriptorsByID(sourceID, ids);
         std::vector<QuotaSessionDescriptor> changed;
         std::vector<std::pair<std::string, std::vector<QuotaSessionMessage>>> messages;
-        for (const auto& key : batch) {
-            auto published = build(usage, key, sourceID, sourceName);
-            const auto stored = catalog.loadDescriptor(sourceID, key.sessionID);
-            if (!stored) {
+        for (std::size_t i = 0; i < batch.size(); ++i) {
+            auto published = build(batch[i], contents[i], sourceID, sourceName, capture);
+            if (!stored[i]) {
                 ++tally.newSessions;
-            } else if (!(*stored == published.descriptor)) {
+            } else if (!(*stored[i] == published.descriptor)) {
                 ++tally.updatedSessions;
             }
-            if (!stored || !(*stored == published.descriptor)) changed.push_back(std::move(published.descriptor));
-            messages.emplace_back(key.sessionID, std::move(published.messages));
+            if (!stored[i] || !(*stored[i] == published.descriptor)) changed.push_back(std::move(published.descriptor));
+            // Under metadataOnly a session new to the catalogue has no messages to replace.
+            if (capture != QuotaSessionContentCaptureMode::metadataOnly || stored[i]) {
+                messages.emplace_back(batch[i].sessionID, std::move(published.messages));
+            }
         }
-        if (!changed.empty()) catalog.upsertBatch(changed, sourceID);
-        catalog.replaceMessagesForSessions(sourceID, messages);
-        usage.clearDirty(batch);
+        finishWriting();
+        writingBatch = std::move(batch);
+        writing = std::async(std::launch::async, [&catalog, &sourceID, changed = std::move(changed), messages = std::move(messages)] {
+            if (!changed.empty()) catalog.upsertBatch(changed, sourceID);
+            if (!messages.empty()) catalog.replaceMessagesForSessions(sourceID, messages);
+        });
     }
+    finishWriting();
     return tally;
 }
 

@@ -19,7 +19,9 @@ struct PublishTally {
 // the catalogue; a publish stopped half way is finished by the next. Descriptors are written
 // under the configuration's local source. A descriptor that did not change is not written, so it
 // keeps its change time. A title is the first line of the first prompt whose text was kept (the
-// capture mode decides), else the project folder's name. Throws the stores' errors.
-PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog);
+// capture mode decides), else the project folder's name. Under metadataOnly no messages are
+// published and a descriptor counts the prompts and counted responses. Throws the stores' errors.
+PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog,
+                                  QuotaSessionContentCaptureMode capture);
 
 }  // namespace gaugepoint

@@ -423,6 +423,22 @@ std::optional<QuotaSessionDescriptor> QuotaSessionCatalogStore::loadDescriptor(s
     });
 }
 
+std::vector<std::optional<QuotaSessionDescriptor>> QuotaSessionCatalogStore::loadDescriptorsByID(
+    std::string_view sourceID, const std::vector<std::string>& ids) const {
+    return runCatalog([&](sqlite::Connection& connection) {
+        sqlite::Statement select{connection, kLoadOne, "prepare loadDescriptor", "execute loadDescriptor"};
+        std::vector<std::optional<QuotaSessionDescriptor>> descriptors;
+        descriptors.reserve(ids.size());
+        for (const auto& id : ids) {
+            select.reset();
+            select.bind(1, sourceID).bind(2, id);
+            auto found = readDescriptors(select);
+            descriptors.push_back(found.empty() ? std::nullopt : std::optional(std::move(found.front())));
+        }
+        return descriptors;
+    });
+}
+
 std::vector<QuotaSessionDescriptorKey> QuotaSessionCatalogStore::loadDescriptorRowIDs(
     const std::optional<std::string>& sourceID) const {
     return runCatalog([&](sqlite::Connection& connection) {

@@ -57,6 +57,9 @@ public:
     std::vector<QuotaSessionDescriptor> loadAllDescriptors(const std::optional<std::string>& sourceID = std::nullopt) const;
     // One descriptor by identity; none when absent. Throws.
     std::optional<QuotaSessionDescriptor> loadDescriptor(std::string_view sourceID, std::string_view id) const;
+    // The descriptors of `ids` of one source, in the order asked (none where there is none).
+    std::vector<std::optional<QuotaSessionDescriptor>> loadDescriptorsByID(std::string_view sourceID,
+                                                                         const std::vector<std::string>& ids) const;
     std::vector<QuotaSessionDescriptorKey> loadDescriptorRowIDs(const std::optional<std::string>& sourceID = std::nullopt) const;
     // Descriptors updated after `updatedAfter`, newest first, at most `limit`. Throws.
     std::vector<QuotaSessionDescriptor> descriptorsSince(Date updatedAfter, std::int64_t limit) const;

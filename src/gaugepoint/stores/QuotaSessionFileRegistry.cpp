@@ -8,6 +8,7 @@
 #include "gaugepoint/platform/InputFile.hpp"
 #include "gaugepoint/platform/Json.hpp"
 #include "gaugepoint/stores/QuotaUsageEntryStore.hpp"
+#include "gaugepoint/stores/SQLiteStatementCache.hpp"
 
 namespace gaugepoint {
 namespace {
@@ -63,6 +64,10 @@ constexpr const char* kColumns =
 const std::string kLoad = std::string(kColumns) +
                           "\nWHERE path = ? AND provider_id = ? AND capture_mode = ?\n  AND (? IS NULL OR source_id = ?)\n"
                           "LIMIT 1";
+// By the whole key: with the source left open (as load() allows) the planner walks the
+// provider's index, every entry of the provider per lookup.
+constexpr const char* kLastOffset =
+    "SELECT last_offset FROM session_file_registry\nWHERE path = ? AND source_id = ? AND provider_id = ? AND capture_mode = ?";
 constexpr const char* kOrder = "\nORDER BY updated_at DESC, path ASC, capture_mode ASC";
 constexpr const char* kUpsert =
     "INSERT INTO session_file_registry (\n    path,\n    source_id,\n    provider_id,\n    capture_mode,\n"
@@ -176,6 +181,16 @@ std::optional<QuotaSessionFileRegistryEntry> QuotaSessionFileRegistry::load(sqli
     return entryFromRow(select);
 }
 
+std::optional<std::int64_t> QuotaSessionFileRegistry::lastOffset(sqlite::StatementCache& statements,
+                                                                 const QuotaSessionFileRegistryEntry& entry) {
+    auto& select = statements.get(kLastOffset, "prepare last offset", "execute last offset");
+    select.bind(1, entry.path).bind(2, entry.sourceID).bind(3, entry.providerID).bind(4, json::rawValue(entry.captureMode));
+    std::optional<std::int64_t> offset;
+    if (select.step()) offset = select.integer(0);
+    select.reset();
+    return offset;
+}
+
 std::optional<QuotaSessionFileRegistryEntry> QuotaSessionFileRegistry::load(std::string_view path,
                                                                            const std::optional<std::string>& sourceID,
                                                                            std::string_view providerID,
@@ -205,7 +220,12 @@ std::vector<QuotaSessionFileRegistryEntry> QuotaSessionFileRegistry::list(
 }
 
 void QuotaSessionFileRegistry::upsert(sqlite::Connection& connection, const QuotaSessionFileRegistryEntry& entry) {
-    sqlite::Statement upsert{connection, kUpsert, "prepare upsert", "execute upsert"};
+    sqlite::StatementCache statements{connection};
+    upsert(statements, entry);
+}
+
+void QuotaSessionFileRegistry::upsert(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry) {
+    auto& upsert = statements.get(kUpsert, "prepare upsert", "execute upsert");
     upsert.bind(1, entry.path).bind(2, entry.sourceID).bind(3, entry.providerID).bind(4, json::rawValue(entry.captureMode));
     upsert.bind(5, entry.sessionID).bind(6, entry.fileIdentifier);
     if (entry.size) {

@@ -11,6 +11,7 @@
 
 #include "gaugepoint/model/QuotaSessionImportRecords.hpp"
 #include "gaugepoint/platform/Error.hpp"
+#include "gaugepoint/stores/SQLiteStatementCache.hpp"
 #include "gaugepoint/stores/SQLiteStore.hpp"
 
 namespace gaugepoint {
@@ -96,6 +97,11 @@ public:
                                                              const std::optional<std::string>& sourceID,
                                                              std::string_view providerID,
                                                              QuotaSessionContentCaptureMode captureMode);
+    // For many entries in one transaction, with statements kept in `statements`: the upsert, and
+    // the position stored for the file an entry names (path, source, provider and mode), if any.
+    static void upsert(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry);
+    static std::optional<std::int64_t> lastOffset(sqlite::StatementCache& statements,
+                                                  const QuotaSessionFileRegistryEntry& entry);
 
 private:
     template <class Operation>

@@ -95,7 +95,8 @@ constexpr const char* kQuarterSchema =
     "    cache_write_tokens INTEGER NOT NULL,\n"
     "    cost_usd REAL,\n"
     "    PRIMARY KEY (quarter, provider_id, model, reported)\n"
-    ") WITHOUT ROWID;\n"
+    ") WITHOUT ROWID;";
+constexpr const char* kQuarterTriggers =
     "CREATE TRIGGER IF NOT EXISTS usage_entries_counted_insert AFTER INSERT ON usage_entries\n"
     "WHEN NEW.counted = 1 BEGIN\n"
     "    INSERT OR IGNORE INTO usage_dirty_quarters (quarter) VALUES (" GP_QUARTER("NEW.") ");\n"
@@ -109,7 +110,11 @@ constexpr const char* kQuarterSchema =
     "WHEN OLD.counted = 1 BEGIN\n"
     "    INSERT OR IGNORE INTO usage_dirty_quarters (quarter) VALUES (" GP_QUARTER("OLD.") ");\n"
     "END;";
-// Rows written before the quarter sums existed.
+constexpr const char* kDropQuarterTriggers =
+    "DROP TRIGGER IF EXISTS usage_entries_counted_insert;\n"
+    "DROP TRIGGER IF EXISTS usage_entries_counted_update;\n"
+    "DROP TRIGGER IF EXISTS usage_entries_counted_delete;";
+// Rows written before the quarter sums existed, or while the triggers were off.
 constexpr const char* kNoteAllQuarters =
     "INSERT OR IGNORE INTO usage_dirty_quarters (quarter)\n"
     "SELECT DISTINCT " GP_QUARTER("") " FROM usage_entries WHERE counted = 1";
@@ -136,8 +141,11 @@ constexpr const char* kFindFile =
 constexpr const char* kAddFile =
     "INSERT INTO import_files (path, source_id, provider_id, capture_mode) VALUES (?, ?, ?, ?)";
 constexpr const char* kParserState = "SELECT parser_state FROM import_files WHERE file_key = ?";
+constexpr const char* kParserStateOfFile =
+    "SELECT parser_state FROM import_files WHERE path = ? AND source_id = ? AND provider_id = ? AND capture_mode = ?";
 constexpr const char* kSetParserState = "UPDATE import_files SET parser_state = ? WHERE file_key = ?";
 
+constexpr const char* kAnyEntry = "SELECT 1 FROM usage_entries LIMIT 1";
 constexpr const char* kCountedRow =
     "SELECT id, file_key, output_tokens,\n"
     "       input_tokens + output_tokens + cache_read_tokens + cache_write_tokens\n"
@@ -198,13 +206,13 @@ std::int64_t total(const QuotaSessionTokenUsage& t) {
 
 // The statements of one write, prepared once for all its rows.
 struct EntryWriter {
-    sqlite::Connection& connection;
-    sqlite::Statement counted{connection, kCountedRow, "prepare usage lookup", "execute usage lookup"};
-    sqlite::Statement own{connection, kOwnRow, "prepare usage lookup", "execute usage lookup"};
-    sqlite::Statement insert{connection, kInsertEntry, "prepare usage insert", "execute usage insert"};
-    sqlite::Statement update{connection, kUpdateEntry, "prepare usage update", "execute usage update"};
-    sqlite::Statement best{connection, kBestRow, "prepare usage recount", "execute usage recount"};
-    sqlite::Statement setCounted{connection, kSetCounted, "prepare usage recount", "execute usage recount"};
+    sqlite::StatementCache& statements;
+    sqlite::Statement& counted = statements.get(kCountedRow, "prepare usage lookup", "execute usage lookup");
+    sqlite::Statement& own = statements.get(kOwnRow, "prepare usage lookup", "execute usage lookup");
+    sqlite::Statement& insert = statements.get(kInsertEntry, "prepare usage insert", "execute usage insert");
+    sqlite::Statement& update = statements.get(kUpdateEntry, "prepare usage update", "execute usage update");
+    sqlite::Statement& best = statements.get(kBestRow, "prepare usage recount", "execute usage recount");
+    sqlite::Statement& setCounted = statements.get(kSetCounted, "prepare usage recount", "execute usage recount");
 
     void bindValues(sqlite::Statement& s, int first, const QuotaUsageEntry& e) {
         s.bind(first, e.sessionID).bind(first + 1, secondsSince1970(e.timestamp)).bind(first + 2, e.model);
@@ -242,12 +250,15 @@ struct EntryWriter {
         return tokens - (was ? was->second : 0);
     }
 
-    QuotaUsageEntryStore::Tally write(std::int64_t fileKey, const QuotaUsageEntry& e) {
-        counted.reset();
-        counted.bind(1, e.providerID).bind(2, e.dedupKey);
+    QuotaUsageEntryStore::Tally write(std::int64_t fileKey, const QuotaUsageEntry& e,
+                                      QuotaUsageEntryStore::KeysSinceEmpty* sinceEmpty) {
         std::optional<std::pair<std::int64_t, std::int64_t>> was;  // counted row: id, tokens
-        if (counted.step()) was = std::pair{counted.integer(0), counted.integer(3)};
-        counted.reset();
+        if (!sinceEmpty || sinceEmpty->mayExist(e.providerID, e.dedupKey)) {
+            counted.reset();
+            counted.bind(1, e.providerID).bind(2, e.dedupKey);
+            if (counted.step()) was = std::pair{counted.integer(0), counted.integer(3)};
+            counted.reset();
+        }
         if (!was) {  // the common case: a response seen for the first time
             insertRow(fileKey, e, true);
             return {total(e.tokens), 1};
@@ -317,7 +328,17 @@ void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
         hadQuarters = exists.step();
     }
     connection.exec(kQuarterSchema, "ensure usage quarters");
+    connection.exec(kQuarterTriggers, "ensure usage quarters");
     if (!hadQuarters) connection.exec(kNoteAllQuarters, "ensure usage quarters");
+}
+
+void QuotaUsageEntryStore::beginBulkBatch(sqlite::Connection& connection) {
+    connection.exec(kDropQuarterTriggers, "begin bulk import");
+}
+
+void QuotaUsageEntryStore::endBulkBatch(sqlite::Connection& connection) {
+    connection.exec(kNoteAllQuarters, "end bulk import");
+    connection.exec(kQuarterTriggers, "end bulk import");
 }
 
 void QuotaUsageEntryStore::refreshUsageQuarters() const {
@@ -338,31 +359,58 @@ void QuotaUsageEntryStore::refreshUsageQuarters() const {
     });
 }
 
-std::int64_t QuotaUsageEntryStore::fileKey(sqlite::Connection& connection, const QuotaSessionFileRegistryEntry& entry) {
+std::int64_t QuotaUsageEntryStore::fileKey(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry) {
     const auto bindKey = [&](sqlite::Statement& s) {
         s.bind(1, entry.path).bind(2, entry.sourceID).bind(3, entry.providerID).bind(4, json::rawValue(entry.captureMode));
     };
-    sqlite::Statement find{connection, kFindFile, "prepare file key", "execute file key"};
+    auto& find = statements.get(kFindFile, "prepare file key", "execute file key");
     bindKey(find);
-    if (find.step()) return find.integer(0);
-    sqlite::Statement add{connection, kAddFile, "prepare file key", "execute file key"};
+    if (find.step()) {
+        const std::int64_t key = find.integer(0);
+        find.reset();
+        return key;
+    }
+    auto& add = statements.get(kAddFile, "prepare file key", "execute file key");
     bindKey(add);
     add.run();
-    return connection.lastInsertRowID();
+    return statements.connection().lastInsertRowID();
 }
 
-std::string QuotaUsageEntryStore::parserState(sqlite::Connection& connection, std::int64_t fileKey) {
-    sqlite::Statement select{connection, kParserState, "prepare parser state", "execute parser state"};
+bool QuotaUsageEntryStore::KeysSinceEmpty::mayExist(std::string_view providerID, std::string_view dedupKey) {
+    const std::uint64_t hash =
+        std::hash<std::string_view>{}(dedupKey) * 0x9E3779B97F4A7C15ULL ^ std::hash<std::string_view>{}(providerID);
+    return !written_.insert(hash).second;
+}
+
+bool QuotaUsageEntryStore::hasNoEntries(sqlite::StatementCache& statements) {
+    auto& any = statements.get(kAnyEntry, "prepare usage lookup", "execute usage lookup");
+    const bool none = !any.step();
+    any.reset();
+    return none;
+}
+
+std::string QuotaUsageEntryStore::parserState(sqlite::StatementCache& statements, std::int64_t fileKey) {
+    auto& select = statements.get(kParserState, "prepare parser state", "execute parser state");
     select.bind(1, fileKey);
-    return select.step() ? std::string(select.text(0).value_or("")) : std::string();
+    std::string state = select.step() ? std::string(select.text(0).value_or("")) : std::string();
+    select.reset();
+    return state;
 }
 
-void QuotaUsageEntryStore::setParserState(sqlite::Connection& connection, std::int64_t fileKey, std::string_view state) {
-    sqlite::Statement update{connection, kSetParserState, "prepare parser state", "execute parser state"};
+std::string QuotaUsageEntryStore::parserState(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry) {
+    auto& select = statements.get(kParserStateOfFile, "prepare parser state", "execute parser state");
+    select.bind(1, entry.path).bind(2, entry.sourceID).bind(3, entry.providerID).bind(4, json::rawValue(entry.captureMode));
+    std::string state = select.step() ? std::string(select.text(0).value_or("")) : std::string();
+    select.reset();
+    return state;
+}
+
+void QuotaUsageEntryStore::setParserState(sqlite::StatementCache& statements, std::int64_t fileKey, std::string_view state) {
+    auto& update = statements.get(kSetParserState, "prepare parser state", "execute parser state");
     update.bind(1, state).bind(2, fileKey).run();
 }
 
-QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::Connection& connection, std::int64_t fileKey) {
+QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::StatementCache& statements, std::int64_t fileKey) {
     struct Gone {
         std::string provider, key, session;
         bool counted;
@@ -370,7 +418,7 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::Connection&
     };
     std::vector<Gone> gone;
     {
-        sqlite::Statement select{connection, kFileEntries, "prepare forget file", "execute forget file"};
+        auto& select = statements.get(kFileEntries, "prepare forget file", "execute forget file");
         select.bind(1, fileKey);
         while (select.step()) {
             gone.push_back({std::string(select.text(0).value_or("")), std::string(select.text(1).value_or("")),
@@ -379,16 +427,14 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::Connection&
     }
     std::set<std::pair<std::string, std::string>> sessions;
     {
-        sqlite::Statement select{connection, kFileMessageSessions, "prepare forget file", "execute forget file"};
+        auto& select = statements.get(kFileMessageSessions, "prepare forget file", "execute forget file");
         select.bind(1, fileKey);
         while (select.step()) sessions.emplace(select.text(0).value_or(""), select.text(1).value_or(""));
     }
-    sqlite::Statement deleteEntries{connection, kDeleteFileEntries, "prepare forget file", "execute forget file"};
-    deleteEntries.bind(1, fileKey).run();
-    sqlite::Statement deleteMessages{connection, kDeleteFileMessages, "prepare forget file", "execute forget file"};
-    deleteMessages.bind(1, fileKey).run();
+    statements.get(kDeleteFileEntries, "prepare forget file", "execute forget file").bind(1, fileKey).run();
+    statements.get(kDeleteFileMessages, "prepare forget file", "execute forget file").bind(1, fileKey).run();
 
-    EntryWriter writer{connection};
+    EntryWriter writer{statements};
     Tally tally;
     for (const auto& g : gone) {
         sessions.emplace(g.provider, g.session);
@@ -398,28 +444,28 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::Connection&
         key.dedupKey = g.key;
         tally.countedTokens += writer.recount(key, std::pair{std::int64_t{-1}, g.tokens});
     }
-    sqlite::Statement mark{connection, kMarkDirty, "prepare mark session", "execute mark session"};
+    auto& mark = statements.get(kMarkDirty, "prepare mark session", "execute mark session");
     for (const auto& [provider, session] : sessions) markDirty(mark, provider, session);
     return tally;
 }
 
 QuotaUsageEntryStore::Tally QuotaUsageEntryStore::record(
-    sqlite::Connection& connection, std::int64_t fileKey, const std::vector<QuotaUsageEntry>& usage,
+    sqlite::StatementCache& statements, std::int64_t fileKey, const std::vector<QuotaUsageEntry>& usage,
     const std::vector<QuotaImportedMessage>& messages, std::string_view providerID,
-    const std::vector<std::pair<std::string, std::string>>& sessionProjects) {
+    const std::vector<std::pair<std::string, std::string>>& sessionProjects, KeysSinceEmpty* sinceEmpty) {
     Tally tally;
     std::set<std::string> sessions;
     if (!usage.empty()) {
-        EntryWriter writer{connection};
+        EntryWriter writer{statements};
         for (const auto& e : mergedUsage(usage)) {
-            const Tally t = writer.write(fileKey, e);
+            const Tally t = writer.write(fileKey, e, sinceEmpty);
             tally.countedTokens += t.countedTokens;
             tally.countedEntries += t.countedEntries;
             sessions.insert(e.sessionID);
         }
     }
     if (!messages.empty()) {
-        sqlite::Statement upsert{connection, kUpsertMessage, "prepare message insert", "execute message insert"};
+        auto& upsert = statements.get(kUpsertMessage, "prepare message insert", "execute message insert");
         for (const auto& m : messages) {
             upsert.reset();
             upsert.bind(1, fileKey).bind(2, providerID).bind(3, m.sessionID).bind(4, m.messageKey);
@@ -436,7 +482,7 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::record(
         }
     }
     if (!sessionProjects.empty()) {
-        sqlite::Statement upsert{connection, kUpsertSession, "prepare session insert", "execute session insert"};
+        auto& upsert = statements.get(kUpsertSession, "prepare session insert", "execute session insert");
         for (const auto& [session, project] : sessionProjects) {
             upsert.reset();
             upsert.bind(1, providerID).bind(2, session);
@@ -448,16 +494,18 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::record(
             upsert.run();
         }
     }
-    sqlite::Statement mark{connection, kMarkDirty, "prepare mark session", "execute mark session"};
+    auto& mark = statements.get(kMarkDirty, "prepare mark session", "execute mark session");
     for (const auto& session : sessions) markDirty(mark, providerID, session);
     return tally;
 }
 
-void QuotaUsageEntryStore::noteRateLimits(sqlite::Connection& connection, const QuotaObservedRateLimits& limits) {
-    sqlite::Statement stored{connection, kStoredLimits, "prepare rate limits", "execute rate limits"};
+void QuotaUsageEntryStore::noteRateLimits(sqlite::StatementCache& statements, const QuotaObservedRateLimits& limits) {
+    auto& stored = statements.get(kStoredLimits, "prepare rate limits", "execute rate limits");
     stored.bind(1, limits.providerID);
-    if (stored.step() && stored.real(0) >= secondsSince1970(limits.observedAt)) return;
-    sqlite::Statement set{connection, kSetLimits, "prepare rate limits", "execute rate limits"};
+    const bool newer = !stored.step() || stored.real(0) < secondsSince1970(limits.observedAt);
+    stored.reset();
+    if (!newer) return;
+    auto& set = statements.get(kSetLimits, "prepare rate limits", "execute rate limits");
     set.bind(1, limits.providerID).bind(2, secondsSince1970(limits.observedAt)).bind(3, json::encode(limits)).run();
 }
 
@@ -484,80 +532,128 @@ void QuotaUsageEntryStore::clearDirty(const std::vector<SessionKey>& sessions) c
     });
 }
 
-QuotaUsageEntryStore::SessionUsage QuotaUsageEntryStore::sessionUsage(const SessionKey& session) const {
-    SessionUsage result;
-    registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::Statement select{
-            connection,
-            "SELECT model, COUNT(*), SUM(input_tokens), SUM(output_tokens), SUM(cache_read_tokens),\n"
-            "       SUM(cache_write_tokens), SUM(cost_usd), MIN(timestamp), MAX(timestamp)\n"
-            "FROM usage_entries WHERE provider_id = ? AND session_id = ? AND counted = 1\nGROUP BY model",
-            "prepare session usage", "execute session usage"};
-        select.bind(1, session.providerID).bind(2, session.sessionID);
-        while (select.step()) {
-            QuotaSessionModelUsageSummary model;
-            model.id = std::string(select.text(0).value_or(""));
-            model.displayName = model.id;
-            model.sessionCount = 1;
-            model.messageCount = select.integer(1);
-            model.tokenUsage = {select.integer(2), select.integer(3), select.integer(4), select.integer(5), std::nullopt};
-            if (!select.isNull(6)) model.tokenUsage.exactCostUSD = select.real(6);
-            result.models.push_back(std::move(model));
-            const Date first = dateFromSeconds(select.real(7)), last = dateFromSeconds(select.real(8));
-            if (!result.first || first < *result.first) result.first = first;
-            if (!result.last || last > *result.last) result.last = last;
-        }
-    });
+namespace {
+
+constexpr const char* kSessionUsage =
+    "SELECT model, COUNT(*), SUM(input_tokens), SUM(output_tokens), SUM(cache_read_tokens),\n"
+    "       SUM(cache_write_tokens), SUM(cost_usd), MIN(timestamp), MAX(timestamp)\n"
+    "FROM usage_entries WHERE provider_id = ? AND session_id = ? AND counted = 1\nGROUP BY model";
+// One row per message key: copies of a message in other files (or read under another capture
+// mode) are left out, a copy that kept text winning over one that did not.
+constexpr const char* kSessionMessages =
+    "SELECT message_key, timestamp, role, model, input_tokens, output_tokens, cache_read_tokens,\n"
+    "       cache_write_tokens, is_prompt, text FROM (\n"
+    "    SELECT *, ROW_NUMBER() OVER (PARTITION BY message_key ORDER BY text IS NULL, id) AS copy\n"
+    "    FROM import_messages WHERE provider_id = ? AND session_id = ?\n"
+    ") WHERE copy = 1\nORDER BY timestamp IS NULL, timestamp, id";
+constexpr const char* kSessionMessageSpan =
+    "SELECT COUNT(DISTINCT CASE WHEN is_prompt = 1 THEN message_key END), MIN(timestamp), MAX(timestamp)\n"
+    "FROM import_messages WHERE provider_id = ? AND session_id = ?";
+constexpr const char* kSessionProject = "SELECT project_path FROM import_sessions WHERE provider_id = ? AND session_id = ?";
+
+QuotaUsageEntryStore::SessionUsage readSessionUsage(sqlite::StatementCache& statements,
+                                                    const QuotaUsageEntryStore::SessionKey& session) {
+    QuotaUsageEntryStore::SessionUsage result;
+    auto& select = statements.get(kSessionUsage, "prepare session usage", "execute session usage");
+    select.bind(1, session.providerID).bind(2, session.sessionID);
+    while (select.step()) {
+        QuotaSessionModelUsageSummary model;
+        model.id = std::string(select.text(0).value_or(""));
+        model.displayName = model.id;
+        model.sessionCount = 1;
+        model.messageCount = select.integer(1);
+        model.tokenUsage = {select.integer(2), select.integer(3), select.integer(4), select.integer(5), std::nullopt};
+        if (!select.isNull(6)) model.tokenUsage.exactCostUSD = select.real(6);
+        result.models.push_back(std::move(model));
+        const Date first = dateFromSeconds(select.real(7)), last = dateFromSeconds(select.real(8));
+        if (!result.first || first < *result.first) result.first = first;
+        if (!result.last || last > *result.last) result.last = last;
+    }
     std::stable_sort(result.models.begin(), result.models.end(), [](const auto& a, const auto& b) {
         return a.tokenUsage.totalTokens() > b.tokenUsage.totalTokens();
     });
     return result;
 }
 
-std::vector<QuotaImportedMessage> QuotaUsageEntryStore::sessionMessages(const SessionKey& session) const {
+std::vector<QuotaImportedMessage> readSessionMessages(sqlite::StatementCache& statements,
+                                                      const QuotaUsageEntryStore::SessionKey& session) {
     std::vector<QuotaImportedMessage> messages;
-    registry_.withConnection([&](sqlite::Connection& connection) {
-        // One row per message key: copies of a message in other files (or read under another
-        // capture mode) are left out, a copy that kept text winning over one that did not.
-        sqlite::Statement select{
-            connection,
-            "SELECT message_key, timestamp, role, model, input_tokens, output_tokens, cache_read_tokens,\n"
-            "       cache_write_tokens, is_prompt, text FROM (\n"
-            "    SELECT *, ROW_NUMBER() OVER (PARTITION BY message_key ORDER BY text IS NULL, id) AS copy\n"
-            "    FROM import_messages WHERE provider_id = ? AND session_id = ?\n"
-            ") WHERE copy = 1\nORDER BY timestamp IS NULL, timestamp, id",
-            "prepare session messages", "execute session messages"};
-        select.bind(1, session.providerID).bind(2, session.sessionID);
-        while (select.step()) {
-            QuotaImportedMessage m;
-            m.sessionID = session.sessionID;
-            m.messageKey = std::string(select.text(0).value_or(""));
-            m.timestamp = sqlite::optionalDate(select, 1);
-            const std::string role{select.text(2).value_or("meta")};
-            if (!boost::describe::enum_from_string(role.c_str(), m.role)) m.role = QuotaSessionRole::meta;
-            m.model = sqlite::optionalText(select, 3);
-            if (!select.isNull(5) && select.integer(5) >= 0) {
-                m.tokenUsage = QuotaSessionTokenUsage{select.integer(4), select.integer(5), select.integer(6),
-                                                      select.integer(7), std::nullopt};
-            }
-            m.isPrompt = select.integer(8) != 0;
-            m.text = sqlite::optionalText(select, 9);
-            messages.push_back(std::move(m));
+    auto& select = statements.get(kSessionMessages, "prepare session messages", "execute session messages");
+    select.bind(1, session.providerID).bind(2, session.sessionID);
+    while (select.step()) {
+        QuotaImportedMessage m;
+        m.sessionID = session.sessionID;
+        m.messageKey = std::string(select.text(0).value_or(""));
+        m.timestamp = sqlite::optionalDate(select, 1);
+        const std::string role{select.text(2).value_or("meta")};
+        if (!boost::describe::enum_from_string(role.c_str(), m.role)) m.role = QuotaSessionRole::meta;
+        m.model = sqlite::optionalText(select, 3);
+        if (!select.isNull(5) && select.integer(5) >= 0) {
+            m.tokenUsage = QuotaSessionTokenUsage{select.integer(4), select.integer(5), select.integer(6),
+                                                  select.integer(7), std::nullopt};
         }
-    });
+        m.isPrompt = select.integer(8) != 0;
+        m.text = sqlite::optionalText(select, 9);
+        messages.push_back(std::move(m));
+    }
     return messages;
 }
 
-std::optional<std::string> QuotaUsageEntryStore::sessionProjectPath(const SessionKey& session) const {
+std::optional<std::string> readSessionProject(sqlite::StatementCache& statements,
+                                              const QuotaUsageEntryStore::SessionKey& session) {
+    auto& select = statements.get(kSessionProject, "prepare session project", "execute session project");
+    select.bind(1, session.providerID).bind(2, session.sessionID);
     std::optional<std::string> path;
-    registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection,
-                                 "SELECT project_path FROM import_sessions WHERE provider_id = ? AND session_id = ?",
-                                 "prepare session project", "execute session project"};
-        select.bind(1, session.providerID).bind(2, session.sessionID);
-        if (select.step()) path = sqlite::optionalText(select, 0);
-    });
+    if (select.step()) path = sqlite::optionalText(select, 0);
+    select.reset();
     return path;
+}
+
+}  // namespace
+
+QuotaUsageEntryStore::SessionUsage QuotaUsageEntryStore::sessionUsage(const SessionKey& session) const {
+    return sessionContents({session}).front().usage;
+}
+
+std::vector<QuotaImportedMessage> QuotaUsageEntryStore::sessionMessages(const SessionKey& session) const {
+    return std::move(sessionContents({session}).front().messages);
+}
+
+std::optional<std::string> QuotaUsageEntryStore::sessionProjectPath(const SessionKey& session) const {
+    return sessionContents({session}).front().projectPath;
+}
+
+std::vector<QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::sessionContents(
+    const std::vector<SessionKey>& sessions, bool withMessages) const {
+    std::vector<SessionContent> contents;
+    contents.reserve(sessions.size());
+    registry_.withConnection([&](sqlite::Connection& connection) {
+        sqlite::StatementCache statements{connection};
+        for (const auto& session : sessions) {
+            SessionContent& content = contents.emplace_back();
+            content.usage = readSessionUsage(statements, session);
+            content.projectPath = readSessionProject(statements, session);
+            if (withMessages) {
+                content.messages = readSessionMessages(statements, session);
+                for (const auto& m : content.messages) {
+                    content.prompts += m.isPrompt ? 1 : 0;
+                    if (!m.timestamp) continue;
+                    if (!content.firstMessage || *m.timestamp < *content.firstMessage) content.firstMessage = m.timestamp;
+                    if (!content.lastMessage || *m.timestamp > *content.lastMessage) content.lastMessage = m.timestamp;
+                }
+                continue;
+            }
+            auto& span = statements.get(kSessionMessageSpan, "prepare session messages", "execute session messages");
+            span.bind(1, session.providerID).bind(2, session.sessionID);
+            if (span.step()) {
+                content.prompts = span.integer(0);
+                content.firstMessage = sqlite::optionalDate(span, 1);
+                content.lastMessage = sqlite::optionalDate(span, 2);
+            }
+            span.reset();
+        }
+    });
+    return contents;
 }
 
 namespace {

@@ -4,7 +4,8 @@
 // transaction as the registry entry that says how far their file was read:
 //   usage_entries    one row per file and counted response; of the rows that share a response
 //                    (a dedup key) exactly one is counted, the one with the most output tokens;
-//   import_messages  one row per file and message, with text only as the capture mode allows;
+//   import_messages  one row per file and message, with text only as the capture mode allows
+//                    (the importer keeps only the prompts, without text, under metadataOnly);
 //   import_sessions  where each session ran; import_dirty_sessions, sessions whose catalogue
 //                    descriptor is behind; import_rate_limits, the newest limits per provider;
 //   import_files     an integer key and the parser's state (Codex running totals) per file.
@@ -13,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "gaugepoint/model/QuotaSessionDescriptor.hpp"
@@ -29,13 +31,15 @@ public:
     // Creates the tables and indexes (part of the registry file's set-up).
     static void ensureSchema(sqlite::Connection& connection);
 
-    // ---- writes, inside one registry transaction ----
+    // ---- writes, inside one registry transaction, with statements kept for the transaction ----
 
     // The integer key of the file an entry describes, made on first use.
-    static std::int64_t fileKey(sqlite::Connection& connection, const QuotaSessionFileRegistryEntry& entry);
+    static std::int64_t fileKey(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry);
     // The parser's state for the file ("" at first), and its replacement.
-    static std::string parserState(sqlite::Connection& connection, std::int64_t fileKey);
-    static void setParserState(sqlite::Connection& connection, std::int64_t fileKey, std::string_view state);
+    static std::string parserState(sqlite::StatementCache& statements, std::int64_t fileKey);
+    // The parser's state of the file an entry describes, "" when it has none; writes nothing.
+    static std::string parserState(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry);
+    static void setParserState(sqlite::StatementCache& statements, std::int64_t fileKey, std::string_view state);
 
     // What writes changed: counted tokens added (negative when a forgotten file took some away).
     struct Tally {
@@ -44,15 +48,37 @@ public:
     };
     // Removes what the file contributed. A response it shared with other files is then counted
     // from the best of those. The sessions it touched are marked behind.
-    static Tally forgetFile(sqlite::Connection& connection, std::int64_t fileKey);
+    static Tally forgetFile(sqlite::StatementCache& statements, std::int64_t fileKey);
+    // The dedup keys written since the usage entries were found empty: a key not among them
+    // needs no lookup (the first import of a history writes most responses once). Kept as
+    // hashes, so a collision costs a lookup and never a wrong count. Not for concurrent use.
+    class KeysSinceEmpty {
+    public:
+        // Whether a row of the key may exist; remembers the key as written.
+        bool mayExist(std::string_view providerID, std::string_view dedupKey);
+
+    private:
+        std::unordered_set<std::uint64_t> written_;
+    };
+    // Whether there are no usage entries at all.
+    static bool hasNoEntries(sqlite::StatementCache& statements);
+    // For batches of a first import into empty entries, inside each batch's transaction: the
+    // per-row triggers that note changed quarter hours are off from begin to end, and end notes
+    // every quarter with counted entries (all there are, the sums being empty until the scan
+    // refreshes them) and restores the triggers, so every committed state is whole.
+    static void beginBulkBatch(sqlite::Connection& connection);
+    static void endBulkBatch(sqlite::Connection& connection);
+
     // Records one read of the file: usage entries (the same key twice keeps the most output),
     // messages (the same key twice joins their texts), and where sessions ran. Marks the
-    // sessions behind.
-    static Tally record(sqlite::Connection& connection, std::int64_t fileKey, const std::vector<QuotaUsageEntry>& usage,
+    // sessions behind. `sinceEmpty`, when given, must hold every key written since the entries
+    // were empty.
+    static Tally record(sqlite::StatementCache& statements, std::int64_t fileKey, const std::vector<QuotaUsageEntry>& usage,
                         const std::vector<QuotaImportedMessage>& messages, std::string_view providerID,
-                        const std::vector<std::pair<std::string, std::string>>& sessionProjects);
+                        const std::vector<std::pair<std::string, std::string>>& sessionProjects,
+                        KeysSinceEmpty* sinceEmpty = nullptr);
     // Keeps `limits` when they are newer than those stored for the provider.
-    static void noteRateLimits(sqlite::Connection& connection, const QuotaObservedRateLimits& limits);
+    static void noteRateLimits(sqlite::StatementCache& statements, const QuotaObservedRateLimits& limits);
 
     // ---- reads; each throws QuotaSessionFileRegistryError ----
 
@@ -76,6 +102,17 @@ public:
     // A session's messages, each once, in time order.
     std::vector<QuotaImportedMessage> sessionMessages(const SessionKey& session) const;
     std::optional<std::string> sessionProjectPath(const SessionKey& session) const;
+    // What the catalogue is written from, for each session, read in one go: its usage, project
+    // and messages. Without `withMessages` the messages are only counted: the prompts (each
+    // once) and the span of their times.
+    struct SessionContent {
+        SessionUsage usage;
+        std::vector<QuotaImportedMessage> messages;  // with `withMessages` only
+        std::int64_t prompts = 0;
+        std::optional<Date> firstMessage, lastMessage;
+        std::optional<std::string> projectPath;
+    };
+    std::vector<SessionContent> sessionContents(const std::vector<SessionKey>& sessions, bool withMessages = true) const;
 
     // Counted entries in time order, of one provider or all, within [since, until).
     std::vector<QuotaUsageEntry> countedEntries(const std::optional<std::string>& providerID = std::nullopt,
