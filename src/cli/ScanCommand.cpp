@@ -5,10 +5,12 @@
 #include <charconv>
 #include <chrono>
 #include <cstdio>
+#include <iostream>
 
 #include "Commands.hpp"
 #include "LogScan.hpp"
 #include "SyncServer.hpp"
+#include "gaugepoint/alerts/QuotaAlerts.hpp"
 #include "gaugepoint/reports/ClaudeBlockLimit.hpp"
 #include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
 
@@ -135,6 +137,10 @@ QuotaScanSummary scanAndPublish(const QuotaScanOptions& options, const GlobalOpt
     const auto snapshot = LocalQuotaSnapshot::make(configuration, resolveNow(globals),
                                                    LocalCalendar::current(LocalCalendar::Kind::gregorian));
     LocalQuotaSnapshot::publish(snapshot, configuration);
+    if (const auto problem = QuotaAlerts::afterReadingChange(configuration, snapshot, snapshot.generatedAt,
+                                                             resolveLanguage(globals))) {
+        std::cerr << "gaugepoint: " << *problem << "\n";
+    }
     return summary;
 }
 
