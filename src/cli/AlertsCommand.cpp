@@ -30,7 +30,7 @@ void status(const GlobalOptions& globals) {
     rows.push_back({"desktop", desktop});
     if (s.lastDesktop) rows.push_back({"last desktop", *s.lastDesktop});
     if (!s.baselined) rows.push_back({"state", "not evaluated yet: the first evaluation records what is already crossed"});
-    std::string text = alignedRows(rows) + "\n";
+    std::string text = alignedRows(rows);
     text += s.currentPeriods.empty() ? "nothing fired in the current periods\n" : "fired in the current periods:\n";
     std::vector<std::vector<std::string>> fired;
     for (const auto& f : s.currentPeriods) {
@@ -38,7 +38,7 @@ void status(const GlobalOptions& globals) {
                          f.rule == "threshold" ? f.key.substr(f.key.rfind('|') + 1) + " %" : "", periodText(f),
                          f.silent ? "recorded at install" : f.desktop.value_or("told with a higher threshold")});
     }
-    if (!fired.empty()) text += alignedRows(fired) + "\n";
+    if (!fired.empty()) text += alignedRows(fired);
     writeOutput("-", text);
 }
 

@@ -2,6 +2,7 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cerrno>
 #include <cstring>
 #include <memory>
 
@@ -52,6 +53,10 @@ class Call {
 public:
     Call(const SdBus& bus, const char* member) : f_(bus) {
         int r = f_.openUser(&bus_);
+        if (r == -ENOMEDIUM || r == -ENOENT || r == -ECONNREFUSED) {
+            problem_ = "no session bus (DBUS_SESSION_BUS_ADDRESS is unset and $XDG_RUNTIME_DIR/bus is not there)";
+            return;
+        }
         if (r < 0) {
             problem_ = std::string("no session bus: ") + std::strerror(-r);
             return;
