@@ -87,7 +87,7 @@ void budgetCandidate(const std::optional<double>& budget, const std::optional<do
 }  // namespace
 
 bool AlertCandidate::critical() const {
-    return rule == AlertRule::runsOut || (rule == AlertRule::threshold && limit >= 95);
+    return rule == AlertRule::runsOut || (rule == AlertRule::threshold && value >= 95);
 }
 
 std::string AlertCandidate::windowKey() const {

@@ -37,7 +37,8 @@ struct AlertCandidate {
     std::string budgetPeriod;  // "daily" or "monthly", with the day or month it counts ("2026-11-24")
     std::string budgetDay;
 
-    // Critical at 95 % and over and for a window that runs out; a reset is only information.
+    // Critical for a window at 95 % or more, whatever threshold it crossed, and for one that runs
+    // out; a reset is only information.
     bool critical() const;
     // "threshold|claude|five_hour": the window a desktop notification replaces its predecessor in.
     std::string windowKey() const;
