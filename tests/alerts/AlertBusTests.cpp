@@ -129,6 +129,21 @@ TEST_F(AlertBus, TwoProcessesEvaluatingAtOnceFireOnce) {
     EXPECT_EQ(inboxRows().size(), 1u);
 }
 
+TEST_F(AlertBus, TheStatusLineEvaluatesWhatItRecords) {
+    const auto statusLine = [&](int fiveHour) {
+        const long resets = long(secondsSince1970(now_)) + 290 * 60;  // too early in the window for a pace
+        const std::string input = R"({"model":{"id":"claude-sonnet-4-5"},"rate_limits":{"five_hour":{"used_percentage":)" +
+                                  std::to_string(fiveHour) + R"(,"resets_at":)" + std::to_string(resets) + "}}}";
+        return testing::gaugepoint({"--app-group-dir", (dir_ / "group").string(), "statusline", "--format", "plain"}, input);
+    };
+    EXPECT_EQ(statusLine(20).exitCode, 0);
+    const auto result = statusLine(85);
+    EXPECT_EQ(result.err, "");
+    const auto calls = bus_->calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].body.rfind("Crossed 80%", 0), 0u) << calls[0].body;
+}
+
 TEST_F(AlertBus, QuietHoursAndADisabledDesktopWriteTheInboxOnly) {
     const Date reset = now_ + std::chrono::minutes(285);
     evaluate(0, reset);

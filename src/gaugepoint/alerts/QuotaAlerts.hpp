@@ -63,7 +63,7 @@ BOOST_DESCRIBE_STRUCT(AlertStatus, (),
 
 namespace QuotaAlerts {
 
-// The inbox categories of alerts, and the prefix of their envelope ids ("alert:SOURCE:KEY").
+// The prefix of the envelope ids of alert entries ("alert:SOURCE:KEY").
 constexpr std::string_view envelopePrefix = "alert:";
 
 // Evaluates `snapshot` (this machine's; none: nothing but budgets) at `now`, texts in
