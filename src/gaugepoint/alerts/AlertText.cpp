@@ -1,6 +1,7 @@
 #include "gaugepoint/alerts/AlertText.hpp"
 
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 
 #include "gaugepoint/quota/QuotaReadingText.hpp"
