@@ -41,6 +41,11 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// Ends a command that has printed its output with an exit status of its own (10 and up).
+struct ExitStatus {
+    int code;
+};
+
 // -i IN / -o OUT of the byte-stream commands; empty or "-" means stdin / stdout.
 struct StreamOptions {
     std::string input;

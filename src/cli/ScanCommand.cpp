@@ -3,12 +3,14 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <tuple>
 
 #include "Commands.hpp"
 #include "LogScan.hpp"
 #include "ScanProgress.hpp"
 #include "SyncServer.hpp"
+#include "gaugepoint/alerts/QuotaAlerts.hpp"
 #include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/reports/ClaudeBlockLimit.hpp"
 #include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
@@ -138,6 +140,10 @@ QuotaScanSummary scanAndPublish(QuotaScanOptions options, const GlobalOptions& g
     const auto snapshot = LocalQuotaSnapshot::make(configuration, resolveNow(globals),
                                                    systemCalendar());
     LocalQuotaSnapshot::publish(snapshot, configuration);
+    if (const auto problem = QuotaAlerts::afterReadingChange(configuration, snapshot, snapshot.generatedAt,
+                                                             resolveLanguage(globals))) {
+        std::cerr << "gaugepoint: " << *problem << "\n";
+    }
     return summary;
 }
 

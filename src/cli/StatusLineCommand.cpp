@@ -10,6 +10,7 @@
 #include <iostream>
 
 #include "Commands.hpp"
+#include "gaugepoint/alerts/QuotaAlerts.hpp"
 #include "gaugepoint/platform/LocalCalendar.hpp"
 #include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/quota/ClaudeStatusLineRecorder.hpp"
@@ -93,6 +94,9 @@ void run(const StatusLineOptions& options, const GlobalOptions& globals) {
         const auto configuration = resolveConfiguration(globals);
         // A pinned clock is for looking; a reading dated by it would be false.
         const auto snapshot = thisMachine(configuration, input, now, globals.now.empty());
+        if (globals.now.empty()) {
+            if (const auto problem = QuotaAlerts::afterReadingChange(configuration, snapshot, now, language)) warn(*problem);
+        }
         auto view = ClaudeStatusLineView::make(input, claudeOf(snapshot), snapshot ? snapshot->generatedAt : now, now,
                                                language, QuotaFreshnessPolicy::fromDefaults(*configuration.userDefaults));
         try {

@@ -1,11 +1,14 @@
 // gaugepoint sync setup|connect|push|pull|status: same-account sync through a PostgreSQL server.
 
 #include <cstdlib>
+#include <iostream>
 
 #include <boost/json.hpp>
 
 #include "Commands.hpp"
 #include "SyncServer.hpp"
+#include "gaugepoint/alerts/QuotaAlerts.hpp"
+#include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
 
 namespace gaugepoint::cli {
 
@@ -78,6 +81,12 @@ void push(const ServerOptions& options, const GlobalOptions& globals) {
 
 void pull(const ServerOptions& options, const GlobalOptions& globals) {
     const auto s = syncWith(requireURL(options, globals), globals, options.retries).pull();
+    const auto configuration = resolveConfiguration(globals);
+    const auto alerts = globals.now.empty() ? QuotaAlerts::afterReadingChange(
+                                                  configuration, LocalQuotaSnapshot::latest(configuration),
+                                                  resolveNow(globals), resolveLanguage(globals), true)
+                                            : std::nullopt;
+    if (alerts) std::cerr << "gaugepoint: " << *alerts << "\n";
     if (globals.json) return printJson(s);
     std::string line = "pulled " + counted(s.snapshots, "snapshot") + ", " + counted(s.descriptors, "session") + ", " +
                        counted(s.notifyEvents, "notification") + " and " + counted(s.deletions, "deletion") + " from " +

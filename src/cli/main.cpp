@@ -81,6 +81,7 @@ int main(int argc, char** argv) {
     registerScanCommand(root, globals);
     registerReportCommand(root, globals);
     registerStatusLineCommand(root, globals);
+    registerAlertsCommand(root, globals);
 
     try {
         // CLI11 takes the arguments last first.
@@ -99,6 +100,9 @@ int main(int argc, char** argv) {
     } catch (const UsageError& e) {
         std::cerr << "gaugepoint: " << gaugepoint::singleLine(e.what()) << " (see --help)\n";
         return 2;
+    } catch (const ExitStatus& e) {
+        std::fflush(stdout);
+        return e.code;
     } catch (const std::bad_alloc&) {
         // Most commands say what they were doing; this is the net under the rest.
         std::fflush(stdout);
