@@ -178,7 +178,8 @@ public:
             const auto width = OutputStyle::current().width;
             const bool oneLine = !width || OutputStyle::current().wide || 1 + displayWidth(note + joined(models)) <= *width;
             // On a narrow terminal the models go on a line of their own rather than wrap.
-            text += Ansi::yellow("*") + note + (oneLine ? "" : "\n  ") + joined(models) + "\n";
+            text += Ansi::yellow("*") + (oneLine ? note : std::string(trimmed(note)).insert(0, " ") + "\n  ") +
+                    joined(models) + "\n";
         }
         return text;
     }
