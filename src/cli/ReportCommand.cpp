@@ -11,6 +11,7 @@
 #include "TextTable.hpp"
 #include "gaugepoint/model/QuotaLanguagePreference.hpp"
 #include "gaugepoint/platform/Text.hpp"
+#include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/reports/ClaudeBlockLimit.hpp"
 #include "gaugepoint/reports/UsageBlocks.hpp"
 #include "gaugepoint/reports/UsagePeriods.hpp"
@@ -328,14 +329,7 @@ void printBlocks(const std::vector<UsageBlock>& blocks, const ReportContext& con
         table.add(std::move(cells), block.totals);
         if (block.burnRate && block.projection) activeLine = burnRateLine(block, context);
     }
-    // The total row sums the blocks' own figures (costs as priced per block).
-    UsageTotals totals;
-    for (const auto& block : blocks) {
-        totals.tokens += block.totals.tokens;
-        totals.totalCost += block.totals.totalCost;
-        totals.unpricedTokens += block.totals.unpricedTokens;
-    }
-    std::string text = context.title(w.blocks) + table.text(totals) + activeLine;
+    std::string text = context.title(w.blocks) + table.text(usageBlockTotals(blocks)) + activeLine;
     if (limit) text += "\n" + std::string(w.ofLimit) + ": " + groupedInteger(*limit) + " tokens\n";
     writeOutput("-", text);
 }
@@ -473,9 +467,12 @@ void addReport(CLI::App& group, const char* name, const char* description, Repor
                         "(default: TZ, else the system's)")
         ->option_text("ZONE")
         ->each([options](const std::string&) { options->timezoneGiven = true; });
+    std::vector<std::string> providers;
+    for (const auto& tool : codingTools()) providers.push_back(tool->provider().id);
     command->add_option("--provider", options->provider,
-                        kind == ReportKind::blocks ? "claude (default), codex or gemini" : "claude, codex or gemini (default: all)")
-        ->check(Values::oneOf({"claude", "codex", "gemini"}))
+                        kind == ReportKind::blocks ? "The tool whose blocks are shown (default: claude)"
+                                                   : "Only this tool's usage (default: all)")
+        ->check(Values::oneOf(providers))
         ->option_text("ID");
     command->add_flag("-b,--breakdown", options->breakdown, "A row per model under each row");
     command->add_option("-o,--order", options->order, "asc (default: oldest first) or desc")

@@ -77,6 +77,17 @@ std::vector<UsageBlock> usageBlocks(std::vector<QuotaUsageEntry> entries, Date n
     return blocks;
 }
 
+UsageTotals usageBlockTotals(const std::vector<UsageBlock>& blocks) {
+    UsageTotals totals;
+    for (const auto& block : blocks) {
+        totals.tokens += block.totals.tokens;
+        totals.totalCost += block.totals.totalCost;
+        totals.unpricedTokens += block.totals.unpricedTokens;
+        totals.entries += block.totals.entries;
+    }
+    return totals;
+}
+
 std::optional<UsageBlock> activeUsageBlock(const QuotaUsageEntryStore& store, const std::string& providerID, Date now) {
     // Read back a day, then four times as far each round, until the entries read begin after a
     // gap of more than five hours: the blocks after such a gap do not depend on what came before.

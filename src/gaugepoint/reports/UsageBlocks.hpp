@@ -44,6 +44,10 @@ struct UsageBlock {
     bool operator==(const UsageBlock&) const = default;
 };
 
+// The sum of the blocks' own figures (tokens, costs as priced per block, unpriced tokens), for a
+// total row.
+UsageTotals usageBlockTotals(const std::vector<UsageBlock>& blocks);
+
 // The blocks of `entries` (any order), by start time; gap blocks included.
 std::vector<UsageBlock> usageBlocks(std::vector<QuotaUsageEntry> entries, Date now);
 
