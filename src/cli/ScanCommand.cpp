@@ -10,7 +10,7 @@
 #include "LogScan.hpp"
 #include "SyncServer.hpp"
 #include "gaugepoint/reports/ClaudeBlockLimit.hpp"
-#include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
+#include "gaugepoint/reports/LocalUsageScan.hpp"
 
 namespace gaugepoint::cli {
 namespace {
@@ -127,15 +127,10 @@ void LogHomesOptions::applyTo(QuotaScanOptions& options) const {
 }
 
 QuotaScanSummary scanAndPublish(const QuotaScanOptions& options, const GlobalOptions& globals) {
-    const QuotaSyncConfiguration configuration = resolveConfiguration(globals);
-    const QuotaScanSummary summary = QuotaLogScanner{configuration}.scan(options);
     // A pinned clock is for looking: a snapshot dated by it would put a false reading in the
     // stores (faces make this machine's snapshot for that moment themselves).
-    if (!globals.now.empty()) return summary;
-    const auto snapshot = LocalQuotaSnapshot::make(configuration, resolveNow(globals),
-                                                   LocalCalendar::current(LocalCalendar::Kind::gregorian));
-    LocalQuotaSnapshot::publish(snapshot, configuration);
-    return summary;
+    const std::optional<Date> publishAt = globals.now.empty() ? std::optional(resolveNow(globals)) : std::nullopt;
+    return LocalUsageScan::run(resolveConfiguration(globals), options, publishAt);
 }
 
 void registerScanCommand(CLI::App& root, GlobalOptions& globals) {
