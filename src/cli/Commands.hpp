@@ -24,5 +24,6 @@ void registerSyncServerCommands(CLI::App& syncGroup, GlobalOptions& globals);
 void registerScanCommand(CLI::App& root, GlobalOptions& globals);
 void registerReportCommand(CLI::App& root, GlobalOptions& globals);
 void registerStatusLineCommand(CLI::App& root, GlobalOptions& globals);
+void registerMcpCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

@@ -75,6 +75,7 @@ int main(int argc, char** argv) {
     registerScanCommand(root, globals);
     registerReportCommand(root, globals);
     registerStatusLineCommand(root, globals);
+    registerMcpCommand(root, globals);
 
     try {
         root.parse(argc, argv);
