@@ -199,9 +199,13 @@ TEST_F(McpConversation, CanStartWeighsTheTaskAgainstWhatIsLeftAndThePace) {
 }
 
 TEST_F(McpConversation, BadArgumentsAreInvalidParamsNamingTheToolAndArgument) {
+    std::string accented = "x";  // two-byte characters at odd offsets: a cut at 60 bytes would split one
+    for (int i = 0; i < 40; ++i) accented += "\u00e9";
     const std::vector<std::pair<std::string, std::string>> cases{
         {toolCall(1, "quota_status", R"({"provider":"cursor"})"), "quota_status: no quota reading of \"cursor\""},
         {toolCall(1, "quota_status", R"({"verbose":true})"), "quota_status: unknown argument \"verbose\""},
+        // A long value is cut in the message, never inside a UTF-8 character.
+        {toolCall(1, "quota_status", R"({"provider":")" + accented + R"("})"), "quota_status: no quota reading of \"x\u00e9"},
         {toolCall(1, "usage_report", "{}"), "usage_report: the argument \"report\" is required"},
         {toolCall(1, "usage_report", R"({"report":"hourly"})"), "usage_report: \"report\" must be one of daily"},
         {toolCall(1, "usage_report", R"({"report":"daily","since":"2026-13-01"})"), "usage_report: \"since\" must be a day"},

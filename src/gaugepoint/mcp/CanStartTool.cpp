@@ -128,7 +128,7 @@ McpToolResult call(const McpArguments& arguments, McpContext& context) {
             answers.back().facts["stale"] = now.stale;
         }
     }
-    if (provider && answers.empty()) arguments.fail("no quota windows of \"" + *provider + "\" are known");
+    if (provider && answers.empty()) arguments.fail("no quota windows of \"" + excerpt(*provider) + "\" are known");
 
     // The worst window decides; "unknown" only when no window could tell.
     const auto worst = std::min_element(answers.begin(), answers.end(),

@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-#include "gaugepoint/importers/QuotaLogScanner.hpp"
+#include "gaugepoint/reports/LocalUsageScan.hpp"
 #include "gaugepoint/model/QuotaSnapshot.hpp"
 #include "gaugepoint/platform/LocalCalendar.hpp"
 #include "gaugepoint/quota/QuotaReading.hpp"

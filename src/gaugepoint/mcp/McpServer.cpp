@@ -100,7 +100,7 @@ boost::json::value McpServer::dispatch(const std::string& method, const boost::j
     }
     if (method == "resources/templates/list") return boost::json::object{{"resourceTemplates", boost::json::array{}}};
     if (method == "resources/read") return readResource(params);
-    throw JsonRpcError(JsonRpcErrorCode::methodNotFound, "unknown method \"" + method + "\"");
+    throw JsonRpcError(JsonRpcErrorCode::methodNotFound, "unknown method \"" + excerpt(method) + "\"");
 }
 
 boost::json::object McpServer::initialize(const boost::json::value& params) const {
@@ -128,7 +128,7 @@ boost::json::object McpServer::callTool(const boost::json::value& params) {
     if (!tool) {
         std::string known;
         for (const auto& t : mcpTools()) known += (known.empty() ? "" : ", ") + t.name;
-        invalidParams("unknown tool \"" + name + "\" (tools: " + known + ")");
+        invalidParams("unknown tool \"" + excerpt(name) + "\" (tools: " + known + ")");
     }
     const auto* given = params.get_object().if_contains("arguments");
     const McpArguments arguments{tool->name, tool->inputSchema, given ? *given : boost::json::value{}};
@@ -165,7 +165,7 @@ boost::json::object McpServer::readResource(const boost::json::value& params) {
         return {{"contents", {{{"uri", uri}, {"mimeType", "application/json"},
                                {"text", jsonText(result.structured)}}}}};
     }
-    throw JsonRpcError(JsonRpcErrorCode::resourceNotFound, "unknown resource \"" + uri + "\"");
+    throw JsonRpcError(JsonRpcErrorCode::resourceNotFound, "unknown resource \"" + excerpt(uri) + "\"");
 }
 
 namespace {

@@ -15,12 +15,18 @@ std::string quoted(std::string_view name) { return "\"" + std::string(name) + "\
 
 // A value as a message shows it: short, on one line.
 std::string shown(const boost::json::value& value) {
-    std::string text = boost::json::serialize(value);
-    constexpr std::size_t kShown = 60;
-    return text.size() > kShown ? text.substr(0, kShown) + "..." : text;
+    return value.is_string() ? "\"" + excerpt(value.get_string()) + "\"" : excerpt(boost::json::serialize(value));
 }
 
 }  // namespace
+
+std::string excerpt(std::string_view text) {
+    constexpr std::size_t kShown = 60;
+    if (text.size() <= kShown) return std::string(text);
+    std::size_t cut = kShown;
+    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;  // whole UTF-8 characters
+    return std::string(text.substr(0, cut)) + "...";
+}
 
 McpArguments::McpArguments(std::string_view tool, const boost::json::object& inputSchema,
                            const boost::json::value& arguments)
@@ -82,8 +88,10 @@ std::optional<std::int64_t> McpArguments::integer(std::string_view name) const {
     std::optional<std::int64_t> number;
     if (value->is_int64()) number = value->get_int64();
     if (value->is_uint64() && value->get_uint64() <= std::uint64_t(INT64_MAX)) number = std::int64_t(value->get_uint64());
-    if (value->is_double() && value->get_double() == double(std::int64_t(value->get_double())) &&
-        std::abs(value->get_double()) < 9e15) {
+    // Doubles beyond 2^53 are not whole numbers anyone meant; the range test comes first, so the
+    // conversion below is defined.
+    if (value->is_double() && std::abs(value->get_double()) < 9e15 &&
+        value->get_double() == double(std::int64_t(value->get_double()))) {
         number = std::int64_t(value->get_double());
     }
     if (!number || *number < minimum) {
@@ -94,7 +102,7 @@ std::optional<std::int64_t> McpArguments::integer(std::string_view name) const {
 
 std::optional<std::string> McpArguments::day(std::string_view name) const {
     auto text = string(name);
-    if (text && !dayNumber(*text)) fail(quoted(name) + " must be a day such as 2026-11-05, got \"" + *text + "\"");
+    if (text && !dayNumber(*text)) fail(quoted(name) + " must be a day such as 2026-11-05, got \"" + excerpt(*text) + "\"");
     return text;
 }
 

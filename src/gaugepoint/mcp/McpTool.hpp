@@ -67,6 +67,9 @@ McpTool usageReportTool();
 McpTool sessionUsageTool();
 McpTool canStartTool();
 
+// A text as a message quotes it: at most 60 bytes of whole UTF-8 characters, then "...".
+std::string excerpt(std::string_view text);
+
 // Schema pieces: a string property, optionally one of `choices`; a whole-number property.
 boost::json::object stringProperty(std::string_view description, std::vector<std::string_view> choices = {});
 boost::json::object integerProperty(std::string_view description, std::int64_t minimum);

@@ -30,7 +30,7 @@ McpToolResult call(const McpArguments& arguments, McpContext& context) {
     const auto provider = arguments.string("provider");
     const auto snapshot = context.quotaSnapshot();
     if (!snapshot) {
-        if (provider) arguments.fail("no quota reading of \"" + *provider + "\": there is no reading of any provider yet");
+        if (provider) arguments.fail("no quota reading of \"" + excerpt(*provider) + "\": there is no reading of any provider yet");
         return {kNoReading, {{"providers", boost::json::array{}}}};
     }
     QuotaWidgetView view = QuotaWidgetView::make(*snapshot, context.now(), context.language(), context.freshnessPolicy());
@@ -38,7 +38,7 @@ McpToolResult call(const McpArguments& arguments, McpContext& context) {
         std::string known;
         for (const auto& p : view.providers) known += (known.empty() ? "" : ", ") + p.id;
         std::erase_if(view.providers, [&](const QuotaWidgetProviderView& p) { return p.id != *provider; });
-        if (view.providers.empty()) arguments.fail("no quota reading of \"" + *provider + "\" (readings: " + known + ")");
+        if (view.providers.empty()) arguments.fail("no quota reading of \"" + excerpt(*provider) + "\" (readings: " + known + ")");
     }
     McpToolResult result;
     for (const auto& p : view.providers) result.text += windowLines(p);

@@ -30,7 +30,7 @@ const UsageSessionRow* chosenSession(const UsageSessionReport& report, const Mcp
         const bool matches = id ? row.sessionID == *id : !cwd || ranIn(row, withoutTrailingSlash(*cwd));
         if (matches && (!chosen || row.lastActivity > chosen->lastActivity)) chosen = &row;
     }
-    if (!chosen && id) arguments.fail("no session \"" + *id + "\" in the imported logs");
+    if (!chosen && id) arguments.fail("no session \"" + excerpt(*id) + "\" in the imported logs");
     return chosen;
 }
 

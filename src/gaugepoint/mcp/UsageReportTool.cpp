@@ -17,7 +17,7 @@ LocalCalendar calendarOf(const McpArguments& arguments, const McpContext& contex
     const auto zone = arguments.string("timezone");
     if (!zone) return context.calendar();
     auto calendar = LocalCalendar::inTimeZone(*zone, LocalCalendar::Kind::gregorian);
-    if (!calendar) arguments.fail("\"timezone\" must be a time zone such as UTC or Europe/Berlin, got \"" + *zone + "\"");
+    if (!calendar) arguments.fail("\"timezone\" must be a time zone such as UTC or Europe/Berlin, got \"" + excerpt(*zone) + "\"");
     return *calendar;
 }
 
