@@ -5,7 +5,9 @@
 
 #include <boost/json/serialize.hpp>
 
+#include <chrono>
 #include <cstdlib>
+#include <filesystem>
 
 #include "CommandRunner.hpp"
 #include "gaugepoint/platform/Json.hpp"
@@ -75,7 +77,7 @@ protected:
     }
 
     testing::ScratchDirectory dir;
-    const std::string logs = testing::testData("logs").string();
+    std::string logs = testing::testData("logs").string();
     std::string now = "2026-11-05T15:00:00Z";
 };
 
@@ -228,6 +230,20 @@ TEST_F(McpConversation, BadArgumentsAreInvalidParamsNamingTheToolAndArgument) {
         EXPECT_EQ(error.at("code"), -32602) << input;
         EXPECT_EQ(std::string(error.at("message").as_string()).rfind(message, 0), 0u) << error.at("message");
     }
+}
+
+TEST_F(McpConversation, ACallScansTheLogsOnlyWhenTheLastScanIsOverAMinuteOld) {
+    const auto claudeTokens = [&] {
+        return structured("usage_report", R"({"report":"daily","provider":"claude"})").at("totals").at("totalTokens");
+    };
+    const std::string sample = logs;
+    logs = (dir / "no-logs").string();  // homes without logs: the scan finds nothing, but it ran
+    EXPECT_EQ(claudeTokens(), 0);
+    logs = sample;
+    EXPECT_EQ(claudeTokens(), 0);  // scanned a moment ago: the stores are read as they are
+    const auto stamp = dir / "group" / "quota-last-scan.stamp";
+    std::filesystem::last_write_time(stamp, std::filesystem::last_write_time(stamp) - std::chrono::seconds(61));
+    EXPECT_EQ(claudeTokens(), 2667716);
 }
 
 TEST_F(McpConversation, ProtocolFaultsGetErrorsAndTheServerReadsOn) {
