@@ -6,7 +6,7 @@
 
 #include "Commands.hpp"
 #include "LogScan.hpp"
-#include "gaugepoint/mcp/McpServer.hpp"
+#include "gaugepoint/mcp/McpStdio.hpp"
 
 namespace gaugepoint::cli {
 namespace {

@@ -1,9 +1,9 @@
 #pragma once
 
 // The MCP server: answers one JSON-RPC message at a time (initialize, ping, tools/list,
-// tools/call, resources/list, resources/read), and serve() runs it over a pair of file
-// descriptors until the end of input. Notifications and responses get no reply. Whatever a
-// line holds, the answer is a reply or nothing, never an exception (but std::bad_alloc).
+// tools/call, resources/list, resources/read); McpStdio.hpp runs it over standard input and
+// output. Notifications and responses get no reply. Whatever a line holds, the answer is a reply
+// or nothing, never an exception (but std::bad_alloc).
 
 #include <cstddef>
 #include <optional>
@@ -39,9 +39,5 @@ private:
 
     McpContext& context_;
 };
-
-// Reads messages from `in` and writes each reply as one line to `out`, until the end of input.
-// Throws gaugepoint::Error when either cannot be read or written.
-void serve(McpServer& server, int in, int out);
 
 }  // namespace gaugepoint::mcp
