@@ -209,6 +209,7 @@ TEST_F(McpConversation, BadArgumentsAreInvalidParamsNamingTheToolAndArgument) {
         // A long value is cut in the message, never inside a UTF-8 character.
         {toolCall(1, "quota_status", R"({"provider":")" + accented + R"("})"), "quota_status: no quota reading of \"x\u00e9"},
         {toolCall(1, "usage_report", "{}"), "usage_report: the argument \"report\" is required"},
+        {request(1, "tools/call", R"({"name":"usage_report"})"), "usage_report: the argument \"report\" is required"},
         {toolCall(1, "usage_report", R"({"report":"hourly"})"), "usage_report: \"report\" must be one of daily"},
         {toolCall(1, "usage_report", R"({"report":"daily","since":"2026-13-01"})"), "usage_report: \"since\" must be a day"},
         {toolCall(1, "usage_report", R"({"report":"daily","since":"2026-11-05","until":"2026-11-01"})"),

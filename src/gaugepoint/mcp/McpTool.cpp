@@ -31,9 +31,9 @@ std::string excerpt(std::string_view text) {
 McpArguments::McpArguments(std::string_view tool, const boost::json::object& inputSchema,
                            const boost::json::value& arguments)
     : tool_(tool), schema_(inputSchema) {
-    if (arguments.is_null()) return;
-    if (!arguments.is_object()) fail("the arguments must be an object, got " + shown(arguments));
-    arguments_ = arguments.get_object();
+    // No arguments at all reads as an empty object: the required ones are still missing.
+    if (!arguments.is_null() && !arguments.is_object()) fail("the arguments must be an object, got " + shown(arguments));
+    if (arguments.is_object()) arguments_ = arguments.get_object();
     const auto& properties = schema_.at("properties").get_object();
     for (const auto& entry : arguments_) {
         if (!properties.contains(entry.key())) {
