@@ -5,6 +5,7 @@
 
 #include <boost/json/serialize.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -245,6 +246,23 @@ TEST_F(McpConversation, ACallScansTheLogsOnlyWhenTheLastScanIsOverAMinuteOld) {
     const auto stamp = dir / "group" / "quota-last-scan.stamp";
     std::filesystem::last_write_time(stamp, std::filesystem::last_write_time(stamp) - std::chrono::seconds(61));
     EXPECT_EQ(claudeTokens(), 2667716);
+}
+
+TEST_F(McpConversation, RepliesEchoTheIdAndWriteNumbersAsTheReportsDo) {
+    now = "2026-11-06T21:00:00Z";
+    const std::string input = R"({"jsonrpc":"2.0","id":"call-1","method":"tools/call","params":{"name":"quota_status"}})"
+                              "\n" R"({"jsonrpc":"2.0","id":3,"result":{}})" "\n"  // a response: nothing to answer
+                              R"({"jsonrpc":"2.0","id":null,"method":"ping"})" "\n";
+    const auto result = gaugepoint(with({"mcp", "--lang", "zh-Hans"}), input);
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const auto lines = std::count(result.out.begin(), result.out.end(), '\n');
+    ASSERT_EQ(lines, 2) << result.out;
+    const auto reply = json::parse(result.out.substr(0, result.out.find('\n')));
+    EXPECT_EQ(reply.at("id"), "call-1");
+    EXPECT_EQ(reply.at("result").at("structuredContent").at("language"), "zh-Hans");
+    EXPECT_NE(result.out.find(R"("usedPercent":0.8,)"), std::string::npos);  // not 8E-1
+    const auto nullId = json::parse(result.out.substr(result.out.find('\n') + 1));
+    EXPECT_EQ(nullId.at("error").at("code"), -32600);  // a null id names no request
 }
 
 TEST_F(McpConversation, ProtocolFaultsGetErrorsAndTheServerReadsOn) {

@@ -1,6 +1,6 @@
 // usage_report: the documents of `gaugepoint report <kind> --json`.
 
-#include <boost/json/parse.hpp>
+#include <cctype>
 
 #include "gaugepoint/mcp/McpFormatting.hpp"
 #include "gaugepoint/mcp/McpTool.hpp"
@@ -36,7 +36,10 @@ UsageReportFilter filterOf(const McpArguments& arguments) {
 // "Daily usage · UTC · all providers" and a line per row.
 std::string reportText(const UsageReport& report, const LocalCalendar& calendar, const UsageReportFilter& filter) {
     std::string text = std::string(boost::describe::enum_to_string(report.kind, "")) + " usage · " +
-                       calendar.timeZoneID() + " · " + filter.providerID.value_or("all providers") + "\n";
+                       calendar.timeZoneID() + " · " +
+                       filter.providerID.value_or(report.kind == UsageReportKind::blocks ? "claude" : "all providers") +
+                       "\n";
+    text[0] = char(std::toupper(static_cast<unsigned char>(text[0])));  // "Daily usage"
     std::vector<std::string> lines;
     switch (report.kind) {
         case UsageReportKind::session:
