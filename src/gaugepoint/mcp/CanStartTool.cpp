@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <tuple>
+#include <utility>
 
 #include "gaugepoint/mcp/McpFormatting.hpp"
 #include "gaugepoint/mcp/McpTool.hpp"
@@ -67,45 +69,44 @@ std::optional<std::int64_t> tokensInWindow(const QuotaWindow& window, const std:
 // "45.4%"; "under 0.1%" rather than a "0.0%" that reads as nothing.
 std::string percentText(double value) { return value > 0 && value < 0.05 ? "under 0.1%" : QuotaFormatting::percent(value); }
 
+// The verdict of one window and why, in a sentence that begins with the window's label.
+std::pair<Verdict, std::string> judge(const QuotaWindowNow& w, const std::string& label, std::optional<double> needed,
+                                      const McpContext& context) {
+    const double left = std::max(0.0, 100 - w.window.usedPercent);
+    const std::string reset = QuotaFormatting::resetSummaryText(w.window.resetsAt, context.now(), context.language(),
+                                                                QuotaFormatting::ResetRelativeStyle::standard,
+                                                                QuotaFormatting::ResetAbsoluteStyle::timeOnly);
+    const std::string share = needed ? "the task needs about " + percentText(*needed) + " and " + percentText(left) +
+                                           " is left"
+                                     : percentText(left) + " is left";
+    if (left <= 0) return {Verdict::no, label + " is used up; " + reset};
+    if (needed && *needed > left) {
+        return {Verdict::no, label + ": the task needs about " + percentText(*needed) + " but only " + percentText(left) +
+                                 " is left; " + reset};
+    }
+    if (w.pace && w.pace->projectedPercent + needed.value_or(0) > 100) {
+        const auto paceText = QuotaReadingText::paceText(w, context.language());
+        return {Verdict::tight, label + ": " + share + ", but at the current pace the window runs out before its reset" +
+                                    (paceText ? " (" + *paceText + ")" : "")};
+    }
+    if (!needed) return {Verdict::unknown, label + ": " + share + "; too little is used yet to tell what the task takes"};
+    return {Verdict::yes, label + ": " + share};
+}
+
 WindowAnswer answer(const QuotaWindowNow& w, const std::string& label, std::int64_t tokens,
                     std::optional<std::int64_t> windowTokens, const McpContext& context) {
-    const std::string& language = context.language();
-    const double used = w.window.usedPercent;
-    const double left = std::max(0.0, 100 - used);
-    const std::string reset =
-        QuotaFormatting::resetSummaryText(w.window.resetsAt, context.now(), language,
-                                          QuotaFormatting::ResetRelativeStyle::standard,
-                                          QuotaFormatting::ResetAbsoluteStyle::timeOnly);
+    const double used = w.window.usedPercent;  // 0 once the reset has passed: then nothing can be told
     std::optional<double> needed;
-    if (w.resetPassed || (windowTokens && *windowTokens > 0 && used >= kLeastPercent)) {
-        // A window that began again has no figure yet, but nothing of it is used either.
-        needed = windowTokens && *windowTokens > 0 && used >= kLeastPercent ? tokens * used / double(*windowTokens) : 0.0;
-    }
+    if (windowTokens && *windowTokens > 0 && used >= kLeastPercent) needed = double(tokens) * used / double(*windowTokens);
     WindowAnswer a;
-    a.facts = {{"label", label}, {"usedPercent", used}, {"remainingPercent", left},
+    std::tie(a.verdict, a.reason) = judge(w, label, needed, context);
+    a.facts = {{"label", label}, {"usedPercent", used}, {"remainingPercent", std::max(0.0, 100 - used)},
                {"reading", w.estimated ? "estimated" : "official"}};
     if (w.window.resetsAt) a.facts["resetsAt"] = json::parse(json::encode(*w.window.resetsAt));
     if (needed) a.facts["neededPercent"] = *needed;
     if (w.pace) {
         a.facts["projectedPercent"] = w.pace->projectedPercent;
         if (w.pace->runsOutAt) a.facts["runsOutAt"] = json::parse(json::encode(*w.pace->runsOutAt));
-    }
-    const std::string need = needed ? "needs about " + percentText(*needed) + ", " : "";
-    if (left <= 0) {
-        a = {Verdict::no, label + " is used up; " + reset, std::move(a.facts)};
-    } else if (needed && *needed > left) {
-        a = {Verdict::no, label + ": the task " + need + "only " + percentText(left) + " is left; " + reset,
-             std::move(a.facts)};
-    } else if (w.pace && w.pace->projectedPercent + needed.value_or(0) > 100) {
-        const auto paceText = QuotaReadingText::paceText(w, language);
-        a = {Verdict::tight, label + ": the task " + need + percentText(left) + " is left, but at the current pace the "
-                             "window runs out before its reset" + (paceText ? " (" + *paceText + ")" : ""),
-             std::move(a.facts)};
-    } else if (!needed) {
-        a = {Verdict::unknown, label + ": " + percentText(left) + " is left; too little is used yet to tell what the "
-                               "task takes of it", std::move(a.facts)};
-    } else {
-        a = {Verdict::yes, label + ": the task " + need + percentText(left) + " is left", std::move(a.facts)};
     }
     a.facts["verdict"] = kVerdictNames[int(a.verdict)];
     a.facts["reason"] = a.reason;
