@@ -25,5 +25,6 @@ void registerScanCommand(CLI::App& root, GlobalOptions& globals);
 void registerReportCommand(CLI::App& root, GlobalOptions& globals);
 void registerStatusLineCommand(CLI::App& root, GlobalOptions& globals);
 void registerAlertsCommand(CLI::App& root, GlobalOptions& globals);
+void registerMcpCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

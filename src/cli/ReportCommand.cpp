@@ -15,14 +15,14 @@
 #include "gaugepoint/reports/ClaudeBlockLimit.hpp"
 #include "gaugepoint/reports/UsageBlocks.hpp"
 #include "gaugepoint/reports/UsagePeriods.hpp"
-#include "gaugepoint/reports/UsageReportJson.hpp"
+#include "gaugepoint/reports/UsageReport.hpp"
 #include "gaugepoint/stores/QuotaSessionCatalogStore.hpp"
 #include "gaugepoint/stores/QuotaSessionFileRegistry.hpp"
 
 namespace gaugepoint::cli {
 namespace {
 
-enum class ReportKind { daily, weekly, monthly, session, blocks };
+using ReportKind = UsageReportKind;
 
 struct ReportOptions {
     LogHomesOptions homes;
@@ -218,15 +218,7 @@ struct ReportContext {
     }
 };
 
-UsagePeriod periodOf(ReportKind kind) {
-    return kind == ReportKind::weekly ? UsagePeriod::weekly
-           : kind == ReportKind::monthly ? UsagePeriod::monthly
-                                         : UsagePeriod::daily;
-}
-
 void printPeriods(const UsagePeriodReport& report, ReportKind kind, const ReportContext& context) {
-    const UsagePeriod period = periodOf(kind);
-    if (context.globals.json) return writeOutput("-", UsageReportJson::periods(report, period) + "\n");
     const Words& w = context.words;
     if (report.rows.empty()) return writeOutput("-", context.nothingFound() + "\n");
     const char* title = kind == ReportKind::weekly ? w.weekly : kind == ReportKind::monthly ? w.monthly : w.daily;
@@ -237,7 +229,6 @@ void printPeriods(const UsagePeriodReport& report, ReportKind kind, const Report
 }
 
 void printSessions(const UsageSessionReport& report, const ReportContext& context) {
-    if (context.globals.json) return writeOutput("-", UsageReportJson::sessions(report) + "\n");
     const Words& w = context.words;
     if (report.rows.empty()) return writeOutput("-", context.nothingFound() + "\n");
     UsageTable table{{{w.session, true}, {w.provider}, {w.project, true}, {w.lastActivity, false, true}},
@@ -299,7 +290,6 @@ std::string percentOf(std::int64_t tokens, std::int64_t limit) {
 }
 
 void printBlocks(const std::vector<UsageBlock>& blocks, const ReportContext& context, const QuotaUsageEntryStore& store) {
-    if (context.globals.json) return writeOutput("-", UsageReportJson::blocks(blocks) + "\n");
     const Words& w = context.words;
     const LocalCalendar& calendar = context.calendar;
     if (blocks.empty()) return writeOutput("-", context.nothingFound() + "\n");
@@ -430,21 +420,18 @@ void run(ReportKind kind, const ReportOptions& options, const GlobalOptions& glo
     const auto others = options.allSources
                             ? usageOfOtherSources(QuotaSessionCatalogStore{configuration}, configuration.localSourceID())
                             : std::vector<UsageOfOtherSource>{};
+    UsageReport report = makeUsageReport(store, calendar, kind, filter, now, options.startOfWeek == "monday", others);
+    if (kind == ReportKind::blocks) report.blocks = selectedBlocks(std::move(report.blocks), options, now);
+    if (globals.json) return writeOutput("-", usageReportDocument(report) + "\n");
     switch (kind) {
         case ReportKind::daily:
         case ReportKind::weekly:
         case ReportKind::monthly:
-            return printPeriods(
-                usageByPeriod(store, calendar, periodOf(kind), filter, options.startOfWeek == "monday", others), kind,
-                context);
+            return printPeriods(report.periods, kind, context);
         case ReportKind::session:
-            return printSessions(usageBySession(store, calendar, filter, others), context);
-        case ReportKind::blocks: {
-            const auto [since, until] = reportInterval(calendar, filter);
-            auto blocks = selectedBlocks(usageBlocks(store.countedEntries(filter.providerID, since, until), now), options, now);
-            if (filter.descending) std::reverse(blocks.begin(), blocks.end());
-            return printBlocks(blocks, context, store);
-        }
+            return printSessions(report.sessions, context);
+        case ReportKind::blocks:
+            return printBlocks(report.blocks, context, store);
     }
 }
 

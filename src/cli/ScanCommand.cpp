@@ -13,7 +13,7 @@
 #include "gaugepoint/alerts/QuotaAlerts.hpp"
 #include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/reports/ClaudeBlockLimit.hpp"
-#include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
+#include "gaugepoint/reports/LocalUsageScan.hpp"
 
 namespace gaugepoint::cli {
 namespace {
@@ -128,23 +128,23 @@ void warnAboutMissingHomes(const LogHomesOptions& homes) {
 
 QuotaScanSummary scanAndPublish(QuotaScanOptions options, const GlobalOptions& globals, bool quiet) {
     const QuotaSyncConfiguration configuration = resolveConfiguration(globals);
-    QuotaScanSummary summary;
+    systemCalendar();  // a TZ the time-zone database does not know is refused before anything is read
+    // A pinned clock is for looking: a snapshot dated by it would put a false reading in the
+    // stores (faces make this machine's snapshot for that moment themselves).
+    const std::optional<Date> publishAt = globals.now.empty() ? std::optional(resolveNow(globals)) : std::nullopt;
+    LocalUsageScan::Result result;
     {
         ScanProgress progress{!quiet && !globals.json};
         options.progress = progress.callback();
-        summary = QuotaLogScanner{configuration}.scan(options);
+        result = LocalUsageScan::run(configuration, options, publishAt);
     }
-    // A pinned clock is for looking: a snapshot dated by it would put a false reading in the
-    // stores (faces make this machine's snapshot for that moment themselves).
-    if (!globals.now.empty()) return summary;
-    const auto snapshot = LocalQuotaSnapshot::make(configuration, resolveNow(globals),
-                                                   systemCalendar());
-    LocalQuotaSnapshot::publish(snapshot, configuration);
-    if (const auto problem = QuotaAlerts::afterReadingChange(configuration, snapshot, snapshot.generatedAt,
-                                                             resolveLanguage(globals))) {
-        std::cerr << "gaugepoint: " << *problem << "\n";
+    if (result.snapshot) {
+        if (const auto problem = QuotaAlerts::afterReadingChange(configuration, result.snapshot, *publishAt,
+                                                                 resolveLanguage(globals))) {
+            std::cerr << "gaugepoint: " << *problem << "\n";
+        }
     }
-    return summary;
+    return result.summary;
 }
 
 void registerScanCommand(CLI::App& root, GlobalOptions& globals) {

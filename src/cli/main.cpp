@@ -82,6 +82,7 @@ int main(int argc, char** argv) {
     registerReportCommand(root, globals);
     registerStatusLineCommand(root, globals);
     registerAlertsCommand(root, globals);
+    registerMcpCommand(root, globals);
 
     try {
         // CLI11 takes the arguments last first.
