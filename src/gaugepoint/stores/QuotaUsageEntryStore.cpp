@@ -628,6 +628,7 @@ std::vector<QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::sessionC
     std::vector<SessionContent> contents;
     contents.reserve(sessions.size());
     registry_.withConnection([&](sqlite::Connection& connection) {
+        const sqlite::ReadTransaction reads{connection};
         sqlite::StatementCache statements{connection};
         for (const auto& session : sessions) {
             SessionContent& content = contents.emplace_back();

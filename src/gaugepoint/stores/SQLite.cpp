@@ -29,6 +29,8 @@ void Connection::rollbackQuietly() noexcept {
     if (!sqlite3_get_autocommit(db_)) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
+bool Connection::inAutocommit() const { return sqlite3_get_autocommit(db_) != 0; }
+
 std::int64_t Connection::changes() const { return sqlite3_changes64(db_); }
 
 std::int64_t Connection::lastInsertRowID() const { return sqlite3_last_insert_rowid(db_); }
@@ -147,6 +149,18 @@ Transaction::~Transaction() {
 void Transaction::commit() {
     connection_.exec("COMMIT", "commit " + label_);
     open_ = false;
+}
+
+ReadTransaction::ReadTransaction(Connection& connection) : connection_(connection) {
+    // Inside a transaction already, the reads share that one.
+    if (connection_.inAutocommit()) {
+        connection_.exec("BEGIN", "begin reads");
+        began_ = true;
+    }
+}
+
+ReadTransaction::~ReadTransaction() {
+    if (began_) connection_.rollbackQuietly();  // nothing was written: ending it is all it takes
 }
 
 }  // namespace gaugepoint::sqlite

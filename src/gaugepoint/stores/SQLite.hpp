@@ -36,6 +36,8 @@ public:
     void execWaitingOutLocks(const char* sql, std::string_view label, std::chrono::milliseconds budget);
     // Rolls back an open transaction, if any; errors ignored (for clean-up on failure paths).
     void rollbackQuietly() noexcept;
+    // Whether no transaction is open.
+    bool inAutocommit() const;
     // Rows changed by the last statement.
     std::int64_t changes() const;
     // The rowid of the last row inserted on this connection.
@@ -112,6 +114,20 @@ private:
     Connection& connection_;
     std::string label_;
     bool open_ = true;
+};
+
+// BEGIN ... COMMIT around a run of reads: one snapshot and one set of file locks for all of them,
+// where each statement on its own would take and release the locks (a few system calls) again.
+class ReadTransaction {
+public:
+    explicit ReadTransaction(Connection& connection);
+    ~ReadTransaction();
+    ReadTransaction(const ReadTransaction&) = delete;
+    ReadTransaction& operator=(const ReadTransaction&) = delete;
+
+private:
+    Connection& connection_;
+    bool began_ = false;
 };
 
 }  // namespace gaugepoint::sqlite
