@@ -236,16 +236,20 @@ std::int64_t bytesToRead(const std::vector<ToolFiles>& tools) {
 
 // Loads the parser states of the changed files that may go on from their position, before any
 // write starts (the writer holds the connection for whole batches).
-void loadParserStates(const QuotaSessionFileRegistry& registry, std::vector<ToolFiles>& tools) {
+void loadParserStates(const QuotaSessionFileRegistry& registry, const std::string& sourceID, std::vector<ToolFiles>& tools) {
     registry.withConnection([&](sqlite::Connection& connection) {
         sqlite::StatementCache statements{connection};
         for (auto& tool : tools) {
             for (const auto& file : tool.files) {
                 const auto found = tool.known.find(file.path.string());
                 if (found == tool.known.end()) continue;
-                const auto& entry = found->second;
-                if (isUnchanged(*tool.tool, entry, file) || !goesOn(*tool.tool, entry, file)) continue;
-                tool.states.emplace(entry.path, QuotaUsageEntryStore::parserState(statements, entry));
+                if (isUnchanged(*tool.tool, found->second, file) || !goesOn(*tool.tool, found->second, file)) continue;
+                QuotaSessionFileRegistryEntry key;
+                key.path = found->first;
+                key.sourceID = sourceID;
+                key.providerID = tool.tool->provider().id;
+                key.captureMode = found->second.captureMode;
+                tool.states.emplace(found->first, QuotaUsageEntryStore::parserState(statements, key));
             }
         }
     });
@@ -655,8 +659,11 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     for (const auto& tool : codingTools()) {
         ToolFiles& files = tools.emplace_back();
         files.tool = tool.get();
-        for (auto& entry : registry.list(tool->provider().id, options.capture, sourceID)) {
-            files.known.emplace(entry.path, std::move(entry));
+        auto known = registry.positions(tool->provider().id, options.capture, sourceID);
+        files.known.reserve(known.size());
+        for (auto& entry : known) {
+            std::string path = std::move(entry.path);  // kept once, as the key
+            files.known.emplace(std::move(path), std::move(entry));
         }
     }
     std::int64_t total = 0;
@@ -669,7 +676,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
         }
     }
 
-    loadParserStates(registry, tools);
+    loadParserStates(registry, sourceID, tools);
     const std::int64_t toRead = bytesToRead(tools);
     PieceQueue queue;
     FileList files{tools};
