@@ -16,6 +16,7 @@
 #include <mutex>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/importers/JsonLineParser.hpp"
@@ -524,18 +525,21 @@ private:
         if (abandonedPath_ == piece.entry.path) return;
         if (!records.firstSession_.empty()) piece.entry.sessionID = records.firstSession_;
         const auto& e = piece.entry;
-        if (QuotaSessionFileRegistry::lastOffset(statements, e) != piece.expected) {
+        // A file the registry did not know when the scan began has no entry but the one this
+        // scan writes (only scans add entries, and they hold the scan lock): its first piece
+        // needs no lookup, unless the same path came twice.
+        const bool firstOfNewFile = !piece.expected && newFiles_.insert(piece.entry.path).second;
+        if (!firstOfNewFile && QuotaSessionFileRegistry::lastOffset(statements, e) != piece.expected) {
             abandonedPath_ = piece.entry.path;
             return;
         }
-        const std::int64_t key = QuotaUsageEntryStore::fileKey(statements, e);
+        const std::int64_t key = QuotaUsageEntryStore::fileKeyWithState(statements, e, piece.state, !piece.expected);
         QuotaUsageEntryStore::Tally forgotten;
         if (piece.forgetFirst) forgotten = QuotaUsageEntryStore::forgetFile(statements, key);
         const auto added =
             QuotaUsageEntryStore::record(statements, key, records.usage_, records.messages_, e.providerID, records.sessions_,
                                          sinceEmpty_ ? &*sinceEmpty_ : nullptr);
         if (records.limits_) QuotaUsageEntryStore::noteRateLimits(statements, *records.limits_);
-        QuotaUsageEntryStore::setParserState(statements, key, piece.state);
         QuotaSessionFileRegistry::upsert(statements, e);
         tally_.tokens += forgotten.countedTokens + added.countedTokens;
     }
@@ -543,6 +547,7 @@ private:
     const QuotaSessionFileRegistry& registry_;
     QuotaScanSummary& tally_;
     std::string abandonedPath_;
+    std::unordered_set<std::string> newFiles_;  // paths unknown to the registry, written by this scan
     // A scan into empty usage entries (the first) looks up only keys it wrote itself; only
     // scans write the entries, and they hold the scan lock.
     bool checkedEmpty_ = false;

@@ -140,6 +140,9 @@ constexpr const char* kFindFile =
     "SELECT file_key FROM import_files WHERE path = ? AND source_id = ? AND provider_id = ? AND capture_mode = ?";
 constexpr const char* kAddFile =
     "INSERT INTO import_files (path, source_id, provider_id, capture_mode) VALUES (?, ?, ?, ?)";
+constexpr const char* kAddFileWithState =
+    "INSERT INTO import_files (path, source_id, provider_id, capture_mode, parser_state) VALUES (?, ?, ?, ?, ?)\n"
+    "ON CONFLICT (path, source_id, provider_id, capture_mode) DO NOTHING";
 constexpr const char* kParserState = "SELECT parser_state FROM import_files WHERE file_key = ?";
 constexpr const char* kParserStateOfFile =
     "SELECT parser_state FROM import_files WHERE path = ? AND source_id = ? AND provider_id = ? AND capture_mode = ?";
@@ -374,6 +377,20 @@ std::int64_t QuotaUsageEntryStore::fileKey(sqlite::StatementCache& statements, c
     bindKey(add);
     add.run();
     return statements.connection().lastInsertRowID();
+}
+
+std::int64_t QuotaUsageEntryStore::fileKeyWithState(sqlite::StatementCache& statements,
+                                                   const QuotaSessionFileRegistryEntry& entry, std::string_view state,
+                                                   bool likelyNew) {
+    if (likelyNew) {
+        auto& add = statements.get(kAddFileWithState, "prepare file key", "execute file key");
+        add.bind(1, entry.path).bind(2, entry.sourceID).bind(3, entry.providerID).bind(4, json::rawValue(entry.captureMode));
+        add.bind(5, state).run();
+        if (statements.connection().changes() == 1) return statements.connection().lastInsertRowID();
+    }
+    const std::int64_t key = fileKey(statements, entry);
+    setParserState(statements, key, state);
+    return key;
 }
 
 bool QuotaUsageEntryStore::KeysSinceEmpty::mayExist(std::string_view providerID, std::string_view dedupKey) {

@@ -35,6 +35,11 @@ public:
 
     // The integer key of the file an entry describes, made on first use.
     static std::int64_t fileKey(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry);
+    // The key of the file with the parser's state after this read set to `state`. A file the
+    // registry did not know (`likelyNew`) is tried with one insert that stores both, instead of
+    // a lookup, an insert and an update.
+    static std::int64_t fileKeyWithState(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry,
+                                         std::string_view state, bool likelyNew);
     // The parser's state for the file ("" at first), and its replacement.
     static std::string parserState(sqlite::StatementCache& statements, std::int64_t fileKey);
     // The parser's state of the file an entry describes, "" when it has none; writes nothing.
