@@ -493,7 +493,10 @@ public:
             registry_.inTransaction("import logs", [&](sqlite::Connection& connection) {
                 sqlite::StatementCache statements{connection};
                 if (!checkedEmpty_) {
-                    if (QuotaUsageEntryStore::hasNoEntries(statements)) sinceEmpty_.emplace();
+                    if (QuotaUsageEntryStore::hasNoEntries(statements)) {
+                        sinceEmpty_.emplace();
+                        QuotaUsageEntryStore::deferIndexes(connection);
+                    }
                     checkedEmpty_ = true;
                 }
                 if (sinceEmpty_) QuotaUsageEntryStore::beginBulkBatch(connection);
@@ -509,6 +512,9 @@ public:
             if (!next) next = queue.pop();
         }
     }
+
+    // Whether the import started into empty entries, its indexes by file and session deferred.
+    bool deferredIndexes() const { return sinceEmpty_.has_value(); }
 
 private:
     // A batch ends after this many pieces or this long, whichever comes first: few commits, and
@@ -533,9 +539,10 @@ private:
             abandonedPath_ = piece.entry.path;
             return;
         }
-        const std::int64_t key = QuotaUsageEntryStore::fileKeyWithState(statements, e, piece.state, !piece.expected);
+        bool created = false;
+        const std::int64_t key = QuotaUsageEntryStore::fileKeyWithState(statements, e, piece.state, !piece.expected, created);
         QuotaUsageEntryStore::Tally forgotten;
-        if (piece.forgetFirst) forgotten = QuotaUsageEntryStore::forgetFile(statements, key);
+        if (piece.forgetFirst && !created) forgotten = QuotaUsageEntryStore::forgetFile(statements, key);
         const auto added =
             QuotaUsageEntryStore::record(statements, key, records.usage_, records.messages_, e.providerID, records.sessions_,
                                          sinceEmpty_ ? &*sinceEmpty_ : nullptr);
@@ -704,8 +711,9 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     const auto joinReaders = [&] {
         for (auto& reader : readers) reader.join();
     };
+    PieceWriter writer{registry, written};
     try {
-        PieceWriter{registry, written}.writeAll(queue);
+        writer.writeAll(queue);
     } catch (...) {
         queue.abandon();
         while (queue.pop()) {
@@ -727,6 +735,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
         }
     }
 
+    if (writer.deferredIndexes()) QuotaUsageEntryStore{registry}.buildDeferredIndexes();
     QuotaUsageEntryStore{registry}.refreshUsageQuarters();
     summary.tokens = written.tokens;
     summary.linesSkipped = written.linesSkipped;

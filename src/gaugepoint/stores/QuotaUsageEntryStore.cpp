@@ -10,6 +10,17 @@
 namespace gaugepoint {
 namespace {
 
+// Secondary indexes that a first import into empty tables builds once at its end (sorting the
+// rows) instead of keeping them up to date row by row; the schema creates any that is missing,
+// so a scan stopped in between leaves none missing for long.
+#define GP_INDEX_UE_FILE "CREATE INDEX IF NOT EXISTS idx_ue_file ON usage_entries(file_key);\n"
+#define GP_INDEX_UE_SESSION \
+    "CREATE INDEX IF NOT EXISTS idx_ue_session ON usage_entries(provider_id, session_id) WHERE counted = 1;\n"
+#define GP_INDEX_IM_SESSION "CREATE INDEX IF NOT EXISTS idx_im_session ON import_messages(provider_id, session_id);\n"
+constexpr const char* kDeferredIndexes = GP_INDEX_UE_FILE GP_INDEX_UE_SESSION GP_INDEX_IM_SESSION;
+constexpr const char* kDropDeferredIndexes =
+    "DROP INDEX IF EXISTS idx_ue_file;\nDROP INDEX IF EXISTS idx_ue_session;\nDROP INDEX IF EXISTS idx_im_session;";
+
 constexpr const char* kSchema =
     "CREATE TABLE IF NOT EXISTS import_files (\n"
     "    file_key INTEGER PRIMARY KEY,\n"
@@ -36,11 +47,11 @@ constexpr const char* kSchema =
     "    counted INTEGER NOT NULL,\n"
     "    UNIQUE (provider_id, dedup_key, file_key)\n"
     ");\n"
-    "CREATE INDEX IF NOT EXISTS idx_ue_file ON usage_entries(file_key);\n"
+    GP_INDEX_UE_FILE
     // Reports group counted entries by time (in any zone), by model and by session.
     "CREATE INDEX IF NOT EXISTS idx_ue_time ON usage_entries(timestamp) WHERE counted = 1;\n"
     
-    "CREATE INDEX IF NOT EXISTS idx_ue_session ON usage_entries(provider_id, session_id) WHERE counted = 1;\n"
+    GP_INDEX_UE_SESSION
     "CREATE TABLE IF NOT EXISTS import_messages (\n"
     "    id INTEGER PRIMARY KEY,\n"
     "    file_key INTEGER NOT NULL,\n"
@@ -58,7 +69,7 @@ constexpr const char* kSchema =
     "    text TEXT,\n"
     "    UNIQUE (file_key, message_key)\n"
     ");\n"
-    "CREATE INDEX IF NOT EXISTS idx_im_session ON import_messages(provider_id, session_id);\n"
+    GP_INDEX_IM_SESSION
     "CREATE TABLE IF NOT EXISTS import_sessions (\n"
     "    provider_id TEXT NOT NULL,\n"
     "    session_id TEXT NOT NULL,\n"
@@ -344,6 +355,17 @@ void QuotaUsageEntryStore::endBulkBatch(sqlite::Connection& connection) {
     connection.exec(kQuarterTriggers, "end bulk import");
 }
 
+void QuotaUsageEntryStore::deferIndexes(sqlite::Connection& connection) {
+    connection.exec(kDropDeferredIndexes, "defer usage indexes");
+}
+
+void QuotaUsageEntryStore::buildDeferredIndexes() const {
+    registry_.inTransaction("build usage indexes", [](sqlite::Connection& connection) {
+        connection.exec(kDeferredIndexes, "build usage indexes");
+        return true;
+    });
+}
+
 void QuotaUsageEntryStore::refreshUsageQuarters() const {
     bool dirty = false;  // a scan that changed nothing writes nothing
     registry_.withConnection([&](sqlite::Connection& connection) {
@@ -381,12 +403,16 @@ std::int64_t QuotaUsageEntryStore::fileKey(sqlite::StatementCache& statements, c
 
 std::int64_t QuotaUsageEntryStore::fileKeyWithState(sqlite::StatementCache& statements,
                                                    const QuotaSessionFileRegistryEntry& entry, std::string_view state,
-                                                   bool likelyNew) {
+                                                   bool likelyNew, bool& created) {
+    created = false;
     if (likelyNew) {
         auto& add = statements.get(kAddFileWithState, "prepare file key", "execute file key");
         add.bind(1, entry.path).bind(2, entry.sourceID).bind(3, entry.providerID).bind(4, json::rawValue(entry.captureMode));
         add.bind(5, state).run();
-        if (statements.connection().changes() == 1) return statements.connection().lastInsertRowID();
+        if (statements.connection().changes() == 1) {
+            created = true;
+            return statements.connection().lastInsertRowID();
+        }
     }
     const std::int64_t key = fileKey(statements, entry);
     setParserState(statements, key, state);
