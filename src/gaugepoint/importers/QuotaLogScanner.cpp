@@ -735,8 +735,6 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
         }
     }
 
-    if (writer.deferredIndexes()) QuotaUsageEntryStore{registry}.buildDeferredIndexes();
-    QuotaUsageEntryStore{registry}.refreshUsageQuarters();
     summary.tokens = written.tokens;
     summary.linesSkipped = written.linesSkipped;
     for (auto& p : written.problems) {
@@ -744,12 +742,19 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     }
     // A tree just as the registry knows it (every file unchanged, none gone) keeps the
     // checkpoints saved when it last changed, and a document of every file need not be read.
+    // They are a document of their own, written beside the registry's and catalogue's work.
     std::size_t known = 0;
     for (const auto& tool : tools) known += tool.known.size();
+    std::future<void> checkpoints;
     if (summary.filesUnchanged != total || std::size_t(total) != known) {
-        updateCheckpoints(states, tools, sourceID, options.capture, configuration_.clock.now());
+        checkpoints = std::async(std::launch::async, [&] {
+            updateCheckpoints(states, tools, sourceID, options.capture, configuration_.clock.now());
+        });
     }
+    if (writer.deferredIndexes()) QuotaUsageEntryStore{registry}.buildDeferredIndexes();
+    QuotaUsageEntryStore{registry}.refreshUsageQuarters();
     const auto published = publishDirtySessions(QuotaUsageEntryStore{registry}, catalog, options.capture);
+    if (checkpoints.valid()) checkpoints.get();
     summary.newSessions = published.newSessions;
     summary.updatedSessions = published.updatedSessions;
     if (options.progress) options.progress({total, total, summary.bytesRead, std::max(toRead, summary.bytesRead)});
