@@ -6,13 +6,15 @@
 #include <set>
 
 #include "gaugepoint/platform/Json.hpp"
+#include "gaugepoint/stores/SQLiteConnectionHolder.hpp"
 
 namespace gaugepoint {
 namespace {
 
 // Secondary indexes that a first import into empty tables builds once at its end (sorting the
-// rows) instead of keeping them up to date row by row; the schema creates any that is missing,
-// so a scan stopped in between leaves none missing for long.
+// rows) instead of keeping them up to date row by row. Opening the file makes any that is
+// missing (an import stopped before its end), unless a writer holds the file: an import still
+// running makes them itself, and a reader opening meanwhile must not wait for it.
 #define GP_INDEX_UE_FILE "CREATE INDEX IF NOT EXISTS idx_ue_file ON usage_entries(file_key);\n"
 #define GP_INDEX_UE_SESSION \
     "CREATE INDEX IF NOT EXISTS idx_ue_session ON usage_entries(provider_id, session_id) WHERE counted = 1;\n"
@@ -47,11 +49,9 @@ constexpr const char* kSchema =
     "    counted INTEGER NOT NULL,\n"
     "    UNIQUE (provider_id, dedup_key, file_key)\n"
     ");\n"
-    GP_INDEX_UE_FILE
     // Reports group counted entries by time (in any zone), by model and by session.
     "CREATE INDEX IF NOT EXISTS idx_ue_time ON usage_entries(timestamp) WHERE counted = 1;\n"
     
-    GP_INDEX_UE_SESSION
     "CREATE TABLE IF NOT EXISTS import_messages (\n"
     "    id INTEGER PRIMARY KEY,\n"
     "    file_key INTEGER NOT NULL,\n"
@@ -69,7 +69,6 @@ constexpr const char* kSchema =
     "    text TEXT,\n"
     "    UNIQUE (file_key, message_key)\n"
     ");\n"
-    GP_INDEX_IM_SESSION
     "CREATE TABLE IF NOT EXISTS import_sessions (\n"
     "    provider_id TEXT NOT NULL,\n"
     "    session_id TEXT NOT NULL,\n"
@@ -335,6 +334,15 @@ std::vector<QuotaUsageEntry> readEntries(sqlite::Statement& select) {
 
 void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
     connection.exec(kSchema, "ensure import tables");
+    {
+        sqlite::Statement count{connection,
+                                "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name IN "
+                                "('idx_ue_file', 'idx_ue_session', 'idx_im_session')",
+                                "prepare usage indexes", "execute usage indexes"};
+        if (count.step() && count.integer(0) < 3) {
+            connection.execUnlessLocked(kDeferredIndexes, "ensure usage indexes", SQLiteConnectionHolder::busyTimeout());
+        }
+    }
     bool hadQuarters = false;
     {
         sqlite::Statement exists{connection, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'usage_quarters'",

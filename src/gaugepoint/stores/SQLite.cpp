@@ -17,6 +17,16 @@ void Connection::exec(const char* sql, std::string_view label) {
     if (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) fail(label);
 }
 
+bool Connection::execUnlessLocked(const char* sql, std::string_view label, std::chrono::milliseconds busyTimeout) {
+    sqlite3_busy_timeout(db_, 0);
+    const bool ok = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+    const int code = sqlite3_errcode(db_) & 0xff;
+    sqlite3_busy_timeout(db_, int(busyTimeout.count()));
+    if (ok) return true;
+    if (code == SQLITE_BUSY || code == SQLITE_LOCKED) return false;
+    fail(label);
+}
+
 void Connection::execWaitingOutLocks(const char* sql, std::string_view label, std::chrono::milliseconds budget) {
     const auto deadline = std::chrono::steady_clock::now() + budget;
     while (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {

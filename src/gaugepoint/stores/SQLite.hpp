@@ -34,6 +34,9 @@ public:
     // deadlock, as two processes switching a new file to WAL at once can), tries again every
     // few milliseconds until `budget` has passed.
     void execWaitingOutLocks(const char* sql, std::string_view label, std::chrono::milliseconds budget);
+    // As exec, but gives up at once when another connection holds the lock it needs: false then.
+    // `busyTimeout` is the connection's wait for locks, restored afterwards.
+    bool execUnlessLocked(const char* sql, std::string_view label, std::chrono::milliseconds busyTimeout);
     // Rolls back an open transaction, if any; errors ignored (for clean-up on failure paths).
     void rollbackQuietly() noexcept;
     // Whether no transaction is open.
