@@ -105,6 +105,35 @@ TEST(LogScanFaults, AScanKilledAtAnyMomentLosesAndDoublesNothing) {
     }
 }
 
+// While a first import runs, its indexes by file and session are missing and it holds the write
+// lock for whole batches: a store opened meanwhile must neither wait for it nor fail, and the
+// next opening with nobody writing makes what an import stopped before its end left out.
+TEST(LogScanFaults, OpeningDuringAFirstImportNeitherWaitsNorLeavesIndexesOut) {
+    std::vector<std::string> indexes;  // as a registry that no scan wrote has them
+    {
+        const LogTree fresh;
+        fresh.usage().countedEntries();
+        indexes = registryIndexes(fresh);
+    }
+    // Every opening of the tree's store happens in a process of its own: a process keeps its
+    // connection, and the set-up runs on opening.
+    const LogTree tree;
+    const auto open = [&] { return testing::exitStatus(testing::inChildProcess([&] { return (tree.usage().countedEntries(), 0); })); };
+    ASSERT_EQ(open(), 0);
+    {
+        testing::RawDatabase writer{tree.configuration.appGroupDirectory.value() /
+                                    std::string(QuotaSessionFileRegistry::defaultFilename)};
+        ASSERT_EQ(writer.exec("DROP INDEX idx_ue_file; DROP INDEX idx_ue_session; DROP INDEX idx_im_session; BEGIN IMMEDIATE"), "");
+        const auto started = std::chrono::steady_clock::now();
+        EXPECT_EQ(open(), 0);
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(1500));
+        writer.exec("COMMIT");
+    }
+    EXPECT_NE(registryIndexes(tree), indexes);
+    EXPECT_EQ(open(), 0);
+    EXPECT_EQ(registryIndexes(tree), indexes);
+}
+
 TEST(LogScanFaults, TwoScansAtOnceCountNothingTwice) {
     const LogTree tree;
     const pid_t child = testing::inChildProcess([&] { return (tree.scan(), 0); });
