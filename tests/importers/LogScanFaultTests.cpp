@@ -52,12 +52,25 @@ TEST(LogScanFaults, BadLinesAndFilesAreSkippedCountedAndTheRestImported) {
     EXPECT_EQ(tree.scan().linesSkipped, 0);  // skipped lines are not read again
 }
 
+// Every index of the registry file with its SQL, as the file holds it now.
+std::vector<std::string> registryIndexes(const testing::LogTree& tree) {
+    testing::RawDatabase db{tree.configuration.appGroupDirectory.value() /
+                            std::string(QuotaSessionFileRegistry::defaultFilename)};
+    return db.column("SELECT name || ': ' || sql FROM sqlite_master WHERE type = 'index' AND sql IS NOT NULL ORDER BY name");
+}
+
 // A scan killed at any moment, then a full scan: every row once. Few large files are written a
 // piece at a time, many small ones many to a transaction; both must lose and double nothing.
 TEST(LogScanFaults, AScanKilledAtAnyMomentLosesAndDoublesNothing) {
     struct Shape {
         int files, events;
     };
+    std::vector<std::string> indexes;  // as a registry that no scan wrote has them
+    {
+        const LogTree fresh;
+        fresh.usage().countedEntries();
+        indexes = registryIndexes(fresh);
+    }
     for (const Shape shape : {Shape{40, 2000}, Shape{1500, 30}}) {
         const LogTree tree;
         // Each event adds 1,000 tokens.
@@ -77,7 +90,12 @@ TEST(LogScanFaults, AScanKilledAtAnyMomentLosesAndDoublesNothing) {
             ::kill(child, SIGKILL);
             testing::exitStatus(child);
         }
+        // A first import puts off some indexes until its end; a killed one leaves them to the
+        // next opening of the store.
+        tree.usage().countedEntries();
+        EXPECT_EQ(registryIndexes(tree), indexes);
         tree.scan();
+        EXPECT_EQ(registryIndexes(tree), indexes);  // as the scan left them, before any other opening
         std::int64_t tokens = 0;
         for (const auto& e : tree.usage().countedEntries("codex")) {
             if (e.sessionID.starts_with("crash-")) tokens += e.tokens.totalTokens();
@@ -85,6 +103,35 @@ TEST(LogScanFaults, AScanKilledAtAnyMomentLosesAndDoublesNothing) {
         EXPECT_EQ(tokens, std::int64_t(shape.files) * shape.events * 1000) << shape.files << " files";
         EXPECT_EQ(tree.scan().filesRead, 0);
     }
+}
+
+// While a first import runs, its indexes by file and session are missing and it holds the write
+// lock for whole batches: a store opened meanwhile must neither wait for it nor fail, and the
+// next opening with nobody writing makes what an import stopped before its end left out.
+TEST(LogScanFaults, OpeningDuringAFirstImportNeitherWaitsNorLeavesIndexesOut) {
+    std::vector<std::string> indexes;  // as a registry that no scan wrote has them
+    {
+        const LogTree fresh;
+        fresh.usage().countedEntries();
+        indexes = registryIndexes(fresh);
+    }
+    // Every opening of the tree's store happens in a process of its own: a process keeps its
+    // connection, and the set-up runs on opening.
+    const LogTree tree;
+    const auto open = [&] { return testing::exitStatus(testing::inChildProcess([&] { return (tree.usage().countedEntries(), 0); })); };
+    ASSERT_EQ(open(), 0);
+    {
+        testing::RawDatabase writer{tree.configuration.appGroupDirectory.value() /
+                                    std::string(QuotaSessionFileRegistry::defaultFilename)};
+        ASSERT_EQ(writer.exec("DROP INDEX idx_ue_file; DROP INDEX idx_ue_session; DROP INDEX idx_im_session; BEGIN IMMEDIATE"), "");
+        const auto started = std::chrono::steady_clock::now();
+        EXPECT_EQ(open(), 0);
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(1500));
+        writer.exec("COMMIT");
+    }
+    EXPECT_NE(registryIndexes(tree), indexes);
+    EXPECT_EQ(open(), 0);
+    EXPECT_EQ(registryIndexes(tree), indexes);
 }
 
 TEST(LogScanFaults, TwoScansAtOnceCountNothingTwice) {

@@ -16,6 +16,7 @@
 #include <mutex>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/importers/JsonLineParser.hpp"
@@ -236,16 +237,20 @@ std::int64_t bytesToRead(const std::vector<ToolFiles>& tools) {
 
 // Loads the parser states of the changed files that may go on from their position, before any
 // write starts (the writer holds the connection for whole batches).
-void loadParserStates(const QuotaSessionFileRegistry& registry, std::vector<ToolFiles>& tools) {
+void loadParserStates(const QuotaSessionFileRegistry& registry, const std::string& sourceID, std::vector<ToolFiles>& tools) {
     registry.withConnection([&](sqlite::Connection& connection) {
         sqlite::StatementCache statements{connection};
         for (auto& tool : tools) {
             for (const auto& file : tool.files) {
                 const auto found = tool.known.find(file.path.string());
                 if (found == tool.known.end()) continue;
-                const auto& entry = found->second;
-                if (isUnchanged(*tool.tool, entry, file) || !goesOn(*tool.tool, entry, file)) continue;
-                tool.states.emplace(entry.path, QuotaUsageEntryStore::parserState(statements, entry));
+                if (isUnchanged(*tool.tool, found->second, file) || !goesOn(*tool.tool, found->second, file)) continue;
+                QuotaSessionFileRegistryEntry key;
+                key.path = found->first;
+                key.sourceID = sourceID;
+                key.providerID = tool.tool->provider().id;
+                key.captureMode = found->second.captureMode;
+                tool.states.emplace(found->first, QuotaUsageEntryStore::parserState(statements, key));
             }
         }
     });
@@ -488,7 +493,10 @@ public:
             registry_.inTransaction("import logs", [&](sqlite::Connection& connection) {
                 sqlite::StatementCache statements{connection};
                 if (!checkedEmpty_) {
-                    if (QuotaUsageEntryStore::hasNoEntries(statements)) sinceEmpty_.emplace();
+                    if (QuotaUsageEntryStore::hasNoEntries(statements)) {
+                        sinceEmpty_.emplace();
+                        QuotaUsageEntryStore::deferIndexes(connection);
+                    }
                     checkedEmpty_ = true;
                 }
                 if (sinceEmpty_) QuotaUsageEntryStore::beginBulkBatch(connection);
@@ -505,6 +513,9 @@ public:
         }
     }
 
+    // Whether the import started into empty entries, its indexes by file and session deferred.
+    bool deferredIndexes() const { return sinceEmpty_.has_value(); }
+
 private:
     // A batch ends after this many pieces or this long, whichever comes first: few commits, and
     // little work lost when a scan is stopped.
@@ -520,18 +531,22 @@ private:
         if (abandonedPath_ == piece.entry.path) return;
         if (!records.firstSession_.empty()) piece.entry.sessionID = records.firstSession_;
         const auto& e = piece.entry;
-        if (QuotaSessionFileRegistry::lastOffset(statements, e) != piece.expected) {
+        // A file the registry did not know when the scan began has no entry but the one this
+        // scan writes (only scans add entries, and they hold the scan lock): its first piece
+        // needs no lookup, unless the same path came twice.
+        const bool firstOfNewFile = !piece.expected && newFiles_.insert(piece.entry.path).second;
+        if (!firstOfNewFile && QuotaSessionFileRegistry::lastOffset(statements, e) != piece.expected) {
             abandonedPath_ = piece.entry.path;
             return;
         }
-        const std::int64_t key = QuotaUsageEntryStore::fileKey(statements, e);
+        bool created = false;
+        const std::int64_t key = QuotaUsageEntryStore::fileKeyWithState(statements, e, piece.state, !piece.expected, created);
         QuotaUsageEntryStore::Tally forgotten;
-        if (piece.forgetFirst) forgotten = QuotaUsageEntryStore::forgetFile(statements, key);
+        if (piece.forgetFirst && !created) forgotten = QuotaUsageEntryStore::forgetFile(statements, key);
         const auto added =
             QuotaUsageEntryStore::record(statements, key, records.usage_, records.messages_, e.providerID, records.sessions_,
                                          sinceEmpty_ ? &*sinceEmpty_ : nullptr);
         if (records.limits_) QuotaUsageEntryStore::noteRateLimits(statements, *records.limits_);
-        QuotaUsageEntryStore::setParserState(statements, key, piece.state);
         QuotaSessionFileRegistry::upsert(statements, e);
         tally_.tokens += forgotten.countedTokens + added.countedTokens;
     }
@@ -539,6 +554,7 @@ private:
     const QuotaSessionFileRegistry& registry_;
     QuotaScanSummary& tally_;
     std::string abandonedPath_;
+    std::unordered_set<std::string> newFiles_;  // paths unknown to the registry, written by this scan
     // A scan into empty usage entries (the first) looks up only keys it wrote itself; only
     // scans write the entries, and they hold the scan lock.
     bool checkedEmpty_ = false;
@@ -655,8 +671,11 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     for (const auto& tool : codingTools()) {
         ToolFiles& files = tools.emplace_back();
         files.tool = tool.get();
-        for (auto& entry : registry.list(tool->provider().id, options.capture, sourceID)) {
-            files.known.emplace(entry.path, std::move(entry));
+        auto known = registry.positions(tool->provider().id, options.capture, sourceID);
+        files.known.reserve(known.size());
+        for (auto& entry : known) {
+            std::string path = std::move(entry.path);  // kept once, as the key
+            files.known.emplace(std::move(path), std::move(entry));
         }
     }
     std::int64_t total = 0;
@@ -669,7 +688,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
         }
     }
 
-    loadParserStates(registry, tools);
+    loadParserStates(registry, sourceID, tools);
     const std::int64_t toRead = bytesToRead(tools);
     PieceQueue queue;
     FileList files{tools};
@@ -692,8 +711,9 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     const auto joinReaders = [&] {
         for (auto& reader : readers) reader.join();
     };
+    PieceWriter writer{registry, written};
     try {
-        PieceWriter{registry, written}.writeAll(queue);
+        writer.writeAll(queue);
     } catch (...) {
         queue.abandon();
         while (queue.pop()) {
@@ -715,7 +735,6 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
         }
     }
 
-    QuotaUsageEntryStore{registry}.refreshUsageQuarters();
     summary.tokens = written.tokens;
     summary.linesSkipped = written.linesSkipped;
     for (auto& p : written.problems) {
@@ -723,12 +742,19 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     }
     // A tree just as the registry knows it (every file unchanged, none gone) keeps the
     // checkpoints saved when it last changed, and a document of every file need not be read.
+    // They are a document of their own, written beside the registry's and catalogue's work.
     std::size_t known = 0;
     for (const auto& tool : tools) known += tool.known.size();
+    std::future<void> checkpoints;
     if (summary.filesUnchanged != total || std::size_t(total) != known) {
-        updateCheckpoints(states, tools, sourceID, options.capture, configuration_.clock.now());
+        checkpoints = std::async(std::launch::async, [&] {
+            updateCheckpoints(states, tools, sourceID, options.capture, configuration_.clock.now());
+        });
     }
+    if (writer.deferredIndexes()) QuotaUsageEntryStore{registry}.buildDeferredIndexes();
+    QuotaUsageEntryStore{registry}.refreshUsageQuarters();
     const auto published = publishDirtySessions(QuotaUsageEntryStore{registry}, catalog, options.capture);
+    if (checkpoints.valid()) checkpoints.get();
     summary.newSessions = published.newSessions;
     summary.updatedSessions = published.updatedSessions;
     if (options.progress) options.progress({total, total, summary.bytesRead, std::max(toRead, summary.bytesRead)});

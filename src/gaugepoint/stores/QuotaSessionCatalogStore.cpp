@@ -426,6 +426,7 @@ std::optional<QuotaSessionDescriptor> QuotaSessionCatalogStore::loadDescriptor(s
 std::vector<std::optional<QuotaSessionDescriptor>> QuotaSessionCatalogStore::loadDescriptorsByID(
     std::string_view sourceID, const std::vector<std::string>& ids) const {
     return runCatalog([&](sqlite::Connection& connection) {
+        const sqlite::ReadTransaction reads{connection};
         sqlite::Statement select{connection, kLoadOne, "prepare loadDescriptor", "execute loadDescriptor"};
         std::vector<std::optional<QuotaSessionDescriptor>> descriptors;
         descriptors.reserve(ids.size());

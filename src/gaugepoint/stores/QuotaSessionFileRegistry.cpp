@@ -68,6 +68,9 @@ const std::string kLoad = std::string(kColumns) +
 // provider's index, every entry of the provider per lookup.
 constexpr const char* kLastOffset =
     "SELECT last_offset FROM session_file_registry\nWHERE path = ? AND source_id = ? AND provider_id = ? AND capture_mode = ?";
+constexpr const char* kPositions =
+    "SELECT path, file_identifier, size, modified_at, last_offset, parser_version\nFROM session_file_registry\n"
+    "WHERE provider_id = ? AND capture_mode = ? AND source_id = ?";
 constexpr const char* kOrder = "\nORDER BY updated_at DESC, path ASC, capture_mode ASC";
 constexpr const char* kUpsert =
     "INSERT INTO session_file_registry (\n    path,\n    source_id,\n    provider_id,\n    capture_mode,\n"
@@ -214,6 +217,27 @@ std::vector<QuotaSessionFileRegistryEntry> QuotaSessionFileRegistry::list(
         std::vector<QuotaSessionFileRegistryEntry> entries;
         while (select.step()) {
             if (auto entry = entryFromRow(select)) entries.push_back(std::move(*entry));
+        }
+        return entries;
+    });
+}
+
+std::vector<QuotaSessionFileRegistryEntry> QuotaSessionFileRegistry::positions(std::string_view providerID,
+                                                                              QuotaSessionContentCaptureMode captureMode,
+                                                                              std::string_view sourceID) const {
+    return runRegistry([&](sqlite::Connection& connection) {
+        sqlite::Statement select{connection, kPositions, "prepare positions", "execute positions"};
+        select.bind(1, providerID).bind(2, json::rawValue(captureMode)).bind(3, sourceID);
+        std::vector<QuotaSessionFileRegistryEntry> entries;
+        while (select.step()) {
+            QuotaSessionFileRegistryEntry& entry = entries.emplace_back();
+            entry.path = std::string(select.text(0).value_or(""));
+            entry.fileIdentifier = sqlite::optionalText(select, 1);
+            if (!select.isNull(2)) entry.size = select.integer(2);
+            entry.modifiedAt = sqlite::optionalDate(select, 3);
+            entry.lastOffset = select.integer(4);
+            entry.parserVersion = select.integer(5);
+            entry.captureMode = captureMode;
         }
         return entries;
     });

@@ -52,6 +52,12 @@ public:
     std::vector<QuotaSessionFileRegistryEntry> list(const std::optional<std::string>& providerID = std::nullopt,
                                                     const std::optional<QuotaSessionContentCaptureMode>& captureMode = std::nullopt,
                                                     const std::optional<std::string>& sourceID = std::nullopt) const;
+    // The files of one provider, capture mode and source, in no order, with only what tells
+    // whether a file changed and where its reading goes on: path, file identifier, size,
+    // modification time, last offset and parser version (the rest left empty). A rescan of a
+    // large unchanged tree compares every file with these.
+    std::vector<QuotaSessionFileRegistryEntry> positions(std::string_view providerID, QuotaSessionContentCaptureMode captureMode,
+                                                         std::string_view sourceID) const;
     // Inserts or replaces the entry of (path, source, provider, capture mode).
     void upsert(const QuotaSessionFileRegistryEntry& entry) const;
     // Deletes one file's entry (of any source when none is given), or every entry of a

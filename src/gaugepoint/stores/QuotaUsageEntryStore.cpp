@@ -6,9 +6,22 @@
 #include <set>
 
 #include "gaugepoint/platform/Json.hpp"
+#include "gaugepoint/stores/SQLiteConnectionHolder.hpp"
 
 namespace gaugepoint {
 namespace {
+
+// Secondary indexes that a first import into empty tables builds once at its end (sorting the
+// rows) instead of keeping them up to date row by row. Opening the file makes any that is
+// missing (an import stopped before its end), unless a writer holds the file: an import still
+// running makes them itself, and a reader opening meanwhile must not wait for it.
+#define GP_INDEX_UE_FILE "CREATE INDEX IF NOT EXISTS idx_ue_file ON usage_entries(file_key);\n"
+#define GP_INDEX_UE_SESSION \
+    "CREATE INDEX IF NOT EXISTS idx_ue_session ON usage_entries(provider_id, session_id) WHERE counted = 1;\n"
+#define GP_INDEX_IM_SESSION "CREATE INDEX IF NOT EXISTS idx_im_session ON import_messages(provider_id, session_id);\n"
+constexpr const char* kDeferredIndexes = GP_INDEX_UE_FILE GP_INDEX_UE_SESSION GP_INDEX_IM_SESSION;
+constexpr const char* kDropDeferredIndexes =
+    "DROP INDEX IF EXISTS idx_ue_file;\nDROP INDEX IF EXISTS idx_ue_session;\nDROP INDEX IF EXISTS idx_im_session;";
 
 constexpr const char* kSchema =
     "CREATE TABLE IF NOT EXISTS import_files (\n"
@@ -36,11 +49,9 @@ constexpr const char* kSchema =
     "    counted INTEGER NOT NULL,\n"
     "    UNIQUE (provider_id, dedup_key, file_key)\n"
     ");\n"
-    "CREATE INDEX IF NOT EXISTS idx_ue_file ON usage_entries(file_key);\n"
     // Reports group counted entries by time (in any zone), by model and by session.
     "CREATE INDEX IF NOT EXISTS idx_ue_time ON usage_entries(timestamp) WHERE counted = 1;\n"
     
-    "CREATE INDEX IF NOT EXISTS idx_ue_session ON usage_entries(provider_id, session_id) WHERE counted = 1;\n"
     "CREATE TABLE IF NOT EXISTS import_messages (\n"
     "    id INTEGER PRIMARY KEY,\n"
     "    file_key INTEGER NOT NULL,\n"
@@ -58,7 +69,6 @@ constexpr const char* kSchema =
     "    text TEXT,\n"
     "    UNIQUE (file_key, message_key)\n"
     ");\n"
-    "CREATE INDEX IF NOT EXISTS idx_im_session ON import_messages(provider_id, session_id);\n"
     "CREATE TABLE IF NOT EXISTS import_sessions (\n"
     "    provider_id TEXT NOT NULL,\n"
     "    session_id TEXT NOT NULL,\n"
@@ -140,6 +150,9 @@ constexpr const char* kFindFile =
     "SELECT file_key FROM import_files WHERE path = ? AND source_id = ? AND provider_id = ? AND capture_mode = ?";
 constexpr const char* kAddFile =
     "INSERT INTO import_files (path, source_id, provider_id, capture_mode) VALUES (?, ?, ?, ?)";
+constexpr const char* kAddFileWithState =
+    "INSERT INTO import_files (path, source_id, provider_id, capture_mode, parser_state) VALUES (?, ?, ?, ?, ?)\n"
+    "ON CONFLICT (path, source_id, provider_id, capture_mode) DO NOTHING";
 constexpr const char* kParserState = "SELECT parser_state FROM import_files WHERE file_key = ?";
 constexpr const char* kParserStateOfFile =
     "SELECT parser_state FROM import_files WHERE path = ? AND source_id = ? AND provider_id = ? AND capture_mode = ?";
@@ -321,6 +334,15 @@ std::vector<QuotaUsageEntry> readEntries(sqlite::Statement& select) {
 
 void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
     connection.exec(kSchema, "ensure import tables");
+    {
+        sqlite::Statement count{connection,
+                                "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name IN "
+                                "('idx_ue_file', 'idx_ue_session', 'idx_im_session')",
+                                "prepare usage indexes", "execute usage indexes"};
+        if (count.step() && count.integer(0) < 3) {
+            connection.execUnlessLocked(kDeferredIndexes, "ensure usage indexes", SQLiteConnectionHolder::busyTimeout());
+        }
+    }
     bool hadQuarters = false;
     {
         sqlite::Statement exists{connection, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'usage_quarters'",
@@ -339,6 +361,17 @@ void QuotaUsageEntryStore::beginBulkBatch(sqlite::Connection& connection) {
 void QuotaUsageEntryStore::endBulkBatch(sqlite::Connection& connection) {
     connection.exec(kNoteAllQuarters, "end bulk import");
     connection.exec(kQuarterTriggers, "end bulk import");
+}
+
+void QuotaUsageEntryStore::deferIndexes(sqlite::Connection& connection) {
+    connection.exec(kDropDeferredIndexes, "defer usage indexes");
+}
+
+void QuotaUsageEntryStore::buildDeferredIndexes() const {
+    registry_.inTransaction("build usage indexes", [](sqlite::Connection& connection) {
+        connection.exec(kDeferredIndexes, "build usage indexes");
+        return true;
+    });
 }
 
 void QuotaUsageEntryStore::refreshUsageQuarters() const {
@@ -374,6 +407,24 @@ std::int64_t QuotaUsageEntryStore::fileKey(sqlite::StatementCache& statements, c
     bindKey(add);
     add.run();
     return statements.connection().lastInsertRowID();
+}
+
+std::int64_t QuotaUsageEntryStore::fileKeyWithState(sqlite::StatementCache& statements,
+                                                   const QuotaSessionFileRegistryEntry& entry, std::string_view state,
+                                                   bool likelyNew, bool& created) {
+    created = false;
+    if (likelyNew) {
+        auto& add = statements.get(kAddFileWithState, "prepare file key", "execute file key");
+        add.bind(1, entry.path).bind(2, entry.sourceID).bind(3, entry.providerID).bind(4, json::rawValue(entry.captureMode));
+        add.bind(5, state).run();
+        if (statements.connection().changes() == 1) {
+            created = true;
+            return statements.connection().lastInsertRowID();
+        }
+    }
+    const std::int64_t key = fileKey(statements, entry);
+    setParserState(statements, key, state);
+    return key;
 }
 
 bool QuotaUsageEntryStore::KeysSinceEmpty::mayExist(std::string_view providerID, std::string_view dedupKey) {
@@ -628,6 +679,7 @@ std::vector<QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::sessionC
     std::vector<SessionContent> contents;
     contents.reserve(sessions.size());
     registry_.withConnection([&](sqlite::Connection& connection) {
+        const sqlite::ReadTransaction reads{connection};
         sqlite::StatementCache statements{connection};
         for (const auto& session : sessions) {
             SessionContent& content = contents.emplace_back();

@@ -35,6 +35,12 @@ public:
 
     // The integer key of the file an entry describes, made on first use.
     static std::int64_t fileKey(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry);
+    // The key of the file with the parser's state after this read set to `state`. A file the
+    // registry did not know (`likelyNew`) is tried with one insert that stores both, instead of
+    // a lookup, an insert and an update. `created` tells whether that insert made the key: no
+    // row refers to it yet, so there is nothing of the file to forget.
+    static std::int64_t fileKeyWithState(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry,
+                                         std::string_view state, bool likelyNew, bool& created);
     // The parser's state for the file ("" at first), and its replacement.
     static std::string parserState(sqlite::StatementCache& statements, std::int64_t fileKey);
     // The parser's state of the file an entry describes, "" when it has none; writes nothing.
@@ -67,6 +73,11 @@ public:
     // every quarter with counted entries (all there are, the sums being empty until the scan
     // refreshes them) and restores the triggers, so every committed state is whole.
     static void beginBulkBatch(sqlite::Connection& connection);
+    // For a first import into empty entries, in its first batch: drops the indexes by file and
+    // by session, which buildDeferredIndexes() makes again in one pass once the import is
+    // written (and the schema makes again on the next open, should the import stop before).
+    static void deferIndexes(sqlite::Connection& connection);
+    void buildDeferredIndexes() const;
     static void endBulkBatch(sqlite::Connection& connection);
 
     // Records one read of the file: usage entries (the same key twice keeps the most output),

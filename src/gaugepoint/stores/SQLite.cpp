@@ -17,6 +17,16 @@ void Connection::exec(const char* sql, std::string_view label) {
     if (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) fail(label);
 }
 
+bool Connection::execUnlessLocked(const char* sql, std::string_view label, std::chrono::milliseconds busyTimeout) {
+    sqlite3_busy_timeout(db_, 0);
+    const bool ok = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+    const int code = sqlite3_errcode(db_) & 0xff;
+    sqlite3_busy_timeout(db_, int(busyTimeout.count()));
+    if (ok) return true;
+    if (code == SQLITE_BUSY || code == SQLITE_LOCKED) return false;
+    fail(label);
+}
+
 void Connection::execWaitingOutLocks(const char* sql, std::string_view label, std::chrono::milliseconds budget) {
     const auto deadline = std::chrono::steady_clock::now() + budget;
     while (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
@@ -28,6 +38,8 @@ void Connection::execWaitingOutLocks(const char* sql, std::string_view label, st
 void Connection::rollbackQuietly() noexcept {
     if (!sqlite3_get_autocommit(db_)) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
 }
+
+bool Connection::inAutocommit() const { return sqlite3_get_autocommit(db_) != 0; }
 
 std::int64_t Connection::changes() const { return sqlite3_changes64(db_); }
 
@@ -147,6 +159,18 @@ Transaction::~Transaction() {
 void Transaction::commit() {
     connection_.exec("COMMIT", "commit " + label_);
     open_ = false;
+}
+
+ReadTransaction::ReadTransaction(Connection& connection) : connection_(connection) {
+    // Inside a transaction already, the reads share that one.
+    if (connection_.inAutocommit()) {
+        connection_.exec("BEGIN", "begin reads");
+        began_ = true;
+    }
+}
+
+ReadTransaction::~ReadTransaction() {
+    if (began_) connection_.rollbackQuietly();  // nothing was written: ending it is all it takes
 }
 
 }  // namespace gaugepoint::sqlite

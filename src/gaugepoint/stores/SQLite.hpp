@@ -34,8 +34,13 @@ public:
     // deadlock, as two processes switching a new file to WAL at once can), tries again every
     // few milliseconds until `budget` has passed.
     void execWaitingOutLocks(const char* sql, std::string_view label, std::chrono::milliseconds budget);
+    // As exec, but gives up at once when another connection holds the lock it needs: false then.
+    // `busyTimeout` is the connection's wait for locks, restored afterwards.
+    bool execUnlessLocked(const char* sql, std::string_view label, std::chrono::milliseconds busyTimeout);
     // Rolls back an open transaction, if any; errors ignored (for clean-up on failure paths).
     void rollbackQuietly() noexcept;
+    // Whether no transaction is open.
+    bool inAutocommit() const;
     // Rows changed by the last statement.
     std::int64_t changes() const;
     // The rowid of the last row inserted on this connection.
@@ -112,6 +117,20 @@ private:
     Connection& connection_;
     std::string label_;
     bool open_ = true;
+};
+
+// BEGIN ... COMMIT around a run of reads: one snapshot and one set of file locks for all of them,
+// where each statement on its own would take and release the locks (a few system calls) again.
+class ReadTransaction {
+public:
+    explicit ReadTransaction(Connection& connection);
+    ~ReadTransaction();
+    ReadTransaction(const ReadTransaction&) = delete;
+    ReadTransaction& operator=(const ReadTransaction&) = delete;
+
+private:
+    Connection& connection_;
+    bool began_ = false;
 };
 
 }  // namespace gaugepoint::sqlite
