@@ -16,15 +16,6 @@ const CLI::App* deepestCommand(const CLI::App& root) {
     return app;
 }
 
-std::string commandWords(const CLI::App& root) {
-    std::string words;
-    for (const CLI::App* app = &root; !app->get_subcommands().empty();) {
-        app = app->get_subcommands().front();
-        words += (words.empty() ? "" : " ") + app->get_name();
-    }
-    return words;
-}
-
 std::vector<std::string> subcommandNames(const CLI::App& app) {
     std::vector<std::string> names;
     for (const CLI::App* sub : app.get_subcommands({})) names.push_back(sub->get_name());
@@ -94,6 +85,15 @@ std::string exampleValue(const CLI::Option* option) {
 }
 
 }  // namespace
+
+std::string commandWords(const CLI::App& root) {
+    std::string words;
+    for (const CLI::App* app = &root; !app->get_subcommands().empty();) {
+        app = app->get_subcommands().front();
+        words += (words.empty() ? "" : " ") + app->get_name();
+    }
+    return words;
+}
 
 std::string closestName(std::string_view word, const std::vector<std::string>& candidates) {
     std::string best;

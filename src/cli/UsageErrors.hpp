@@ -12,6 +12,9 @@
 
 namespace gaugepoint::cli {
 
+// "lzfse compress": the command words of the subcommand being run ("" for none).
+std::string commandWords(const CLI::App& root);
+
 // The message for a parse failure of `root` (after root.parse threw `error`), without the
 // "gaugepoint: " prefix.
 std::string usageErrorMessage(const CLI::ParseError& error, const CLI::App& root);

@@ -15,16 +15,6 @@
 
 namespace {
 
-// "lzfse compress": the command words of the subcommand being run.
-std::string commandWords(const CLI::App& root) {
-    std::string words;
-    for (const CLI::App* app = &root; !app->get_subcommands().empty();) {
-        app = app->get_subcommands().front();
-        words += (words.empty() ? "" : " ") + app->get_name();
-    }
-    return words;
-}
-
 // A failure in the words of this machine: a store directory that cannot be made is named by its
 // path (the stores' own texts speak of the macOS App Group container).
 std::string failureMessage(const std::exception& failure, const gaugepoint::cli::GlobalOptions& globals) {
