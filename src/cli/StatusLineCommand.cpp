@@ -50,10 +50,10 @@ ClaudeStatusLineText::Style styleFor(const StatusLineOptions& options) {
 // Today's cost of every tool in the local zone; none when the stores cannot say.
 std::optional<double> todayCost(const QuotaSyncConfiguration& configuration, Date now) {
     const auto calendar = LocalCalendar::current(LocalCalendar::Kind::gregorian);
+    const QuotaUsageEntryStore store{QuotaSessionFileRegistry{configuration}};
     UsageReportFilter today;
     today.since = calendar.dayKey(now);
-    const QuotaUsageEntryStore store{QuotaSessionFileRegistry{configuration}};
-    return usageByPeriod(store, calendar, UsagePeriod::daily, today).totals.totalCost;
+    return usageOfDays(store, calendar, today).totalCost;
 }
 
 // Claude's provider in this machine's snapshot, as just recorded or as stored.

@@ -36,7 +36,7 @@ AlertSpending spendingAt(const QuotaSyncConfiguration& configuration, const Aler
     const auto costSince = [&](std::string since) {
         UsageReportFilter filter;
         filter.since = std::move(since);
-        return usageByPeriod(store, calendar, UsagePeriod::monthly, filter).totals.totalCost;
+        return usageOfDays(store, calendar, filter).totalCost;
     };
     if (settings.dailyBudgetUSD) spending.todayUSD = costSince(spending.day);
     if (settings.monthlyBudgetUSD) spending.monthUSD = costSince(spending.month + "-01");

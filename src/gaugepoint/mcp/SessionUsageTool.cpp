@@ -44,7 +44,7 @@ McpToolResult call(const McpArguments& arguments, McpContext& context) {
     const UsageSessionRow* session = chosenSession(sessions, arguments);
 
     filter.since = filter.until = calendar.dayKey(context.now());
-    const UsagePeriodReport today = usageByPeriod(store, calendar, UsagePeriod::daily, filter);
+    const UsageTotals today = usageOfDays(store, calendar, filter);
 
     McpToolResult result;
     if (session) {
@@ -61,10 +61,10 @@ McpToolResult call(const McpArguments& arguments, McpContext& context) {
         result.structured["session"] = nullptr;
         result.text = "No session found" + (arguments.has("cwd") ? " in " + *arguments.string("cwd") : std::string()) + ".\n";
     }
-    auto todayObject = usageObject(today.totals);
+    auto todayObject = usageObject(today);
     todayObject["date"] = *filter.since;
     result.structured["today"] = std::move(todayObject);
-    result.text += "Today (" + *filter.since + ", " + calendar.timeZoneID() + "): " + usageText(today.totals) + "\n";
+    result.text += "Today (" + *filter.since + ", " + calendar.timeZoneID() + "): " + usageText(today) + "\n";
     return result;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 #include "gaugepoint/model/QuotaReadingOrigin.hpp"
 
@@ -38,11 +39,15 @@ QuotaProviderNow quotaProviderNow(const ProviderQuota& provider, Date generatedA
     result.stale = result.ageSeconds > policy.staleAfterSeconds;
     result.windows.reserve(provider.windows.size());
     for (const auto& window : provider.windows) result.windows.push_back(quotaWindowNow(window, now));
-    // Top-window order first, so that among equally constrained windows the top one wins.
-    const auto ordered = sortedByImportance(provider.windows);
-    for (const auto& candidate : ordered) {
-        const auto index = std::size_t(std::find(provider.windows.begin(), provider.windows.end(), candidate) -
-                                       provider.windows.begin());
+    // Visit the windows in top-window order (importance, then fullest; stable), so that among
+    // equally constrained windows the top one wins.
+    std::vector<std::size_t> order(provider.windows.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+        const auto &x = provider.windows[a], &y = provider.windows[b];
+        return x.importance != y.importance ? x.importance < y.importance : x.usedPercent > y.usedPercent;
+    });
+    for (const std::size_t index : order) {
         const double remaining = result.windows[index].window.remainingPercent();
         if (!result.constrainingIndex || remaining < result.windows[*result.constrainingIndex].window.remainingPercent()) {
             result.constrainingIndex = index;

@@ -70,8 +70,6 @@ std::string resetPassed(Date resetAt, Date now, std::string_view language) {
     return "reset at " + when + ", no reading since";
 }
 
-std::string estimated(std::string_view language) { return isChineseLanguage(language) ? "估算" : "estimated"; }
-
 std::optional<std::string> paceSummary(const QuotaWindowNow& window, std::string_view language) {
     const bool zh = isChineseLanguage(language);
     if (window.paceStatus == QuotaPaceStatus::tooEarly) return zh ? "暂无节奏" : "no pace yet";

@@ -17,8 +17,6 @@ std::string ago(double seconds, std::string_view language);
 std::string asOf(double seconds, std::string_view language);
 // "reset at 14:00, no reading since" / "已于 14:00 重置，此后无读数" (a date when not today).
 std::string resetPassed(Date resetAt, Date now, std::string_view language);
-// "estimated" / "估算".
-std::string estimated(std::string_view language);
 // "14:00" in the local time zone.
 std::string clockTime(Date date);
 // "Thu 14:00" / "周四 14:00" in the local time zone.

@@ -108,6 +108,10 @@ std::pair<std::optional<Date>, std::optional<Date>> reportInterval(const LocalCa
     return {since, until};
 }
 
+UsageTotals usageOfDays(const QuotaUsageEntryStore& store, const LocalCalendar& calendar, const UsageReportFilter& filter) {
+    return usageByPeriod(store, calendar, UsagePeriod::monthly, filter).totals;  // the fewest rows
+}
+
 UsagePeriodReport usageByPeriod(const QuotaUsageEntryStore& store, const LocalCalendar& calendar, UsagePeriod period,
                                 const UsageReportFilter& filter, bool weekStartsMonday,
                                 const std::vector<UsageOfOtherSource>& others) {

@@ -82,6 +82,10 @@ UsagePeriodReport usageByPeriod(const QuotaUsageEntryStore& store, const LocalCa
                                 const UsageReportFilter& filter, bool weekStartsMonday = false,
                                 const std::vector<UsageOfOtherSource>& others = {});
 
+// The usage of the filter's days (in the zone of `calendar`) as one total, without rows: today's
+// or this month's spend. Throws as above.
+UsageTotals usageOfDays(const QuotaUsageEntryStore& store, const LocalCalendar& calendar, const UsageReportFilter& filter);
+
 // A row per session with the entries of the filter's days (in the zone of `calendar`), by last
 // activity. Throws as above.
 UsageSessionReport usageBySession(const QuotaUsageEntryStore& store, const LocalCalendar& calendar,
