@@ -4,60 +4,14 @@
 #include <set>
 
 #include "gaugepoint/platform/Json.hpp"
+#include "gaugepoint/stores/QuotaSessionCatalogRows.hpp"
+#include "gaugepoint/stores/QuotaSessionCatalogSchema.hpp"
 #include "gaugepoint/stores/SnapshotBlob.hpp"
 
 namespace gaugepoint {
 namespace {
 
-// Indexes on columns that catalogues written by earlier versions lack (session_messages.updated_at,
-// session_descriptors.inserted_at) are created by the migration, once the columns exist.
-constexpr const char* kSchema =
-    "CREATE TABLE IF NOT EXISTS session_descriptors (\n"
-    "    id TEXT NOT NULL,\n"
-    "    source_id TEXT NOT NULL,\n"
-    "    provider_id TEXT NOT NULL,\n"
-    "    provider_name TEXT,\n"
-    "    project_path TEXT,\n"
-    "    title TEXT,\n"
-    "    started_at REAL,\n"
-    "    ended_at REAL,\n"
-    "    message_count INTEGER DEFAULT 0,\n"
-    "    prompt_count INTEGER DEFAULT 0,\n"
-    "    total_tokens INTEGER DEFAULT 0,\n"
-    "    sync_mode TEXT NOT NULL DEFAULT 'lite',\n"
-    "    inserted_at REAL NOT NULL,\n"
-    "    updated_at REAL NOT NULL,\n"
-    "    descriptor_data BLOB NOT NULL,\n"
-    "    descriptor_encoding TEXT NOT NULL DEFAULT 'plain',\n"
-    "    PRIMARY KEY (source_id, id)\n"
-    ");\n"
-    "CREATE INDEX IF NOT EXISTS idx_sd_provider ON session_descriptors(provider_id);\n"
-    "CREATE INDEX IF NOT EXISTS idx_sd_ended ON session_descriptors(ended_at DESC);\n"
-    "CREATE INDEX IF NOT EXISTS idx_sd_updated ON session_descriptors(updated_at DESC);\n"
-    "CREATE TABLE IF NOT EXISTS session_messages (\n"
-    "    id INTEGER PRIMARY KEY AUTOINCREMENT,\n"
-    "    session_id TEXT NOT NULL,\n"
-    "    source_id TEXT NOT NULL,\n"
-    "    seq INTEGER NOT NULL DEFAULT 0,\n"
-    "    role TEXT NOT NULL,\n"
-    "    text TEXT,\n"
-    "    timestamp REAL,\n"
-    "    model TEXT,\n"
-    "    token_count INTEGER DEFAULT 0,\n"
-    "    inserted_at REAL NOT NULL,\n"
-    "    updated_at REAL NOT NULL,\n"
-    "    UNIQUE (source_id, session_id, seq)\n"
-    ");\n"
-    "CREATE INDEX IF NOT EXISTS idx_sm_session ON session_messages(source_id, session_id, seq);\n"
-    "CREATE INDEX IF NOT EXISTS idx_sm_inserted ON session_messages(inserted_at DESC);\n"
-    "CREATE TABLE IF NOT EXISTS sync_watermarks (\n"
-    "    device_key TEXT NOT NULL,\n"
-    "    table_name TEXT NOT NULL,\n"
-    "    last_sync_at REAL NOT NULL DEFAULT 0,\n"
-    "    last_row_id INTEGER DEFAULT 0,\n"
-    "    PRIMARY KEY (device_key, table_name)\n"
-    ");\n"
-    "CREATE TEMP TABLE IF NOT EXISTS incoming_descriptor_ids (id TEXT PRIMARY KEY);";
+using namespace catalogrows;
 
 constexpr const char* kUpsert =
     "INSERT INTO session_descriptors (\n    id,\n    source_id,\n    provider_id,\n    provider_name,\n"
@@ -149,20 +103,6 @@ constexpr const char* kSummaryMessages =
 constexpr const char* kSummaryMessagesOfSource =
     "SELECT COUNT(1), MIN(inserted_at), MAX(inserted_at), MAX(updated_at) FROM session_messages WHERE source_id = ?";
 
-constexpr const char* kWatermark =
-    "SELECT last_sync_at, last_row_id FROM sync_watermarks WHERE device_key = ? AND table_name = ?";
-constexpr const char* kUpdateWatermark =
-    "INSERT OR REPLACE INTO sync_watermarks (device_key, table_name, last_sync_at, last_row_id) VALUES (?, ?, ?, ?)";
-constexpr const char* kClearWatermarks = "DELETE FROM sync_watermarks";
-// Rows after (last_sync_at, last_row_id): the first term keeps the scan on the updated_at index.
-constexpr const char* kExportDescriptors =
-    "SELECT rowid, updated_at, descriptor_data, descriptor_encoding\nFROM session_descriptors\n"
-    "WHERE updated_at >= ? AND (updated_at > ? OR rowid > ?)\nORDER BY updated_at ASC, rowid ASC\nLIMIT ?";
-constexpr const char* kExportMessages =
-    "SELECT source_id, session_id, seq, role, text, timestamp, model, token_count, id, inserted_at, updated_at\n"
-    "FROM session_messages\nWHERE updated_at >= ? AND (updated_at > ? OR id > ?)\n"
-    "ORDER BY updated_at ASC, id ASC\nLIMIT ?";
-
 constexpr const char* kTrimMessages = "DELETE FROM session_messages WHERE timestamp < ?";
 constexpr const char* kTrimDescriptors = "DELETE FROM session_descriptors WHERE ended_at < ?";
 constexpr const char* kClearMessages = "DELETE FROM session_messages";
@@ -170,70 +110,6 @@ constexpr const char* kClearDescriptors = "DELETE FROM session_descriptors";
 
 constexpr double kSecondsPerDay = 24 * 60 * 60;
 const std::string kEncodeFailure = "Unable to encode session descriptor";
-
-// ---- schema migration of catalogues written by earlier versions ----
-
-void migrateDescriptors(sqlite::Connection& connection) {
-    const auto columns = sqlite::tableColumns(connection, "session_descriptors", "inspect table info for session_descriptors");
-    if (!columns.contains("descriptor_data")) {
-        connection.exec("ALTER TABLE session_descriptors ADD COLUMN descriptor_data BLOB", "add descriptor_data column");
-    }
-    if (!columns.contains("descriptor_encoding")) {
-        connection.exec("ALTER TABLE session_descriptors ADD COLUMN descriptor_encoding TEXT DEFAULT 'plain'",
-                        "add descriptor_encoding column");
-    }
-    if (columns.contains("descriptor_json")) {
-        connection.exec("UPDATE session_descriptors\nSET descriptor_data = CAST(descriptor_json AS BLOB),\n"
-                        "    descriptor_encoding = 'plain'\nWHERE descriptor_data IS NULL",
-                        "migrate descriptor_json to descriptor_data");
-    }
-}
-
-void migrateMessages(sqlite::Connection& connection) {
-    const auto columns = sqlite::tableColumns(connection, "session_messages", "inspect table info for session_messages");
-    if (!columns.contains("updated_at")) {
-        connection.exec("ALTER TABLE session_messages ADD COLUMN updated_at REAL NOT NULL DEFAULT 0",
-                        "add session_messages updated_at column");
-        connection.exec("UPDATE session_messages SET updated_at = inserted_at WHERE updated_at IS NULL OR updated_at <= 0",
-                        "backfill session_messages updated_at");
-    }
-    connection.exec("CREATE INDEX IF NOT EXISTS idx_sm_updated ON session_messages(updated_at DESC)", "ensure idx_sm_updated");
-}
-
-void migrateInsertedAt(sqlite::Connection& connection) {
-    const auto columns = sqlite::tableColumns(connection, "session_descriptors", "inspect table info for session_descriptors");
-    if (!columns.contains("inserted_at")) {
-        connection.exec("ALTER TABLE session_descriptors ADD COLUMN inserted_at REAL NOT NULL DEFAULT 0",
-                        "add session_descriptors inserted_at column");
-        connection.exec("UPDATE session_descriptors\nSET inserted_at = CASE\n"
-                        "    WHEN updated_at > 0 THEN updated_at\n    WHEN ended_at > 0 THEN ended_at\n"
-                        "    WHEN started_at > 0 THEN started_at\n    ELSE CAST(strftime('%s','now') AS REAL)\n"
-                        "END\nWHERE inserted_at IS NULL OR inserted_at <= 0",
-                        "backfill session_descriptors inserted_at");
-    }
-    connection.exec("CREATE INDEX IF NOT EXISTS idx_sd_inserted ON session_descriptors(inserted_at DESC)",
-                    "ensure idx_sd_inserted");
-}
-
-// Beyond the catalogue's own indexes, three that keep its reads from sorting whole tables at
-// 100,000 sessions and millions of messages: one source's sessions in list order (every page
-// of `sessions list --source` would otherwise sort all of them), and updated_at ascending for
-// the incremental exports, whose (updated_at, rowid) order a descending index can only serve
-// with a sort of every row sharing one updated_at.
-void ensureReadIndexes(sqlite::Connection& connection) {
-    connection.exec("CREATE INDEX IF NOT EXISTS idx_sd_source_ended\n"
-                    "ON session_descriptors(source_id, ended_at DESC, updated_at DESC)",
-                    "ensure idx_sd_source_ended");
-    connection.exec("CREATE INDEX IF NOT EXISTS idx_sd_export ON session_descriptors(updated_at ASC)", "ensure idx_sd_export");
-    connection.exec("CREATE INDEX IF NOT EXISTS idx_sm_export ON session_messages(updated_at ASC)", "ensure idx_sm_export");
-}
-
-void migrate(sqlite::Connection& connection) {
-    migrateDescriptors(connection);
-    migrateMessages(connection);
-    migrateInsertedAt(connection);
-    ensureReadIndexes(connection);
-}
 
 // ---- rows ----
 
@@ -311,44 +187,11 @@ std::vector<DescriptorRow> descriptorRows(const std::vector<QuotaSessionDescript
     return rows;
 }
 
-PersistedSessionMessageRow messageRow(const sqlite::Statement& row, int first, bool withTimes) {
-    PersistedSessionMessageRow message;
-    message.seq = row.integer(first);
-    message.role = std::string(row.text(first + 1).value_or(""));
-    message.text = sqlite::optionalText(row, first + 2);
-    if (!row.isNull(first + 3)) message.timestamp = row.real(first + 3);
-    message.model = sqlite::optionalText(row, first + 4);
-    message.tokenCount = row.integer(first + 5);
-    if (withTimes) {
-        message.insertedAt = row.real(first + 6);
-        message.updatedAt = row.real(first + 7);
-    }
-    return message;
-}
-
-// Columns: source_id, session_id, seq ... token_count, id, inserted_at, updated_at.
-QuotaSessionMessageChange messageChange(const sqlite::Statement& row) {
-    QuotaSessionMessageChange change;
-    change.sourceID = std::string(row.text(0).value_or(""));
-    change.sessionID = std::string(row.text(1).value_or(""));
-    change.row = messageRow(row, 2, false);
-    change.rowID = row.integer(8);
-    change.row.insertedAt = row.real(9);
-    change.row.updatedAt = row.real(10);
-    return change;
-}
-
 std::int64_t countOf(sqlite::Connection& connection, const char* sql, std::string_view name,
                      const std::optional<std::string>& parameter = std::nullopt) {
     sqlite::Statement count{connection, sql, "prepare " + std::string(name), "execute " + std::string(name)};
     if (parameter) count.bind(1, *parameter);
     return count.step() ? count.integer(0) : 0;
-}
-
-std::int64_t execute(sqlite::Connection& connection, const char* sql, std::string_view name) {
-    sqlite::Statement statement{connection, sql, "prepare " + std::string(name), "execute " + std::string(name)};
-    statement.run();
-    return connection.changes();
 }
 
 std::int64_t deleteBefore(sqlite::Connection& connection, const char* sql, std::string_view name, Date cutoff) {
@@ -357,33 +200,11 @@ std::int64_t deleteBefore(sqlite::Connection& connection, const char* sql, std::
     return connection.changes();
 }
 
-QuotaSessionSyncWatermark readWatermark(sqlite::Connection& connection, std::string_view deviceKey,
-                                        std::string_view tableName) {
-    sqlite::Statement select{connection, kWatermark, "prepare watermark", "execute watermark"};
-    select.bind(1, deviceKey).bind(2, tableName);
-    if (!select.step()) return {};
-    return {select.real(0), select.integer(1)};
-}
-
-// Binds the watermark to an export statement: last_sync_at twice, then the row id and the limit.
-void bindExport(sqlite::Statement& select, const QuotaSessionSyncWatermark& mark, std::int64_t limit) {
-    select.bind(1, mark.lastSyncAt).bind(2, mark.lastSyncAt).bind(3, mark.lastRowID).bind(4, limit);
-}
-
 }  // namespace
 
 QuotaSessionCatalogStore::QuotaSessionCatalogStore(QuotaSyncConfiguration configuration,
                                                    const std::optional<std::filesystem::path>& baseURLOverride)
     : SQLiteStore(std::move(configuration), baseURLOverride, defaultFilename) {}
-
-template <class Operation>
-auto QuotaSessionCatalogStore::runCatalog(Operation&& operation) const {
-    static const SQLiteStoreSetup setup{"Unable to open catalog database at ", kSchema, [](sqlite::Connection& c) {
-                                            c.exec("PRAGMA cache_size = -4000", "set cache size");
-                                            migrate(c);
-                                        }};
-    return run(setup, operation);
-}
 
 // ---- descriptors ----
 
@@ -757,59 +578,6 @@ QuotaSessionCatalogStorageSummary QuotaSessionCatalogStore::storageSummary(const
     });
 }
 
-// ---- incremental export ----
-
-QuotaSessionSyncWatermark QuotaSessionCatalogStore::watermark(std::string_view deviceKey, std::string_view tableName) const {
-    return runCatalog([&](sqlite::Connection& c) { return readWatermark(c, deviceKey, tableName); });
-}
-
-QuotaSessionDescriptorExport QuotaSessionCatalogStore::exportIncrementalDescriptors(std::string_view deviceKey,
-                                                                                    std::int64_t limit) const {
-    return runCatalog([&](sqlite::Connection& connection) {
-        QuotaSessionDescriptorExport page;
-        page.watermark = readWatermark(connection, deviceKey, descriptorsTable);
-        sqlite::Statement select{connection, kExportDescriptors, "prepare exportIncrementalDescriptors",
-                                 "execute exportIncrementalDescriptors"};
-        bindExport(select, page.watermark, limit);
-        while (select.step()) {
-            // The watermark passes a row that no longer decodes too, or it would block the export.
-            page.watermark = {select.real(1), select.integer(0)};
-            if (auto d = decodeStoredJSON<QuotaSessionDescriptor>(select.blob(2), select.text(3))) {
-                page.descriptors.push_back(std::move(*d));
-            }
-        }
-        return page;
-    });
-}
-
-QuotaSessionMessageExport QuotaSessionCatalogStore::exportIncrementalMessages(std::string_view deviceKey,
-                                                                              std::int64_t limit) const {
-    return runCatalog([&](sqlite::Connection& connection) {
-        QuotaSessionMessageExport page;
-        page.watermark = readWatermark(connection, deviceKey, messagesTable);
-        sqlite::Statement select{connection, kExportMessages, "prepare exportIncrementalMessages",
-                                 "execute exportIncrementalMessages"};
-        bindExport(select, page.watermark, limit);
-        while (select.step()) {
-            page.messages.push_back(messageChange(select));
-            page.watermark = {page.messages.back().row.updatedAt, page.messages.back().rowID};
-        }
-        return page;
-    });
-}
-
-void QuotaSessionCatalogStore::updateWatermark(std::string_view deviceKey, std::string_view tableName,
-                                               const QuotaSessionSyncWatermark& mark) const {
-    runCatalog([&](sqlite::Connection& connection) {
-        sqlite::Statement update{connection, kUpdateWatermark, "prepare updateWatermark", "execute updateWatermark"};
-        update.bind(1, deviceKey).bind(2, tableName).bind(3, mark.lastSyncAt).bind(4, mark.lastRowID).run();
-    });
-}
-
-std::int64_t QuotaSessionCatalogStore::clearAllWatermarks() const {
-    return runCatalog([](sqlite::Connection& c) { return execute(c, kClearWatermarks, "clearAllWatermarks"); });
-}
-
 // ---- retention and clearing ----
 
 std::int64_t QuotaSessionCatalogStore::trimMessagesOlderThan(double days) const {
@@ -835,7 +603,7 @@ std::int64_t QuotaSessionCatalogStore::clearAll() const {
         sqlite::Transaction transaction{connection, "clearAll"};
         const std::int64_t removed = execute(connection, kClearDescriptors, "clearAll descriptors") +
                                      execute(connection, kClearMessages, "clearAll messages");
-        execute(connection, kClearWatermarks, "clearAll watermarks");
+        clearWatermarks(connection);
         transaction.commit();
         return removed;
     });

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "gaugepoint/stores/QuotaSessionCatalogStore.hpp"
+#include "gaugepoint/stores/QuotaSessionFileRegistry.hpp"
+
+namespace gaugepoint::scanning {
+
+// How the connections work for the length of a scan; the set-up values are restored after.
+//  - The stores map up to 256 MiB of each database file into memory for fast reads. A scan
+//    touches most pages of the files it fills, so the connections read through the page cache
+//    instead: the scan's memory then stays the same whatever the size of the tree and stores.
+//  - The registry keeps up to 64 MiB of pages, so that a batch's changes (random places in the
+//    usage indexes) stay in memory until it commits instead of being spilled and written again.
+//  - Statement journals (the undo of one statement inside a batch, which every insert that fires
+//    a trigger needs) are kept in memory instead of in a temporary file.
+class ImportTuning {
+public:
+    ImportTuning(const QuotaSessionFileRegistry& registry, const QuotaSessionCatalogStore& catalog);
+    ~ImportTuning();
+    ImportTuning(const ImportTuning&) = delete;
+    ImportTuning& operator=(const ImportTuning&) = delete;
+
+private:
+    const QuotaSessionFileRegistry& registry_;
+    const QuotaSessionCatalogStore& catalog_;
+};
+
+}  // namespace gaugepoint::scanning

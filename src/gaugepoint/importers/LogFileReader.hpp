@@ -1,0 +1,77 @@
+#pragma once
+
+// The reading side of a scan: which files changed since the registry saw them, and the threads
+// that read and parse them into pieces for the writer.
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "gaugepoint/importers/LogFileWalker.hpp"
+#include "gaugepoint/importers/ScanPieces.hpp"
+
+namespace gaugepoint::scanning {
+
+// What one tool's scan starts from: its files as they are now, what the registry knows, and the
+// parser's state of each changed file that may be read on from where it stopped.
+struct ToolFiles {
+    const CodingToolLogs* tool = nullptr;
+    std::vector<LogFileCandidate> files;
+    std::unordered_map<std::string, QuotaSessionFileRegistryEntry> known;
+    std::unordered_map<std::string, std::string> states;
+};
+
+// Whether the file is as the registry saw it last: then it is not opened at all.
+bool isUnchanged(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& entry, const LogFileCandidate& file);
+
+// Whether a changed file is read on from where the last read stopped (else from its start).
+bool goesOn(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& entry, const LogFileCandidate& file);
+
+// The bytes a scan is to read: what the changed files added since they were read.
+std::int64_t bytesToRead(const std::vector<ToolFiles>& tools);
+
+// Every file the walk found, in walk order, taken one at a time by the readers.
+class FileList {
+public:
+    explicit FileList(const std::vector<ToolFiles>& tools) {
+        for (const auto& tool : tools) {
+            for (const auto& file : tool.files) files_.emplace_back(&tool, &file);
+        }
+    }
+    // The next file no reader has taken; none at the end.
+    std::optional<std::pair<const ToolFiles*, const LogFileCandidate*>> take() {
+        const std::size_t at = next_++;
+        if (at >= files_.size()) return std::nullopt;
+        return files_[at];
+    }
+
+private:
+    std::vector<std::pair<const ToolFiles*, const LogFileCandidate*>> files_;
+    std::atomic<std::size_t> next_{0};
+};
+
+// The files done and bytes read of all readers, passed to the options' callback one call at a
+// time, every 16 files.
+class ReadProgress {
+public:
+    ReadProgress(const QuotaScanOptions& options, QuotaScanProgress start) : options_(options), progress_(start) {}
+    void fileDone(std::int64_t bytesRead);
+
+private:
+    const QuotaScanOptions& options_;
+    std::mutex mutex_;
+    QuotaScanProgress progress_;
+};
+
+// Reads and parses the files of `files` that changed into pieces pushed to `queue`, a file at a
+// time, until the list is done or the writer gives up; counts into `tally` (this reader's own).
+// Several readers may share one list, queue and progress, each on its own thread.
+void readChangedFiles(const QuotaScanOptions& options, const std::string& sourceID, Date now, FileList& files,
+                      ReadProgress& progress, PieceQueue& queue, QuotaScanSummary& tally);
+
+}  // namespace gaugepoint::scanning

@@ -1,0 +1,103 @@
+#pragma once
+
+// What passes from the scan's reading threads to its writing one: the records of one read of
+// one file (a piece), and the bounded queue between them.
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "gaugepoint/importers/CodingToolLogs.hpp"
+#include "gaugepoint/importers/QuotaLogScanner.hpp"
+#include "gaugepoint/stores/QuotaSessionFileRegistry.hpp"
+
+namespace gaugepoint::scanning {
+
+// A scan reports at most this many problems (the rest are counted only).
+constexpr std::size_t kMaximumProblems = 1000;
+
+// What one read of a file gave, waiting for its transaction. Under metadataOnly only the prompts
+// are kept (without text): with the counted responses they give a session's message and prompt
+// counts, without a row per log line.
+class Collected final : public LogRecordSink {
+public:
+    Collected(std::string path, QuotaSessionContentCaptureMode capture)
+        : path_(std::move(path)), promptsOnly_(capture == QuotaSessionContentCaptureMode::metadataOnly) {}
+
+    void usage(QuotaUsageEntry entry) override { usage_.push_back(std::move(entry)); }
+    void message(QuotaImportedMessage message) override {
+        if (firstSession_.empty()) firstSession_ = message.sessionID;
+        if (promptsOnly_ && !message.isPrompt) return;
+        messages_.push_back(std::move(message));
+    }
+    void session(const std::string& sessionID, const std::string& projectPath) override {
+        if (firstSession_.empty()) firstSession_ = sessionID;
+        sessions_.emplace_back(sessionID, projectPath);
+    }
+    void rateLimits(QuotaObservedRateLimits limits) override {
+        if (!limits_ || limits.observedAt > limits_->observedAt) limits_ = std::move(limits);
+    }
+    void badLine(std::int64_t offset, std::string reason) override { bad_.push_back({path_, offset, std::move(reason)}); }
+
+    void clear() {
+        usage_.clear();
+        messages_.clear();
+        sessions_.clear();
+        limits_.reset();
+        bad_.clear();
+    }
+
+    std::vector<QuotaUsageEntry> usage_;
+    std::vector<QuotaImportedMessage> messages_;
+    std::vector<std::pair<std::string, std::string>> sessions_;
+    std::optional<QuotaObservedRateLimits> limits_;
+    std::vector<QuotaScanProblem> bad_;
+    std::string firstSession_;
+
+private:
+    std::string path_;
+    bool promptsOnly_;
+};
+
+// One read of one file, parsed and waiting for its transaction.
+struct Piece {
+    const CodingToolLogs* tool = nullptr;
+    QuotaSessionFileRegistryEntry entry;   // the file's entry as this piece leaves it
+    std::optional<std::int64_t> expected;  // the position the registry must still hold
+    bool forgetFirst = false;              // what the file gave before is replaced
+    std::string state;                     // the parser's state after this piece
+    std::unique_ptr<Collected> records;
+    std::int64_t bytes = 0;                // of the file, read for this piece
+};
+
+// Hands pieces from the reading threads to the writing one. It holds pieces of up to 64 MiB of
+// files at once (one piece of any size when empty), so memory stays bounded whatever the files
+// hold, while many small files' pieces can wait for the writer and keep the readers going.
+class PieceQueue {
+public:
+    // Waits for room; false when the writer has given up.
+    bool push(Piece piece);
+    // The next piece; none once the readers have finished and everything was taken.
+    std::optional<Piece> pop();
+    // No more pieces will come.
+    void finish();
+    // The writer gives up: pushes return false from now on.
+    void abandon();
+
+private:
+    static constexpr std::size_t kMostPieces = 256;
+    static constexpr std::int64_t kMostBytes = std::int64_t(64) << 20;
+    std::mutex mutex_;
+    std::condition_variable ready_, roomLeft_;
+    std::deque<Piece> pieces_;
+    std::int64_t bytes_ = 0;
+    bool finished_ = false, abandoned_ = false;
+};
+
+}  // namespace gaugepoint::scanning
