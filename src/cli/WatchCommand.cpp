@@ -65,8 +65,8 @@ private:
 
 // The import `scan` runs, with what it cannot do thrown as one message instead of printed,
 // since stderr is the screen while the view is up.
-void importLogs(const QuotaScanOptions& scanOptions, const GlobalOptions& globals, const std::string& language) {
-    const auto configuration = resolveConfiguration(globals);
+void importLogs(const QuotaSyncConfiguration& configuration, const QuotaScanOptions& scanOptions,
+                const GlobalOptions& globals, const std::string& language) {
     const std::optional<Date> publishAt = globals.now.empty() ? std::optional(resolveNow(globals)) : std::nullopt;
     const auto result = LocalUsageScan::run(configuration, scanOptions, publishAt);
     if (result.snapshot) {
@@ -76,8 +76,8 @@ void importLogs(const QuotaScanOptions& scanOptions, const GlobalOptions& global
     }
 }
 
-tui::WatchModel buildModel(const tui::WatchChoices& choices, const ZoneChoice& zone, const GlobalOptions& globals) {
-    const auto configuration = resolveConfiguration(globals);
+tui::WatchModel buildModel(const QuotaSyncConfiguration& configuration, const tui::WatchChoices& choices,
+                           const ZoneChoice& zone, const GlobalOptions& globals) {
     const LocalCalendar calendar = zone.apply(choices.utc);
     const Date now = resolveNow(globals);
     tui::WatchInputs inputs;
@@ -93,6 +93,7 @@ tui::WatchModel buildModel(const tui::WatchChoices& choices, const ZoneChoice& z
 void run(const WatchOptions& options, const GlobalOptions& globals) {
     resolveNow(globals);  // a malformed --now is a usage error before any file is touched
     const ZoneChoice zone{options};
+    const auto configuration = resolveConfiguration(globals);
     QuotaScanOptions scanOptions;
     options.homes.applyTo(scanOptions);
     tui::WatchChoices choices;
@@ -104,12 +105,12 @@ void run(const WatchOptions& options, const GlobalOptions& globals) {
         if (globals.json) throw UsageError("watch has no JSON form: use `gaugepoint report --json` or `widget --json`");
         warnAboutMissingHomes(options.homes);
         try {
-            importLogs(scanOptions, globals, choices.language);
+            importLogs(configuration, scanOptions, globals, choices.language);
         } catch (const Error& e) {
             std::cerr << "gaugepoint: " << e.what() << "\n";
         }
         const auto width = OutputStyle::current().width.value_or(kPlainWidth);
-        writeOutput("-", tui::watchPlainText(buildModel(choices, zone, globals), static_cast<int>(width)));
+        writeOutput("-", tui::watchPlainText(buildModel(configuration, choices, zone, globals), static_cast<int>(width)));
         return;
     }
     warnAboutMissingHomes(options.homes);
@@ -118,10 +119,10 @@ void run(const WatchOptions& options, const GlobalOptions& globals) {
     loop.refresh = std::chrono::seconds(options.intervalSeconds);
     loop.choices = choices;
     loop.providers = options.providers.empty() ? tui::watchedProviderIDs() : options.providers;
-    const auto stores = resolveConfiguration(globals).resolvedAppGroupDirectory();
+    const auto stores = configuration.resolvedAppGroupDirectory();
     tui::WatchHooks hooks;
-    hooks.rescan = [&] { importLogs(scanOptions, globals, choices.language); };
-    hooks.build = [&](const tui::WatchChoices& chosen) { return buildModel(chosen, zone, globals); };
+    hooks.rescan = [&] { importLogs(configuration, scanOptions, globals, choices.language); };
+    hooks.build = [&](const tui::WatchChoices& chosen) { return buildModel(configuration, chosen, zone, globals); };
     hooks.storeStamp = [&] { return stores ? storeChangeStamp(*stores) : 0; };
     tui::runWatchLoop(loop, hooks);
 }

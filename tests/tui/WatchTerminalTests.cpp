@@ -13,6 +13,7 @@
 #include <functional>
 #include <thread>
 
+#include "CommandRunner.hpp"
 #include "TestSupport.hpp"
 #include "gaugepoint/platform/Text.hpp"
 
@@ -192,16 +193,16 @@ TEST_F(WatchTerminal, KeysSwitchLanguageToolAndZone) {
     EXPECT_TRUE(tmux.waitForText("Ctrl-C")) << tmux.last;
 }
 
-TEST_F(WatchTerminal, QuitAndSigtermGiveTheShellBackRestored) {
-    for (const bool bySignal : {false, true}) {
+TEST_F(WatchTerminal, QuitCtrlCAndSigtermGiveTheShellBackRestored) {
+    for (const std::string way : {"q", "C-c", "SIGTERM"}) {
         Tmux tmux{environment()};
         start(tmux);
-        if (bySignal) {
+        if (way == "SIGTERM") {
             const pid_t watch = tmux.child();
             ASSERT_GT(watch, 0);
             ::kill(watch, SIGTERM);
         } else {
-            tmux.type("q");
+            tmux.press(way);
         }
         // Back on the shell's own screen at a fresh prompt, echo on: the typed command shows,
         // then its output.
@@ -209,13 +210,36 @@ TEST_F(WatchTerminal, QuitAndSigtermGiveTheShellBackRestored) {
             const auto end = s.find_last_not_of(" \n");
             return s.find("┌") == std::string::npos && end != std::string::npos &&
                    s.compare(end + 1 - std::strlen(kPrompt), std::strlen(kPrompt), kPrompt) == 0;
-        })) << tmux.last;
+        })) << "after " << way << ":\n" << tmux.last;
         tmux.type("echo restored-$((40+2))");
         tmux.press("Enter");
         EXPECT_TRUE(tmux.waitFor([](const std::string& s) {
             return s.find("echo restored-$((40+2))") != std::string::npos && s.find("\nrestored-42") != std::string::npos;
-        })) << (bySignal ? "after SIGTERM:\n" : "after q:\n") << tmux.last;
+        })) << "after " << way << ":\n" << tmux.last;
     }
+}
+
+TEST(WatchOnce, PrintsTheViewOnceAsPlainTextWithoutATerminal) {
+    ScratchDirectory scratch;
+    const auto logs = kExamples / "logs";
+    const std::vector<std::string> command{"--app-group-dir", (scratch / "group").string(), "watch",
+                                           "--claude-dir", (logs / "claude").string(), "--codex-dir", (logs / "codex").string(),
+                                           "--gemini-dir", (logs / "gemini").string(), "--now", "2026-11-06T21:00:00Z"};
+    auto once = command;
+    once.push_back("--once");
+    const auto printed = gaugepoint::testing::gaugepoint(once);
+    ASSERT_EQ(printed.exitCode, 0) << printed.err;
+    EXPECT_TRUE(printed.out.starts_with("gaugepoint watch  all tools · UTC · 2026-11-06 21:00:00\n")) << printed.out;
+    EXPECT_NE(printed.out.find("Session 5h"), std::string::npos) << printed.out;
+    EXPECT_EQ(printed.out.find('\x1b'), std::string::npos) << "no terminal codes in the plain form";
+    // Standard input and output are files here, not a terminal: the same text, once.
+    EXPECT_EQ(gaugepoint::testing::gaugepoint(command).out, printed.out);
+
+    auto wrongZone = once;
+    wrongZone.insert(wrongZone.end(), {"--timezone", "Mars/Olympus"});
+    const auto refused = gaugepoint::testing::gaugepoint(wrongZone);
+    EXPECT_EQ(refused.exitCode, 2);
+    EXPECT_NE(refused.err.find("--timezone"), std::string::npos) << refused.err;
 }
 
 }  // namespace

@@ -241,9 +241,14 @@ void drawHeader(const WatchModel& model, TextCanvas& canvas) {
     canvas.put(at + 2, 0, filter + " · " + model.timeZoneID + " · " + clockText(model, calendarOf(model)), CellStyle::dim);
 }
 
+// The update time and the keys, or what could not be read in place of the keys.
 void drawFooter(const WatchModel& model, TextCanvas& canvas, int y, bool compact) {
     const std::string updated = phrase(Phrase::updated, model) + " " + clockText(model, calendarOf(model)).substr(11);
     const int at = canvas.put(0, y, updated, CellStyle::dim);
+    if (!model.problems.empty()) {
+        canvas.put(at + 2, y, model.problems.front(), CellStyle::bad);
+        return;
+    }
     canvas.put(at + 2, y, phrase(compact ? Phrase::keysShort : Phrase::keys, model), CellStyle::dim);
 }
 
