@@ -97,7 +97,13 @@ WatchTerminal::WatchTerminal() {
     if (gSignalPipe[0] < 0 && ::pipe2(gSignalPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
         throw Error("cannot make the signal pipe of the watch view");
     }
-    if (!initscr()) throw Error("cannot use this terminal (TERM=" + std::string(std::getenv("TERM") ? std::getenv("TERM") : "") + ")");
+    // newterm, unlike initscr, reports a terminal it cannot drive instead of exiting.
+    screen_ = newterm(nullptr, stdout, stdin);
+    if (!screen_) {
+        const char* term = std::getenv("TERM");
+        throw Error(std::string("cannot drive this terminal (TERM=") + (term ? term : "") + "); try TERM=xterm-256color");
+    }
+    set_term(screen_);
     gActive = true;
     std::atexit([] { WatchTerminal::restore(); });
     gPreviousTerminate = std::set_terminate(onTerminate);
@@ -119,6 +125,7 @@ WatchTerminal::WatchTerminal() {
 
 WatchTerminal::~WatchTerminal() {
     restore();
+    delscreen(screen_);
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) {
         ::signal(number, SIG_DFL);
     }

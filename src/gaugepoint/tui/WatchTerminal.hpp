@@ -10,6 +10,8 @@
 
 #include "gaugepoint/tui/TextCanvas.hpp"
 
+struct screen;  // the curses library's SCREEN
+
 namespace gaugepoint::tui {
 
 class WatchTerminal {
@@ -35,6 +37,9 @@ public:
 
     // Gives the terminal back if a WatchTerminal holds it; safe to call more than once.
     static void restore() noexcept;
+
+private:
+    ::screen* screen_ = nullptr;  // the curses screen of this terminal
 };
 
 }  // namespace gaugepoint::tui
