@@ -6,6 +6,7 @@
 #include "TestSupport.hpp"
 #include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/reports/LocalUsageScan.hpp"
+#include "gaugepoint/stores/QuotaSourceSnapshotStore.hpp"
 #include "gaugepoint/tui/WatchLayout.hpp"
 #include "gaugepoint/tui/WatchText.hpp"
 
@@ -106,6 +107,35 @@ TEST_F(SampleWatch, ModelHoldsTheSamplesFigures) {
     EXPECT_TRUE(claude.today.empty());
     EXPECT_TRUE(claude.sessions.empty());
     EXPECT_DOUBLE_EQ(claude.dailyCost[13], 0);
+}
+
+TEST_F(SampleWatch, OtherMachinesComeFromTheSourceStoreWithoutThisOne) {
+    const QuotaSourceSnapshotStore store{configuration};
+    for (const char* source : {"laptop", "this-machine"}) {
+        QuotaSnapshot snapshot;
+        snapshot.generatedAt = now - std::chrono::minutes(2);
+        snapshot.source = QuotaSnapshotSource{source, source, source, "Linux"};
+        ProviderQuota claude;
+        claude.id = "claude";
+        claude.displayName = "Claude";
+        QuotaWindow window;
+        window.id = "five-hour";
+        window.label = "Session";
+        window.usedPercent = 42;
+        window.resetsAt = now + std::chrono::hours(2);
+        window.windowMinutes = 300;
+        claude.windows.push_back(window);
+        snapshot.providers.push_back(claude);
+        store.upsert(snapshot, std::nullopt, QuotaSourceSyncChannel::kvs);
+    }
+    const auto m = model();
+    ASSERT_EQ(m.machines.size(), 1u);
+    EXPECT_EQ(m.machines[0].name, "laptop");
+    EXPECT_NEAR(m.machines[0].ageSeconds, 120, 1e-6);
+    EXPECT_EQ(watchPanels(m).back(), WatchPanel::machines);
+    const auto text = watchPlainText(m, 100);
+    EXPECT_NE(text.find("laptop  as of 2 min ago  Claude Session 42%"), std::string::npos) << text;
+    EXPECT_TRUE(model("codex").machines[0].providers.empty()) << "the tool filter applies to other machines too";
 }
 
 TEST_F(SampleWatch, BoxedLayoutFillsTheScreenAlignedInBothLanguages) {

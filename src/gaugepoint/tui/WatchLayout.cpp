@@ -202,12 +202,12 @@ int drawMachines(const WatchModel& model, TextCanvas& canvas, int x, int y, int 
         int at = canvas.put(x, y + row, machine.name, CellStyle::title, x + width);
         at = canvas.put(at + 2, y + row, QuotaReadingText::asOf(machine.ageSeconds, model.language), CellStyle::dim, x + width);
         for (const auto& card : machine.providers) {
-            const auto* window = card.reading.constraining();
-            if (!window) continue;
+            // The window that constrains the machine's provider most.
+            if (!card.reading.constrainingIndex) continue;
+            const auto& window = card.windows[*card.reading.constrainingIndex];
             at = canvas.put(at + 2, y + row,
-                            card.name + " " + window->window.widgetLabel() + " " +
-                                QuotaFormatting::percent(window->window.usedPercent),
-                            severity(window->window.usedPercent), x + width);
+                            card.name + " " + window.label + " " + QuotaFormatting::percent(window.now.window.usedPercent),
+                            severity(window.now.window.usedPercent), x + width);
         }
         ++row;
     }
