@@ -12,6 +12,7 @@
 #include "LogScan.hpp"
 #include "TextTable.hpp"
 #include "gaugepoint/alerts/QuotaAlerts.hpp"
+#include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/reports/LocalUsageScan.hpp"
 #include "gaugepoint/stores/StoreChangeStamp.hpp"
 #include "gaugepoint/tui/WatchLayout.hpp"
@@ -76,11 +77,19 @@ void importLogs(const QuotaSyncConfiguration& configuration, const QuotaScanOpti
     }
 }
 
+// The tools whose logs are imported, in their order.
+std::vector<tui::WatchTool> watchedTools() {
+    std::vector<tui::WatchTool> tools;
+    for (const auto& tool : codingTools()) tools.push_back({tool->provider().id, tool->provider().displayName});
+    return tools;
+}
+
 tui::WatchModel buildModel(const QuotaSyncConfiguration& configuration, const tui::WatchChoices& choices,
                            const ZoneChoice& zone, const GlobalOptions& globals) {
     const LocalCalendar calendar = zone.apply(choices.utc);
     const Date now = resolveNow(globals);
     tui::WatchInputs inputs;
+    inputs.tools = watchedTools();
     inputs.configuration = &configuration;
     inputs.calendar = &calendar;
     inputs.now = now;
@@ -118,7 +127,11 @@ void run(const WatchOptions& options, const GlobalOptions& globals) {
     loop.logFolders = searchedHomes(scanOptions);
     loop.refresh = std::chrono::seconds(options.intervalSeconds);
     loop.choices = choices;
-    loop.providers = options.providers.empty() ? tui::watchedProviderIDs() : options.providers;
+    if (options.providers.empty()) {
+        for (const auto& tool : watchedTools()) loop.providers.push_back(tool.id);
+    } else {
+        loop.providers = options.providers;
+    }
     const auto stores = configuration.resolvedAppGroupDirectory();
     tui::WatchHooks hooks;
     hooks.rescan = [&] { importLogs(configuration, scanOptions, globals, choices.language); };

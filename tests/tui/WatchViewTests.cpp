@@ -67,6 +67,7 @@ protected:
 
     WatchModel model(std::optional<std::string> provider = {}, std::string language = "en") {
         WatchInputs inputs;
+        inputs.tools = {{"claude", "Claude"}, {"codex", "Codex"}, {"gemini", "Gemini"}};
         inputs.configuration = &configuration;
         inputs.calendar = &utc;
         inputs.now = now;

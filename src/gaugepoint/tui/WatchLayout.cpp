@@ -5,7 +5,6 @@
 #include <functional>
 
 #include "gaugepoint/model/QuotaFormatting.hpp"
-#include "gaugepoint/model/QuotaReadingOrigin.hpp"
 #include "gaugepoint/quota/QuotaReadingText.hpp"
 #include "gaugepoint/tui/WatchText.hpp"
 

@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <map>
 
-#include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
 #include "gaugepoint/reports/UsagePeriods.hpp"
 #include "gaugepoint/stores/QuotaSourceSnapshotStore.hpp"
@@ -14,13 +13,6 @@ namespace {
 
 constexpr int kSparklineDays = 14;
 constexpr double kActiveSessionSeconds = 3600;
-
-std::string toolName(const std::string& providerID) {
-    for (const auto& tool : codingTools()) {
-        if (tool->provider().id == providerID) return tool->provider().displayName;
-    }
-    return providerID;
-}
 
 bool wanted(const WatchInputs& inputs, const std::string& providerID) {
     return !inputs.providerFilter || *inputs.providerFilter == providerID;
@@ -61,12 +53,6 @@ void reading(WatchModel& model, const char* what, Read&& read) {
 
 }  // namespace
 
-std::vector<std::string> watchedProviderIDs() {
-    std::vector<std::string> ids;
-    for (const auto& tool : codingTools()) ids.push_back(tool->provider().id);
-    return ids;
-}
-
 std::optional<QuotaSnapshot> thisMachineSnapshot(const QuotaSyncConfiguration& configuration, Date now,
                                                  const LocalCalendar& calendar, bool clockPinned) {
     if (!clockPinned) {
@@ -96,19 +82,19 @@ WatchModel makeWatchModel(const WatchInputs& inputs) {
     const QuotaUsageEntryStore store{QuotaSessionFileRegistry{configuration}};
     const std::string today = calendar.dayKey(inputs.now);
     reading(model, "blocks", [&] {
-        for (const auto& id : watchedProviderIDs()) {
-            if (!wanted(inputs, id)) continue;
-            if (auto block = activeUsageBlock(store, id, inputs.now)) model.blocks.push_back({id, toolName(id), *block});
+        for (const auto& tool : inputs.tools) {
+            if (!wanted(inputs, tool.id)) continue;
+            if (auto block = activeUsageBlock(store, tool.id, inputs.now)) model.blocks.push_back({tool.id, tool.name, *block});
         }
     });
     reading(model, "today", [&] {
-        for (const auto& id : watchedProviderIDs()) {
-            if (!wanted(inputs, id)) continue;
+        for (const auto& tool : inputs.tools) {
+            if (!wanted(inputs, tool.id)) continue;
             UsageReportFilter filter;
-            filter.providerID = id;
+            filter.providerID = tool.id;
             filter.since = filter.until = today;
             const auto totals = usageOfDays(store, calendar, filter);
-            if (totals.entries > 0) model.today.push_back({id, toolName(id), totals.tokens.totalTokens(), totals.totalCost});
+            if (totals.entries > 0) model.today.push_back({tool.id, tool.name, totals.tokens.totalTokens(), totals.totalCost});
         }
     });
     reading(model, "daily cost", [&] {

@@ -71,10 +71,17 @@ struct WatchModel {
     std::vector<std::string> problems;           // what could not be read, one line each
 };
 
+// A coding tool whose logs are imported: its provider id and the name shown.
+struct WatchTool {
+    std::string id;
+    std::string name;
+};
+
 // Where the model's figures come from: the stores of `configuration` at `now`, days in the zone
-// of `calendar` (Gregorian). `snapshot` is this machine's quota snapshot (none before the first
-// scan).
+// of `calendar` (Gregorian), for `tools`. `snapshot` is this machine's quota snapshot (none
+// before the first scan).
 struct WatchInputs {
+    std::vector<WatchTool> tools;
     const QuotaSyncConfiguration* configuration = nullptr;
     const LocalCalendar* calendar = nullptr;
     Date now;
@@ -90,8 +97,5 @@ WatchModel makeWatchModel(const WatchInputs& inputs);
 // clock (or none stored), one made now from what was imported; none before any import.
 std::optional<QuotaSnapshot> thisMachineSnapshot(const QuotaSyncConfiguration& configuration, Date now,
                                                  const LocalCalendar& calendar, bool clockPinned);
-
-// The ids of the tools whose logs gaugepoint reads ("claude", "codex", "gemini"), in order.
-std::vector<std::string> watchedProviderIDs();
 
 }  // namespace gaugepoint::tui

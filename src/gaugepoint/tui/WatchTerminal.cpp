@@ -94,8 +94,12 @@ std::wstring wide(const std::string& text) {
 WatchTerminal::WatchTerminal() {
     if (::isatty(STDIN_FILENO) != 1 || ::isatty(STDOUT_FILENO) != 1) throw Error("watch needs a terminal");
     std::setlocale(LC_ALL, "");
-    if (gSignalPipe[0] < 0 && ::pipe2(gSignalPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-        throw Error("cannot make the signal pipe of the watch view");
+    if (gSignalPipe[0] < 0) {
+        if (::pipe(gSignalPipe) != 0) throw Error("cannot make the signal pipe of the watch view");
+        for (const int end : gSignalPipe) {
+            ::fcntl(end, F_SETFD, FD_CLOEXEC);
+            ::fcntl(end, F_SETFL, ::fcntl(end, F_GETFL) | O_NONBLOCK);
+        }
     }
     // newterm, unlike initscr, reports a terminal it cannot drive instead of exiting.
     screen_ = newterm(nullptr, stdout, stdin);
