@@ -55,11 +55,9 @@ void bar(TextCanvas& canvas, int x, int y, int width, const QuotaWindowNow& wind
     }
 }
 
-// "official", "estimated", with " · stale" when the reading is old.
-std::string originText(const WatchModel& model, const QuotaWindowNow& window, bool stale) {
-    std::string text = phrase(window.estimated ? Phrase::estimated : Phrase::official, model);
-    if (stale) text += " · " + phrase(Phrase::stale, model);
-    return text;
+// "official" or "estimated" (a stale reading is marked once, on its card's title line).
+std::string originText(const WatchModel& model, const QuotaWindowNow& window) {
+    return phrase(window.estimated ? Phrase::estimated : Phrase::official, model);
 }
 
 std::string resetText(const WatchModel& model, const QuotaWindowNow& window) {
@@ -83,7 +81,7 @@ int drawCards(const WatchModel& model, const std::vector<WatchProviderCard>& car
     }
     int row = 0;
     const int labelWidth = 14;
-    const int barWidth = std::clamp(width / 3, 8, 40);
+    const int barWidth = std::clamp(width / 4, 8, 40);
     for (const auto& card : cards) {
         if (row >= maxRows) break;
         int at = canvas.put(x, y + row, card.name, CellStyle::title, x + width);
@@ -102,10 +100,11 @@ int drawCards(const WatchModel& model, const std::vector<WatchProviderCard>& car
             percent.insert(0, std::max(0, 6 - static_cast<int>(percent.size())), ' ');
             col = canvas.put(col, line, percent, severity(window.now.window.usedPercent), x + width);
             col = canvas.put(col + 2, line, resetText(model, window.now), CellStyle::normal, x + width);
-            std::string tail = originText(model, window.now, card.reading.stale);
+            // A window whose reset passed has no reading since: its origin and pace say nothing.
+            if (window.now.resetPassed) continue;
+            std::string tail = originText(model, window.now);
             if (const auto pace = QuotaReadingText::paceSummary(window.now, model.language)) tail += " · " + *pace;
-            canvas.put(col + 2, line, tail, window.now.estimated || card.reading.stale ? CellStyle::warn : CellStyle::dim,
-                       x + width);
+            canvas.put(col + 2, line, tail, window.now.estimated ? CellStyle::warn : CellStyle::dim, x + width);
         }
     }
     return row;
@@ -315,9 +314,7 @@ void layoutCompact(const WatchModel& model, TextCanvas& canvas) {
         canvas.put(at + 1, row++, WatchText::sparkline(model.dailyCost), CellStyle::good);
     }
     if (row < last) {
-        canvas.put(0, row++, std::to_string(model.sessions.size()) +
-                                 (model.language.starts_with("zh") ? " " : " ") + phrase(Phrase::compactSessions, model),
-                   CellStyle::dim);
+        canvas.put(0, row++, phrase(Phrase::sessions, model) + ": " + std::to_string(model.sessions.size()), CellStyle::dim);
     }
     drawFooter(model, canvas, last, true);
 }

@@ -11,7 +11,7 @@ std::string_view phrase(Phrase which, std::string_view language) {
     struct Pair {
         std::string_view en, zh;
     };
-    static constexpr std::array<Pair, 25> kPhrases{{
+    static constexpr std::array<Pair, 24> kPhrases{{
         {"Quota", "额度"},
         {"Five-hour blocks", "五小时区块"},
         {"Today", "今日"},
@@ -36,12 +36,12 @@ std::string_view phrase(Phrase which, std::string_view language) {
         {"→", "→"},
         {"by", "至"},
         {"tok", "tok"},
-        {"sessions in the last hour", "个会话（最近一小时）"},
         {"q, Ctrl-C   quit\nTab, ←→↑↓  move between panels\np          cycle the tool filter\nz          local "
          "time or UTC\nl          English or Chinese\nr          rescan the logs now\n?          this help",
          "q, Ctrl-C   退出\nTab, ←→↑↓  在面板间移动\np          切换工具筛选\nz          本地时间或 UTC\nl          "
          "英文或中文\nr          立即重新扫描日志\n?          本帮助"},
     }};
+    static_assert(kPhrases.size() == static_cast<std::size_t>(Phrase::helpLines) + 1, "one pair per phrase, in order");
     const auto& pair = kPhrases[static_cast<std::size_t>(which)];
     return language.starts_with("zh") ? pair.zh : pair.en;
 }

@@ -13,7 +13,7 @@ namespace gaugepoint::tui::WatchText {
 enum class Phrase {
     quota, blocks, today, sessions, machines, official, estimated, stale, noQuota, noBlock, noUsageToday,
     noSessions, total, days14, allTools, updated, keys, keysShort, help, perHour, projected, by, tokens,
-    compactSessions, helpLines,
+    helpLines,
 };
 
 // The phrase in `language`.
