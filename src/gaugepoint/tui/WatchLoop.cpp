@@ -17,6 +17,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kStampPeriod{1000};
+// A tool that writes its log in many small pieces would otherwise start an import per write:
+// changes that come closer together than this are taken in one import.
+constexpr std::chrono::milliseconds kRescanGap{250};
 
 struct LoopState {
     WatchChoices choices;
@@ -99,9 +102,12 @@ void runWatchLoop(const WatchLoopOptions& options, const WatchHooks& hooks) {
     draw(terminal, state);
     auto nextStamp = Clock::now() + kStampPeriod;
     auto nextRefresh = Clock::now() + options.refresh;
+    auto lastRescan = Clock::now();
+    bool changePending = false;  // the logs changed; the import waits for the gap to pass
     while (!state.quit) {
         const auto now = Clock::now();
-        const auto wake = std::min(nextStamp, nextRefresh);
+        auto wake = std::min(nextStamp, nextRefresh);
+        if (changePending) wake = std::min(wake, lastRescan + kRescanGap);
         const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(wake - now).count();
         pollfd fds[3] = {{STDIN_FILENO, POLLIN, 0}, {terminal.signalDescriptor(), POLLIN, 0}, {watcher.descriptor(), POLLIN, 0}};
         const nfds_t count = watcher.live() ? 3 : 2;
@@ -123,7 +129,8 @@ void runWatchLoop(const WatchLoopOptions& options, const WatchHooks& hooks) {
         }
         if (fds[0].revents & (POLLHUP | POLLERR)) state.quit = true;  // the terminal went away
         if (state.quit) break;
-        if (watcher.changed()) state.rescan = true;
+        if (watcher.changed()) changePending = true;
+        if (changePending && Clock::now() - lastRescan >= kRescanGap) state.rescan = true;
         if (Clock::now() >= nextStamp) {
             nextStamp = Clock::now() + kStampPeriod;
             if (hooks.storeStamp() != stamp) state.rebuild = true;
@@ -135,6 +142,8 @@ void runWatchLoop(const WatchLoopOptions& options, const WatchHooks& hooks) {
         }
         if (state.rescan) {
             rescan();
+            lastRescan = Clock::now();
+            changePending = false;
             state.rebuild = true;
         }
         if (state.rebuild) {
