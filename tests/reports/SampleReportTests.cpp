@@ -107,6 +107,18 @@ TEST_F(SampleReports, BlocksEqualTheReferenceAndTheLastIsActiveWhileItLasts) {
     EXPECT_EQ(during.totals.unpricedTokens, 220235);  // a model the catalogue does not know
     EXPECT_FALSE(usageBlocks(entries, at("2026-11-05T19:00:00Z")).back().isActive);
     EXPECT_EQ(activeUsageBlock(tree->usage(), "claude", at("2026-11-05T15:00:00Z")), during);
+    // A clock pinned before the day's last entries sees the block of its own moment, not a later one.
+    const Date morning = at("2026-11-05T11:25:00Z");
+    std::vector<QuotaUsageEntry> before;
+    for (const auto& e : entries) {
+        if (e.timestamp <= morning) before.push_back(e);
+    }
+    const auto seenThen = usageBlocks(before, morning);
+    const auto activeThen = activeUsageBlock(tree->usage(), "claude", morning);
+    ASSERT_TRUE(activeThen.has_value() || seenThen.empty() || !seenThen.back().isActive);
+    if (activeThen) {
+        EXPECT_EQ(*activeThen, seenThen.back());
+    }
 }
 
 const ProviderQuota* providerOf(const QuotaSnapshot& snapshot, const std::string& id) {

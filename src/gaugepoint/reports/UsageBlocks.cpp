@@ -91,10 +91,12 @@ UsageTotals usageBlockTotals(const std::vector<UsageBlock>& blocks) {
 std::optional<UsageBlock> activeUsageBlock(const QuotaUsageEntryStore& store, const std::string& providerID, Date now) {
     // Read back a day, then four times as far each round, until the entries read begin after a
     // gap of more than five hours: the blocks after such a gap do not depend on what came before.
+    // Entries after `now` (a clock pinned in the past) belong to no block active at `now`.
+    const Date until = dateFromSeconds(seconds(now) + 1e-3);
     for (double span = 86400;; span *= 4) {
         const Date from = dateFromSeconds(seconds(now) - span);
         const bool everything = span > 400 * 365 * 86400.0;
-        auto entries = store.countedEntries(providerID, everything ? std::nullopt : std::optional(from), std::nullopt);
+        auto entries = store.countedEntries(providerID, everything ? std::nullopt : std::optional(from), until);
         if (entries.empty() || seconds(entries.back().timestamp) <= seconds(now) - kBlockSeconds) return std::nullopt;
         std::size_t begin = 0;
         bool anchored = everything || seconds(entries.front().timestamp) - seconds(from) > kBlockSeconds;
