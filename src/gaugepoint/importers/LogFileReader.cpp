@@ -32,19 +32,6 @@ private:
     int fd_;
 };
 
-Date modificationTime(const struct stat& info) {
-#if defined(__APPLE__)
-    const auto& time = info.st_mtimespec;
-#else
-    const auto& time = info.st_mtim;
-#endif
-    return dateFromSeconds(double(time.tv_sec) + double(time.tv_nsec) / 1e9);
-}
-
-std::string identityOf(const struct stat& info) {
-    return std::to_string(std::uint64_t(info.st_dev)) + ":" + std::to_string(std::uint64_t(info.st_ino));
-}
-
 // Reads and parses the files that changed into pieces. Readers run on threads of their own, a
 // file each at a time, while the scan's thread writes the pieces: parsing and SQLite then share
 // the cores, and a reader waiting for a file does not hold the others up. A file's pieces are
@@ -93,7 +80,7 @@ private:
         piece.entry.providerID = tool.provider().id;
         piece.entry.captureMode = options_.capture;
         piece.entry.parserVersion = tool.parserVersion();
-        piece.entry.fileIdentifier = identityOf(info);
+        piece.entry.fileIdentifier = fileIdentity(info);
         piece.entry.updatedAt = now_;
         piece.expected = entry ? std::optional(entry->lastOffset) : std::nullopt;
         // A file read before by these rules, the same file and not cut short, is read on from
@@ -133,7 +120,7 @@ private:
         piece.entry.lastOffset = std::int64_t(size);
         piece.bytes = std::int64_t(size);
         piece.entry.size = std::int64_t(info.st_size);
-        piece.entry.modifiedAt = modificationTime(info);
+        piece.entry.modifiedAt = fileModificationTime(info);
         piece.forgetFirst = true;  // a document is read whole: what it gave before is replaced
         return queue_.push(std::move(piece));
     }
@@ -204,7 +191,7 @@ private:
         piece.entry.lastOffset = offset;
         piece.bytes = offset - pieceStart;
         piece.entry.size = std::int64_t(info.st_size);
-        piece.entry.modifiedAt = modificationTime(info);
+        piece.entry.modifiedAt = fileModificationTime(info);
         piece.records = std::move(records);
         return queue_.push(std::move(piece));
     }

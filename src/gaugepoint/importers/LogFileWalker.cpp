@@ -15,15 +15,6 @@ namespace {
 namespace fs = std::filesystem;
 constexpr int kMaximumDepth = 64;
 
-Date modificationTime(const struct stat& info) {
-#if defined(__APPLE__)
-    const auto& time = info.st_mtimespec;
-#else
-    const auto& time = info.st_mtim;
-#endif
-    return dateFromSeconds(double(time.tv_sec) + double(time.tv_nsec) / 1e9);
-}
-
 struct Walk {
     const CodingToolLogs& tool;
     const fs::path& folder;  // the log folder being walked; layouts are judged below it
@@ -67,12 +58,24 @@ struct Walk {
     void file(const fs::path& path, const struct stat& info) {
         const auto layout = tool.layoutOf(path.lexically_relative(folder));
         if (!layout) return;
-        found.push_back({path, *layout, std::int64_t(info.st_size), modificationTime(info),
-                         std::to_string(std::uint64_t(info.st_dev)) + ":" + std::to_string(std::uint64_t(info.st_ino))});
+        found.push_back({path, *layout, std::int64_t(info.st_size), fileModificationTime(info), fileIdentity(info)});
     }
 };
 
 }  // namespace
+
+Date fileModificationTime(const struct stat& info) {
+#if defined(__APPLE__)
+    const auto& time = info.st_mtimespec;
+#else
+    const auto& time = info.st_mtim;
+#endif
+    return dateFromSeconds(double(time.tv_sec) + double(time.tv_nsec) / 1e9);
+}
+
+std::string fileIdentity(const struct stat& info) {
+    return std::to_string(std::uint64_t(info.st_dev)) + ":" + std::to_string(std::uint64_t(info.st_ino));
+}
 
 std::vector<LogFileCandidate> findLogFiles(const CodingToolLogs& tool, const std::vector<fs::path>& homes,
                                            std::vector<WalkProblem>& problems) {

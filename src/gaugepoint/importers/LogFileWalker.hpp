@@ -2,6 +2,8 @@
 
 // Finds a tool's log files below its homes, with what each looks like now.
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -19,6 +21,10 @@ struct LogFileCandidate {
     Date modifiedAt;
     std::string identity;  // "<device>:<inode>", as the file registry writes it
 };
+
+// A file's modification time, and its "<device>:<inode>" identity as the file registry writes it.
+Date fileModificationTime(const struct ::stat& info);
+std::string fileIdentity(const struct ::stat& info);
 
 // Something the walk could not look into, and why.
 struct WalkProblem {
