@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <numeric>
 #include <regex>
+#include <set>
 
 #include "gaugepoint/platform/Text.hpp"
 
@@ -109,10 +110,18 @@ std::string closestName(std::string_view word, const std::vector<std::string>& c
 }
 
 std::vector<std::string> normalizedArguments(std::vector<std::string> arguments) {
-    if (arguments.empty()) return arguments;
-    if (arguments.front() == "version") return {"--version"};
-    if (arguments.front() == "help") {
-        arguments.erase(arguments.begin());
+    // The first command word comes after any global options ("--lang zh-Hans help").
+    static const std::set<std::string_view> valueTaking{"--app-group-dir", "--lang", "--now"};
+    std::size_t at = 0;
+    while (at < arguments.size() && arguments[at].starts_with("-")) {
+        at += valueTaking.contains(arguments[at]) ? 2 : 1;
+    }
+    if (at >= arguments.size()) return arguments;
+    if (arguments[at] == "version") {
+        arguments.erase(arguments.begin() + long(at));
+        arguments.emplace_back("--version");
+    } else if (arguments[at] == "help") {
+        arguments.erase(arguments.begin() + long(at));
         arguments.emplace_back("--help");
     }
     return arguments;

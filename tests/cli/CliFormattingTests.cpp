@@ -50,6 +50,9 @@ TEST(UsageErrors, TheNearestCommandAndTheWordsPeopleType) {
     EXPECT_EQ(normalizedArguments({"version"}), (std::vector<std::string>{"--version"}));
     EXPECT_EQ(normalizedArguments({"help", "report", "daily"}), (std::vector<std::string>{"report", "daily", "--help"}));
     EXPECT_EQ(normalizedArguments({"report", "help"}), (std::vector<std::string>{"report", "help"}));
+    EXPECT_EQ(normalizedArguments({"--app-group-dir", "help", "--lang", "zh-Hans", "help", "scan"}),
+              (std::vector<std::string>{"--app-group-dir", "help", "--lang", "zh-Hans", "scan", "--help"}));
+    EXPECT_EQ(normalizedArguments({"-j", "version"}), (std::vector<std::string>{"-j", "--version"}));
 }
 
 TEST(OptionValues, RefuseWhatIsNotTheirsBeforeConversion) {
