@@ -101,6 +101,7 @@ std::string bySeverity(std::string_view text, double usedPercent) {
 
 std::string renderTable(const std::vector<std::vector<std::string>>& rows, const TableFormat& format,
                         const OutputStyle& style) {
+    if (format.header && rows.size() <= 1) return {};
     std::size_t columns = 0;
     for (const auto& row : rows) columns = std::max(columns, row.size());
     std::vector<std::size_t> widths(columns, 0);

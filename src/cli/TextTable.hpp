@@ -51,7 +51,8 @@ struct TableFormat {
 };
 
 // `rows` as aligned text, columns two blanks apart, fitted to `style`. Rows may be shorter than
-// the header (trailing cells empty).
+// the header (trailing cells empty). A header without rows gives nothing: an empty result is
+// said once, by the count line that follows every table.
 std::string renderTable(const std::vector<std::vector<std::string>>& rows, const TableFormat& format,
                         const OutputStyle& style = OutputStyle::current());
 
