@@ -26,5 +26,6 @@ void registerReportCommand(CLI::App& root, GlobalOptions& globals);
 void registerStatusLineCommand(CLI::App& root, GlobalOptions& globals);
 void registerAlertsCommand(CLI::App& root, GlobalOptions& globals);
 void registerMcpCommand(CLI::App& root, GlobalOptions& globals);
+void registerDashboardCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

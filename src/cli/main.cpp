@@ -73,6 +73,7 @@ int main(int argc, char** argv) {
     registerStatusLineCommand(root, globals);
     registerAlertsCommand(root, globals);
     registerMcpCommand(root, globals);
+    registerDashboardCommand(root, globals);
 
     try {
         // CLI11 takes the arguments last first.
