@@ -62,7 +62,8 @@ void serve(const web::DashboardData& data, const DashboardOptions& options, cons
     std::signal(SIGPIPE, SIG_IGN);  // a closed browser tab must not end the process
     web::DashboardServerOptions serverOptions;
     serverOptions.port = options.port;
-    web::DashboardServer server{data, serverOptions};
+    const auto started = web::DashboardServer::start(data, serverOptions);
+    web::DashboardServer& server = *started;
     const bool chinese = isChineseLanguage(resolveLanguage(globals));
     std::cout << (chinese ? "gaugepoint 仪表板：" : "gaugepoint dashboard: ") << server.url() << "\n"
               << (chinese ? "（按 Ctrl-C 停止）" : "(Ctrl-C stops it)") << std::endl;

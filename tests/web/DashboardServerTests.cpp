@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "DashboardTestSupport.hpp"
+#include "gaugepoint/platform/Error.hpp"
 #include "gaugepoint/web/DashboardRequestGuard.hpp"
 
 namespace gaugepoint::testing {
@@ -83,6 +84,14 @@ TEST(DashboardServer, JsonAndTheEventStreamNeedTheTokenOfThePrintedAddress) {
         }
     }
     EXPECT_NE(web::newAccessToken(), web::newAccessToken());
+}
+
+TEST(DashboardServer, APortInUseIsAnErrorNotASharedPort) {
+    RunningDashboard first;
+    web::DashboardServerOptions options;
+    options.port = first.server().port();
+    const web::DashboardData data{sampleSettings()};
+    EXPECT_THROW(web::DashboardServer::start(data, options), gaugepoint::Error);
 }
 
 TEST(DashboardServer, AcceptsOnlyGet) {

@@ -53,9 +53,11 @@ class RunningDashboard {
 public:
     explicit RunningDashboard(web::DashboardSettings settings = sampleSettings(),
                               web::DashboardServerOptions options = quick())
-        : data_(std::move(settings)), server_(data_, options), thread_([this] { server_.run(); }) {}
+        : data_(std::move(settings)),
+          server_(web::DashboardServer::start(data_, options)),
+          thread_([this] { server_->run(); }) {}
     ~RunningDashboard() {
-        server_.stop();
+        server_->stop();
         thread_.join();
     }
 
@@ -65,20 +67,20 @@ public:
         options.readTimeoutSeconds = 1;
         return options;
     }
-    web::DashboardServer& server() { return server_; }
+    web::DashboardServer& server() { return *server_; }
     httplib::Client client() const {
-        httplib::Client client("127.0.0.1", server_.port());
+        httplib::Client client("127.0.0.1", server_->port());
         client.set_read_timeout(10, 0);
         return client;
     }
     // `path` with the access token added to its query.
     std::string withToken(const std::string& path) const {
-        return path + (path.find('?') == std::string::npos ? "?" : "&") + "token=" + server_.token();
+        return path + (path.find('?') == std::string::npos ? "?" : "&") + "token=" + server_->token();
     }
 
 private:
     web::DashboardData data_;
-    web::DashboardServer server_;
+    std::unique_ptr<web::DashboardServer> server_;
     std::thread thread_;
 };
 

@@ -1,11 +1,9 @@
 #include "gaugepoint/web/DashboardChangeFeed.hpp"
 
-#include "gaugepoint/stores/StoreChangeStamp.hpp"
-
 namespace gaugepoint::web {
 
-DashboardChangeFeed::DashboardChangeFeed(std::filesystem::path directory, std::chrono::milliseconds interval)
-    : directory_(std::move(directory)), interval_(interval), thread_([this] { poll(); }) {}
+DashboardChangeFeed::DashboardChangeFeed(std::function<std::uint64_t()> stamp, std::chrono::milliseconds interval)
+    : stamp_(std::move(stamp)), interval_(interval), thread_([this] { poll(); }) {}
 
 DashboardChangeFeed::~DashboardChangeFeed() {
     stop();
@@ -38,13 +36,13 @@ bool DashboardChangeFeed::stopped() const {
 
 void DashboardChangeFeed::poll() {
     // The stamp is read outside the lock: it stats files, and waiters must not wait on the disk.
-    std::uint64_t stamp = storeChangeStamp(directory_);
+    std::uint64_t stamp = stamp_();
     std::unique_lock lock(mutex_);
     while (!stopped_) {
         changed_.wait_for(lock, interval_, [this] { return stopped_; });
         if (stopped_) break;
         lock.unlock();
-        const std::uint64_t now = storeChangeStamp(directory_);
+        const std::uint64_t now = stamp_();
         lock.lock();
         if (now != stamp) {
             stamp = now;

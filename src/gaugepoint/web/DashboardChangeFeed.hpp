@@ -6,7 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <filesystem>
+#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -14,8 +14,8 @@ namespace gaugepoint::web {
 
 class DashboardChangeFeed {
 public:
-    // Starts polling `directory` every `interval` on a thread of its own.
-    DashboardChangeFeed(std::filesystem::path directory, std::chrono::milliseconds interval);
+    // Starts calling `stamp` (a fingerprint of the stores) every `interval` on a thread of its own.
+    DashboardChangeFeed(std::function<std::uint64_t()> stamp, std::chrono::milliseconds interval);
     ~DashboardChangeFeed();  // stop(), then joins
     DashboardChangeFeed(const DashboardChangeFeed&) = delete;
     DashboardChangeFeed& operator=(const DashboardChangeFeed&) = delete;
@@ -32,7 +32,7 @@ public:
 private:
     void poll();
 
-    std::filesystem::path directory_;
+    std::function<std::uint64_t()> stamp_;
     std::chrono::milliseconds interval_;
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;

@@ -1,152 +1,70 @@
 #include "gaugepoint/web/DashboardServer.hpp"
 
-#include <httplib.h>
+#include <dlfcn.h>
 
-#include <thread>
+#include <filesystem>
 
 #include "gaugepoint/platform/Error.hpp"
+#include "gaugepoint/platform/SharedLibrary.hpp"
+#include "gaugepoint/stores/StoreChangeStamp.hpp"
 #include "gaugepoint/web/DashboardPage.hpp"
-#include "gaugepoint/web/DashboardRequestGuard.hpp"
 
 namespace gaugepoint::web {
 namespace {
 
-using httplib::Request;
-using httplib::Response;
-using HandlerResponse = httplib::Server::HandlerResponse;
+constexpr const char* kModuleName = "gaugepoint-web.so";
 
-// A page may only be framed, sniffed or fetched from by itself; the token in the URL never
-// leaves in a Referer.
-const char* const kPagePolicy =
-    "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; img-src 'self' data:; "
-    "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
-
-// An open stream says something this often, so a dead client is noticed and proxies keep it.
-constexpr std::chrono::seconds kStreamHeartbeat{15};
-
-bool needsToken(const std::string& path) { return path.rfind("/api/", 0) == 0 || path == "/events"; }
-
-void refuse(Response& response, int status, const std::string& why) {
-    response.status = status;
-    response.set_content(why + "\n", "text/plain; charset=utf-8");
+DashboardResponse text(int status, std::string message) {
+    return {status, std::move(message) + "\n", "text/plain; charset=utf-8"};
 }
 
-DashboardParameters parametersOf(const Request& request) {
-    DashboardParameters parameters;
-    for (const auto& [name, value] : request.params) {
-        if (name != "token") parameters.emplace(name, value);  // the first of repeated names wins
+DashboardResponse answer(const DashboardData& data, const std::string& path, const DashboardParameters& parameters) {
+    if (path == "/") return {200, dashboardPage(), "text/html; charset=utf-8"};
+    if (const auto asset = dashboardAsset(path)) return {200, std::string(asset->bytes), asset->contentType};
+    try {
+        if (auto body = data.answer(path, parameters)) return {200, std::move(*body), "application/json; charset=utf-8"};
+        return text(404, "no such page");
+    } catch (const DashboardQueryError& e) {
+        return text(400, e.what());
+    } catch (const std::exception& e) {
+        return text(500, e.what());
     }
-    return parameters;
+}
+
+// The module beside the program, or in ../lib/gaugepoint when installed that way.
+DashboardServerFactory loadFactory() {
+    if (gaugepoint_web_http_server) return gaugepoint_web_http_server;
+    Dl_info self{};
+    std::filesystem::path program;
+    if (::dladdr(reinterpret_cast<void*>(&loadFactory), &self) && self.dli_fname) {
+        program = std::filesystem::weakly_canonical(self.dli_fname);
+    }
+    const std::string beside = (program.parent_path() / kModuleName).string();
+    const std::string installed = (program.parent_path().parent_path() / "lib/gaugepoint" / kModuleName).string();
+    const auto module = SharedLibrary::open({beside.c_str(), installed.c_str()});
+    DashboardServerFactory factory = nullptr;
+    if (!module || !module->bind("gaugepoint_web_http_server", factory)) {
+        throw Error(std::string("cannot load the dashboard's HTTP module ") + kModuleName + " (looked in " +
+                    program.parent_path().string() + "): " + (::dlerror() ? "" : "not found"));
+    }
+    return factory;
 }
 
 }  // namespace
 
-DashboardServer::DashboardServer(const DashboardData& data, DashboardServerOptions options)
-    : data_(data),
-      token_(options.token.empty() ? newAccessToken() : options.token),
-      server_(std::make_unique<httplib::Server>()) {
-    server_->new_task_queue = [] { return new httplib::ThreadPool(16); };  // a stream holds one each
-    server_->set_read_timeout(options.readTimeoutSeconds, 0);
-    server_->set_write_timeout(options.readTimeoutSeconds, 0);
-    server_->set_keep_alive_timeout(2);  // so stop() does not wait long for idle connections
-    server_->set_payload_max_length(64 * 1024);  // GET has no body
-    server_->set_default_headers({{"X-Content-Type-Options", "nosniff"},
-                                  {"X-Frame-Options", "DENY"},
-                                  {"Referrer-Policy", "no-referrer"},
-                                  {"Cache-Control", "no-store"}});
-    addRoutes();
-    port_ = options.port == 0 ? server_->bind_to_any_port("127.0.0.1")
-                              : (server_->bind_to_port("127.0.0.1", options.port) ? options.port : -1);
-    if (port_ <= 0) {
-        throw Error("cannot listen on 127.0.0.1:" + std::to_string(options.port) + " (is the port taken?)");
-    }
-    const auto directory = data.settings().configuration.resolvedAppGroupDirectory();
-    feed_ = std::make_unique<DashboardChangeFeed>(directory.value_or(""), options.pollInterval);
+std::unique_ptr<DashboardServer> DashboardServer::start(const DashboardData& data, DashboardServerOptions options) {
+    const auto directory = data.settings().configuration.resolvedAppGroupDirectory().value_or("");
+    DashboardRoutes routes{
+        [&data](const std::string& path, const DashboardParameters& parameters) { return answer(data, path, parameters); },
+        [directory] { return storeChangeStamp(directory); }};
+    std::string error;
+    std::unique_ptr<DashboardServer> server{loadFactory()(std::move(routes), options, error)};
+    if (!server) throw Error(error);
+    return server;
 }
-
-DashboardServer::~DashboardServer() { stop(); }
 
 std::string DashboardServer::url() const {
-    return "http://127.0.0.1:" + std::to_string(port_) + "/?token=" + token_;
-}
-
-void DashboardServer::addRoutes() {
-    server_->set_pre_routing_handler([this](const Request& request, Response& response) {
-        if (!isOwnHost(request.get_header_value("Host"), port_)) {
-            refuse(response, 403, "this server answers only to 127.0.0.1:" + std::to_string(port_));
-            return HandlerResponse::Handled;
-        }
-        if (request.method != "GET") {
-            response.set_header("Allow", "GET");
-            refuse(response, 405, "only GET is served");
-            return HandlerResponse::Handled;
-        }
-        if (needsToken(request.path) && !sameToken(request.get_param_value("token"), token_)) {
-            refuse(response, 403, "open the address gaugepoint printed: it carries the access token");
-            return HandlerResponse::Handled;
-        }
-        return HandlerResponse::Unhandled;
-    });
-    server_->set_error_handler([](const Request&, Response& response) {
-        if (response.status == 404) refuse(response, 404, "no such page");
-    });
-    server_->Get("/", [](const Request&, Response& response) {
-        response.set_header("Content-Security-Policy", kPagePolicy);
-        response.set_content(dashboardPage(), "text/html; charset=utf-8");
-    });
-    server_->Get(R"(/app\.(js|css))", [](const Request& request, Response& response) {
-        const auto asset = dashboardAsset(request.path);
-        response.set_content(asset->bytes.data(), asset->bytes.size(), asset->contentType);
-    });
-    server_->Get(R"(/api/[a-z]+)", [this](const Request& request, Response& response) {
-        try {
-            const auto body = data_.answer(request.path, parametersOf(request));
-            if (!body) return refuse(response, 404, "no such page");
-            response.set_content(*body, "application/json; charset=utf-8");
-        } catch (const DashboardQueryError& e) {
-            refuse(response, 400, e.what());
-        } catch (const std::exception& e) {
-            refuse(response, 500, e.what());
-        }
-    });
-    server_->Get("/events", [this](const Request& request, Response& response) {
-        // Compression would hold events back in the compressor's buffer until it fills. The
-        // request object is the server's own, not a constant; the header is read after this.
-        const_cast<Request&>(request).headers.erase("Accept-Encoding");
-        response.set_chunked_content_provider(
-            "text/event-stream",
-            [this, seen = std::uint64_t(0), first = true](std::size_t, httplib::DataSink& sink) mutable {
-                std::string event;
-                if (first) {
-                    first = false;
-                    seen = feed_->generation();
-                    event = "retry: 2000\nevent: hello\ndata: " + std::to_string(seen) + "\n\n";
-                } else {
-                    const std::uint64_t now = feed_->waitForChange(seen, kStreamHeartbeat);
-                    if (feed_->stopped()) {
-                        sink.done();
-                        return true;
-                    }
-                    event = now != seen ? "event: change\ndata: " + std::to_string(now) + "\n\n" : ": idle\n\n";
-                    seen = now;
-                }
-                return sink.write(event.data(), event.size());
-            });
-    });
-}
-
-void DashboardServer::run() {
-    runCalled_ = true;
-    if (!stopCalled_) server_->listen_after_bind();
-    runEnded_ = true;
-}
-
-void DashboardServer::stop() {
-    stopCalled_ = true;
-    if (feed_) feed_->stop();
-    // httplib's stop() acts only on a listening server: wait until run() got there (or left).
-    while (runCalled_ && !runEnded_ && !server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    server_->stop();
+    return "http://127.0.0.1:" + std::to_string(port()) + "/?token=" + token();
 }
 
 }  // namespace gaugepoint::web
