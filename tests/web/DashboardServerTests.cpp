@@ -242,6 +242,25 @@ TEST(DashboardServer, JsonEqualsWhatTheCommandPrints) {
     }
 }
 
+TEST(DashboardCommand, RefusesBadOptionsInOneLineAndExportsAsJson) {
+    ScratchDirectory out;
+    const std::vector<std::vector<std::string>> wrong{
+        {"dashboard", "--port", "0"},
+        {"dashboard", "--port", "70000"},
+        {"dashboard", "--port", "8080", "--export", (out / "x.html").string()},
+        {"dashboard", "--timezone", "Mars/Base", "--export", (out / "x.html").string()}};
+    for (const auto& args : wrong) {
+        const auto result = onSample(args);
+        EXPECT_EQ(result.exitCode, 2) << args[1];
+        EXPECT_EQ(result.err.rfind("gaugepoint: ", 0), 0u) << result.err;
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    }
+    EXPECT_FALSE(std::filesystem::exists(out / "x.html"));
+    const auto exported = onSample({"dashboard", "--json", "--export", (out / "y.html").string()});
+    EXPECT_EQ(exported.exitCode, 0) << exported.err;
+    EXPECT_EQ(exported.out, "{\"exported\":\"" + (out / "y.html").string() + "\"}\n");
+}
+
 TEST(DashboardRequestGuard, KeysOfAnExportAreEncodedAsThePageEncodesThem) {
     EXPECT_EQ(web::dashboardRequestKey("/api/meta", {}), "/api/meta");
     EXPECT_EQ(web::dashboardRequestKey("/api/report", {{"timezone", "Europe/Berlin"}, {"kind", "daily"}}),
