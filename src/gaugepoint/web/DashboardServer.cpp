@@ -44,8 +44,9 @@ DashboardServerFactory loadFactory() {
     const auto module = SharedLibrary::open({beside.c_str(), installed.c_str()});
     DashboardServerFactory factory = nullptr;
     if (!module || !module->bind("gaugepoint_web_http_server", factory)) {
+        const char* why = ::dlerror();
         throw Error(std::string("cannot load the dashboard's HTTP module ") + kModuleName + " (looked in " +
-                    program.parent_path().string() + "): " + (::dlerror() ? "" : "not found"));
+                    program.parent_path().string() + " and ../lib/gaugepoint)" + (why ? std::string(": ") + why : ""));
     }
     return factory;
 }
