@@ -83,7 +83,9 @@ void run(const DashboardOptions& options, const GlobalOptions& globals) {
     if (globals.json) {
         return writeOutput("-", boost::json::serialize(boost::json::object{{"exported", options.exportPath}}) + "\n");
     }
-    if (options.exportPath != "-") std::cerr << "gaugepoint: dashboard exported to " << options.exportPath << "\n";
+    if (options.exportPath == "-") return;  // the page itself went to standard output
+    const bool chinese = isChineseLanguage(resolveLanguage(globals));
+    std::cout << (chinese ? "仪表板已导出到 " : "Dashboard exported to ") << options.exportPath << "\n";
 }
 
 }  // namespace
