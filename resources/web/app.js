@@ -280,7 +280,13 @@
     const x = (iso) => left + ((Date.parse(iso) - first) / Math.max(1, last - first)) * (width - left - 10);
     const y = (tokens) => height - bottom - (tokens / highest) * (height - top - bottom);
     const chart = s('svg', { class: 'chart', viewBox: `0 0 ${width} ${height}`, id: 'gp-blocks-chart' });
-    chart.append(s('line', { x1: left, x2: width - 10, y1: height - bottom, y2: height - bottom, stroke: '#ccd' }));
+    chart.append(s('line', { x1: left, x2: width - 10, y1: height - bottom, y2: height - bottom, stroke: '#ccd' }),
+      s('text', { x: left - 6, y: top + 8, 'text-anchor': 'end' }, tokensText(Math.round(highest))));
+    for (let tick = 0; tick <= 6; ++tick) {  // days along the time axis
+      const at = new Date(first + (tick / 6) * (last - first)).toISOString();
+      const anchor = tick === 0 ? 'start' : tick === 6 ? 'end' : 'middle';
+      chart.append(s('text', { x: x(at), y: height - bottom + 14, 'text-anchor': anchor }, at.slice(5, 10)));
+    }
     for (const b of shown) {
       chart.append(s('rect', { x: x(b.startTime), y: y(b.totalTokens), width: Math.max(2, x(b.endTime) - x(b.startTime) - 1),
         height: height - bottom - y(b.totalTokens), fill: b.isActive ? '#e07b39' : '#2f6fd6' },
