@@ -77,6 +77,7 @@ install: bootstrap
 	@cmake --preset release >/dev/null
 	@cmake --build --preset release -j $(JOBS) --target gaugepoint
 	@install -D -m 755 $(GP) $(PREFIX)/bin/gaugepoint
+	@install -D -m 644 build/release/gaugepoint-web.so $(PREFIX)/lib/gaugepoint/gaugepoint-web.so  # loaded by `dashboard`
 	@echo "installed $(PREFIX)/bin/gaugepoint"
 
 bench: build

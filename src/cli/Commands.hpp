@@ -27,5 +27,6 @@ void registerStatusLineCommand(CLI::App& root, GlobalOptions& globals);
 void registerAlertsCommand(CLI::App& root, GlobalOptions& globals);
 void registerMcpCommand(CLI::App& root, GlobalOptions& globals);
 void registerWatchCommand(CLI::App& root, GlobalOptions& globals);
+void registerDashboardCommand(CLI::App& root, GlobalOptions& globals);
 
 }  // namespace gaugepoint::cli

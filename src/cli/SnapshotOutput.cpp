@@ -3,6 +3,7 @@
 #include "gaugepoint/model/QuotaFormatting.hpp"
 #include "gaugepoint/platform/Files.hpp"
 #include "gaugepoint/platform/Text.hpp"
+#include "gaugepoint/widgets/QuotaWidgetSnapshots.hpp"
 #include "gaugepoint/widgets/QuotaWidgetText.hpp"
 #include "gaugepoint/widgets/TallybarSnapshotImporter.hpp"
 
@@ -34,10 +35,12 @@ QuotaSnapshot SnapshotInput::read(std::string_view commandName) const {
 
 void printWidget(const QuotaSnapshot& snapshot, std::string_view format, const GlobalOptions& globals) {
     const auto policy = QuotaFreshnessPolicy::fromDefaults(*resolveConfiguration(globals).userDefaults);
-    const QuotaWidgetView view = QuotaWidgetView::make(snapshot, resolveNow(globals), resolveLanguage(globals), policy);
     if (format == "json") {
-        printJson(view);
-    } else if (format == "waybar") {
+        return writeOutput("-", QuotaWidgetSnapshots::widgetDocument(snapshot, resolveNow(globals),
+                                                                       resolveLanguage(globals), policy) + "\n");
+    }
+    const QuotaWidgetView view = QuotaWidgetView::make(snapshot, resolveNow(globals), resolveLanguage(globals), policy);
+    if (format == "waybar") {
         writeOutput("-", QuotaWidgetText::waybarJSON(QuotaWidgetText::waybarModule(view)) + "\n");
     } else if (format == "line") {
         writeOutput("-", QuotaWidgetText::statusLine(view) + "\n");

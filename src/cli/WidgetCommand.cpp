@@ -7,8 +7,8 @@
 
 #include "Commands.hpp"
 #include "SnapshotOutput.hpp"
-#include "gaugepoint/reports/LocalQuotaSnapshot.hpp"
 #include "gaugepoint/stores/QuotaSourceSnapshotStore.hpp"
+#include "gaugepoint/widgets/QuotaWidgetSnapshots.hpp"
 #include "gaugepoint/widgets/TallybarSnapshotImporter.hpp"
 
 namespace gaugepoint::cli {
@@ -31,59 +31,24 @@ public:
     using Error::Error;
 };
 
-// Every source's snapshot as one: each provider named with its machine when there are several,
-// so that a bar shows the most constrained window of all the user's machines.
-QuotaSnapshot combined(const QuotaSourceSnapshotRegistry& registry) {
-    QuotaSnapshot all;
-    all.generatedAt = registry.entries.front().snapshot.generatedAt;
-    for (const auto& record : registry.entries) {
-        all.generatedAt = std::max(all.generatedAt, record.snapshot.generatedAt);
-        for (auto provider : record.snapshot.providers) {
-            if (registry.entries.size() > 1) provider.displayName = record.sourceName + " · " + provider.displayName;
-            // Each provider is as old as its own snapshot, not as the newest of them.
-            if (!provider.updatedAt) provider.updatedAt = record.snapshot.generatedAt;
-            all.providers.push_back(std::move(provider));
-        }
-    }
-    return all;
-}
-
 // Every stored source's snapshot, or one source's (by record id or source id).
 QuotaSnapshot storedSnapshot(const WidgetOptions& options, const GlobalOptions& globals) {
     const QuotaSourceSnapshotStore store{resolveConfiguration(globals)};
     const auto registry = store.load();
     if (registry.entries.empty()) throw NoSnapshot("no stored source snapshots in " + store.databaseURL().string());
-    if (options.sourceID.empty()) return combined(registry);
+    if (options.sourceID.empty()) return QuotaWidgetSnapshots::combined(registry);
     for (const auto& record : registry.entries) {
         if (record.id == options.sourceID || record.sourceID == options.sourceID) return record.snapshot;
     }
     throw Error("no stored snapshot of source \"" + options.sourceID + "\"");
 }
 
-// This machine's snapshot: as stored by the last scan, or, with a pinned clock (or none stored),
-// made now from what the scans imported.
-std::optional<QuotaSnapshot> thisMachine(const GlobalOptions& globals) {
-    const auto configuration = resolveConfiguration(globals);
-    if (globals.now.empty()) {
-        if (auto stored = LocalQuotaSnapshot::latest(configuration)) return stored;
-    }
-    try {
-        auto made = LocalQuotaSnapshot::make(configuration, resolveNow(globals),
-                                             systemCalendar());
-        if (!made.providers.empty()) return made;
-    } catch (const Error&) {
-        // nothing imported yet
-    }
-    return std::nullopt;
-}
-
 // The sibling app's file when it is there, else this machine's own snapshot.
 QuotaSnapshot defaultSnapshot(const GlobalOptions& globals) {
-    const auto sibling = TallybarSnapshotImporter::defaultSourceURL();
-    std::error_code error;
-    if (std::filesystem::exists(sibling, error)) return readSiblingSnapshot(sibling.string());
-    if (auto own = thisMachine(globals)) return std::move(*own);
-    throw NoSnapshot(kNoSnapshot);
+    auto snapshot = QuotaWidgetSnapshots::preferred(resolveConfiguration(globals), resolveNow(globals),
+                                                    !globals.now.empty(), systemCalendar());
+    if (!snapshot) throw NoSnapshot(kNoSnapshot);
+    return std::move(*snapshot);
 }
 
 // Keeps the providers named with --provider, in the snapshot's order.

@@ -74,6 +74,7 @@ int main(int argc, char** argv) {
     registerAlertsCommand(root, globals);
     registerMcpCommand(root, globals);
     registerWatchCommand(root, globals);
+    registerDashboardCommand(root, globals);
 
     try {
         // CLI11 takes the arguments last first.
