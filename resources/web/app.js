@@ -27,6 +27,7 @@
       official: 'official', estimated: 'estimated', stale: 'stale', used: 'used', left: 'left',
       daily: 'Daily', weekly: 'Weekly', monthly: 'Monthly', days: 'days', allTools: 'all tools',
       byTool: 'by tool', byModel: 'by model', tokens: 'Tokens', cost: 'Cost', period: 'Period', total: 'Total',
+      unpriced: 'unpriced', unpricedTokens: 'tokens of models without a price, not in the cost',
       tool: 'Tool', project: 'Project', model: 'Models', time: 'Last activity', title: 'Title', machine: 'Machine',
       filter: 'Filter…', more: 'Load more', of: 'of', start: 'Start', end: 'End', status: 'Status',
       active: 'active', limit: 'Limit', ofLimit: '% of limit', noLimit: 'No block limit set or estimated yet.',
@@ -39,6 +40,7 @@
       official: '官方', estimated: '估算', stale: '已过时', used: '已用', left: '剩余',
       daily: '每日', weekly: '每周', monthly: '每月', days: '天', allTools: '全部工具',
       byTool: '按工具', byModel: '按模型', tokens: '令牌', cost: '费用', period: '时段', total: '合计',
+      unpriced: '未计价', unpricedTokens: '个令牌属于无价格的模型，未计入费用',
       tool: '工具', project: '项目', model: '模型', time: '最后活动', title: '标题', machine: '设备',
       filter: '筛选…', more: '加载更多', of: '/', start: '开始', end: '结束', status: '状态',
       active: '进行中', limit: '上限', ofLimit: '占上限', noLimit: '尚未设置或估算区块上限。',
@@ -81,6 +83,17 @@
   const integer = new Intl.NumberFormat('en-US');
   const tokensText = (n) => integer.format(n);
   const usdText = (n) => '$' + Number(n).toFixed(2);
+  // A cost is never shown as $0 for what has no price: no cost at all reads "unpriced", and a cost
+  // that leaves tokens out carries a * with their count in its title.
+  function costCell(cost, unpricedTokens) {
+    const unpriced = Number(unpricedTokens || 0);
+    if (cost === null || cost === undefined) {
+      return h('td', { class: 'number unpriced', title: unpriced ? integer.format(unpriced) + ' ' + t('unpricedTokens') : '' }, t('unpriced'));
+    }
+    if (!unpriced) return h('td', { class: 'number', 'data-cost': cost }, usdText(cost));
+    return h('td', { class: 'number', 'data-cost': cost, title: integer.format(unpriced) + ' ' + t('unpricedTokens') },
+      usdText(cost), h('span', { class: 'unpriced' }, '*'));
+  }
   const localTime = (iso) => (iso ? new Date(iso).toLocaleString(state.lang === 'zh' ? 'zh-CN' : 'en-GB') : '-');
 
   // ---- data ----
@@ -180,10 +193,10 @@
       h('tbody', {}, rows.map((row) => h('tr', { 'data-period': periodLabel(row) },
         h('td', {}, periodLabel(row)), h('td', { class: 'wrap' }, row.modelsUsed.join(', ')),
         h('td', { class: 'number', 'data-tokens': row.totalTokens }, tokensText(row.totalTokens)),
-        h('td', { class: 'number', 'data-cost': row.totalCost }, usdText(row.totalCost)))),
+        costCell(row.totalCost, row.unpricedTokens))),
       h('tr', { class: 'total', id: 'gp-usage-total' }, h('td', {}, t('total')), h('td', {}),
         h('td', { class: 'number', 'data-tokens': report.totals.totalTokens }, tokensText(report.totals.totalTokens)),
-        h('td', { class: 'number', 'data-cost': report.totals.totalCost }, usdText(report.totals.totalCost)))));
+        costCell(report.totals.totalCost, report.totals.unpricedTokens))));
   }
   async function usage() {
     const u = state.usage;
@@ -290,7 +303,7 @@
     for (const b of shown) {
       chart.append(s('rect', { x: x(b.startTime), y: y(b.totalTokens), width: Math.max(2, x(b.endTime) - x(b.startTime) - 1),
         height: height - bottom - y(b.totalTokens), fill: b.isActive ? '#e07b39' : '#2f6fd6' },
-      s('title', {}, `${localTime(b.startTime)} · ${tokensText(b.totalTokens)} · ${usdText(b.costUSD)}`)));
+      s('title', {}, `${localTime(b.startTime)} · ${tokensText(b.totalTokens)} · ${b.costUSD == null ? t('unpriced') : usdText(b.costUSD)}`)));
     }
     if (limit) {
       chart.append(s('line', { x1: left, x2: width - 10, y1: y(limit), y2: y(limit), stroke: '#c9372c', 'stroke-dasharray': '4 3' }),
@@ -304,7 +317,7 @@
         h('tbody', {}, shown.slice().reverse().map((b) => h('tr', {},
           h('td', {}, localTime(b.startTime)), h('td', {}, localTime(b.actualEndTime || b.endTime)),
           h('td', {}, b.isActive ? t('active') : ''), h('td', { class: 'number' }, tokensText(b.totalTokens)),
-          h('td', { class: 'number' }, usdText(b.costUSD)), h('td', { class: 'number' }, percent(b))))))];
+          costCell(b.costUSD, b.unpricedTokens), h('td', { class: 'number' }, percent(b))))))];
   }
 
   // ---- inbox ----

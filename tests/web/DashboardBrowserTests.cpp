@@ -88,6 +88,9 @@ void expectUsageOfTheLast30Days(const Rendered& page) {
         ASSERT_NE(at, std::string::npos) << row;
         const std::string tokens = "data-tokens=\"" + std::to_string(day.at("totalTokens").to_number<std::int64_t>()) + "\"";
         EXPECT_LT(page.dom.find(tokens, at), page.dom.find("</tr>", at)) << row << " " << tokens;
+        // A day whose cost leaves tokens out is marked, never shown as a plain price.
+        const bool marked = page.dom.find("class=\"unpriced\">*", at) < page.dom.find("</tr>", at);
+        EXPECT_EQ(marked, day.at("unpricedTokens").to_number<std::int64_t>() > 0) << row;
     }
 }
 
