@@ -34,12 +34,14 @@ QuotaSnapshot SnapshotInput::read(std::string_view commandName) const {
 }
 
 void printWidget(const QuotaSnapshot& snapshot, std::string_view format, const GlobalOptions& globals) {
-    const auto policy = QuotaFreshnessPolicy::fromDefaults(*resolveConfiguration(globals).userDefaults);
+    const auto configuration = resolveConfiguration(globals);
+    const auto policy = QuotaFreshnessPolicy::fromDefaults(*configuration.userDefaults);
     if (format == "json") {
-        return writeOutput("-", QuotaWidgetSnapshots::widgetDocument(snapshot, resolveNow(globals),
-                                                                       resolveLanguage(globals), policy) + "\n");
+        return writeOutput("-", QuotaWidgetSnapshots::widgetDocument(snapshot, resolveNow(globals), resolveLanguage(globals),
+                                                                       policy, configuration, systemCalendar()) + "\n");
     }
-    const QuotaWidgetView view = QuotaWidgetView::make(snapshot, resolveNow(globals), resolveLanguage(globals), policy);
+    const QuotaWidgetView view = QuotaWidgetSnapshots::view(snapshot, resolveNow(globals), resolveLanguage(globals), policy,
+                                                            configuration, systemCalendar());
     if (format == "waybar") {
         writeOutput("-", QuotaWidgetText::waybarJSON(QuotaWidgetText::waybarModule(view)) + "\n");
     } else if (format == "line") {

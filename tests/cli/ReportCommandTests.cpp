@@ -132,6 +132,10 @@ TEST_F(ReportCommand, TheWidgetShowsThisMachinesSnapshotWhenThereIsNoSiblingFile
         << tooltip;
     EXPECT_EQ(gaugepoint(with({"sources", "list", "--json"}, false)).out.find("Codex"), std::string::npos);
     EXPECT_EQ(gaugepoint(with({"widget", "--format", "line", "--now", now}, false)).out, "Codex 5h 99.2% left · in 5h\n");
+    // The 30-day cost leaves out a model without a price, and says how many tokens that is.
+    const auto text = gaugepoint(with({"widget", "--now", now}, false)).out;
+    EXPECT_NE(text.find("Claude  2.7M tokens · $5.01 in 30 days (220.2K unpriced)\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("Gemini  602.8K tokens · $0.72 in 30 days\n"), std::string::npos) << text;
 
     // A block limit, kept for later scans, turns the active Claude block into the tightest window.
     const std::string during = "2026-11-05T15:00:00Z";

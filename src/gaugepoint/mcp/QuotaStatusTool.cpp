@@ -5,6 +5,7 @@
 #include "gaugepoint/mcp/McpTool.hpp"
 #include "gaugepoint/platform/Json.hpp"
 #include "gaugepoint/widgets/QuotaWidgetText.hpp"
+#include "gaugepoint/widgets/QuotaWidgetSnapshots.hpp"
 #include "gaugepoint/widgets/QuotaWidgetViewModel.hpp"
 
 namespace gaugepoint::mcp {
@@ -33,7 +34,8 @@ McpToolResult call(const McpArguments& arguments, McpContext& context) {
         if (provider) arguments.fail("no quota reading of \"" + excerpt(*provider) + "\": there is no reading of any provider yet");
         return {kNoReading, {{"providers", boost::json::array{}}}};
     }
-    QuotaWidgetView view = QuotaWidgetView::make(*snapshot, context.now(), context.language(), context.freshnessPolicy());
+    QuotaWidgetView view = QuotaWidgetSnapshots::view(*snapshot, context.now(), context.language(), context.freshnessPolicy(),
+                                                      context.configuration(), context.calendar());
     if (provider) {
         std::string known;
         for (const auto& p : view.providers) known += (known.empty() ? "" : ", ") + p.id;

@@ -173,6 +173,24 @@ QuotaSnapshot mergedWithNewerReadings(QuotaSnapshot snapshot, const std::optiona
 
 }  // namespace
 
+std::map<std::string, std::int64_t> unpricedTokens(const QuotaSyncConfiguration& configuration, Date now,
+                                                   const LocalCalendar& calendar) noexcept {
+    std::map<std::string, std::int64_t> unpriced;
+    try {
+        const QuotaUsageEntryStore store{QuotaSessionFileRegistry{configuration}};
+        UsageReportFilter lastDays;
+        lastDays.since = calendar.dayKey(calendar.addingDays(now, -(kDays - 1)));
+        for (const auto& tool : codingTools()) {
+            lastDays.providerID = tool->provider().id;
+            const std::int64_t tokens = usageOfDays(store, calendar, lastDays).unpricedTokens;
+            if (tokens > 0) unpriced[tool->provider().id] = tokens;
+        }
+    } catch (const Error&) {
+        unpriced.clear();
+    }
+    return unpriced;
+}
+
 QuotaSnapshot make(const QuotaSyncConfiguration& configuration, Date now, const LocalCalendar& calendar) {
     const QuotaUsageEntryStore store{QuotaSessionFileRegistry{configuration}};
     QuotaSnapshot snapshot;

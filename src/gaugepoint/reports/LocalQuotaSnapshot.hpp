@@ -17,6 +17,9 @@
 
 #include "gaugepoint/model/QuotaSnapshot.hpp"
 #include "gaugepoint/platform/LocalCalendar.hpp"
+#include <map>
+#include <string>
+
 #include "gaugepoint/platform/QuotaSyncConfiguration.hpp"
 
 namespace gaugepoint::LocalQuotaSnapshot {
@@ -28,6 +31,12 @@ QuotaSnapshotSource source(const QuotaSyncConfiguration& configuration);
 // taken from this machine's stored record when they are not newer than `now`. Throws
 // QuotaSessionFileRegistryError when the imported records cannot be read.
 QuotaSnapshot make(const QuotaSyncConfiguration& configuration, Date now, const LocalCalendar& calendar);
+
+// Per provider, the tokens of the snapshot's last 30 days at `now` that no price covers (left
+// out of its 30-day cost); providers without any are left out. Never throws: empty when the
+// imported records cannot be read.
+std::map<std::string, std::int64_t> unpricedTokens(const QuotaSyncConfiguration& configuration, Date now,
+                                                   const LocalCalendar& calendar) noexcept;
 
 // What publish() wrote.
 struct PublishResult {

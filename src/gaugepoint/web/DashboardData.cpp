@@ -179,7 +179,8 @@ std::string DashboardData::widget(const DashboardParameters& parameters) const {
     // No reading yet: the document of an empty snapshot, as the widget prints it then.
     return QuotaWidgetSnapshots::widgetDocument(snapshot.value_or(QuotaSnapshot{}), now(),
                                                 language ? *language : settings_.language,
-                                                QuotaFreshnessPolicy::fromDefaults(*configuration.userDefaults));
+                                                QuotaFreshnessPolicy::fromDefaults(*configuration.userDefaults), configuration,
+                                                calendar({}));
 }
 
 std::string DashboardData::report(const DashboardParameters& parameters) const {

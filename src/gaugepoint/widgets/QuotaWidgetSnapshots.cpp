@@ -48,9 +48,21 @@ std::optional<QuotaSnapshot> preferred(const QuotaSyncConfiguration& configurati
     return thisMachine(configuration, now, nowPinned, calendar);
 }
 
+std::map<std::string, std::int64_t> unpricedTokensOf(const QuotaSnapshot& snapshot, const QuotaSyncConfiguration& configuration,
+                                                     Date now, const LocalCalendar& calendar) {
+    if (!snapshot.source || snapshot.source->sourceID != configuration.localSourceID()) return {};
+    return LocalQuotaSnapshot::unpricedTokens(configuration, now, calendar);
+}
+
+QuotaWidgetView view(const QuotaSnapshot& snapshot, Date now, std::string_view language, const QuotaFreshnessPolicy& policy,
+                     const QuotaSyncConfiguration& configuration, const LocalCalendar& calendar) {
+    return QuotaWidgetView::make(snapshot, now, language, policy, unpricedTokensOf(snapshot, configuration, now, calendar));
+}
+
 std::string widgetDocument(const QuotaSnapshot& snapshot, Date now, std::string_view language,
-                           const QuotaFreshnessPolicy& policy) {
-    return json::encode(QuotaWidgetView::make(snapshot, now, language, policy), true);
+                           const QuotaFreshnessPolicy& policy, const QuotaSyncConfiguration& configuration,
+                           const LocalCalendar& calendar) {
+    return json::encode(view(snapshot, now, language, policy, configuration, calendar), true);
 }
 
 }  // namespace gaugepoint::QuotaWidgetSnapshots

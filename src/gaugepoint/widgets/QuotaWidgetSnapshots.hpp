@@ -3,7 +3,9 @@
 // Where the faces (`gaugepoint widget`, the dashboard) find the snapshot they show, and the
 // widget's JSON document of it: one path, so a page and the command never disagree.
 
+#include <cstdint>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,6 +15,7 @@
 #include "gaugepoint/platform/QuotaSyncConfiguration.hpp"
 #include "gaugepoint/quota/QuotaReading.hpp"
 #include "gaugepoint/stores/QuotaSourceSnapshotStore.hpp"
+#include "gaugepoint/widgets/QuotaWidgetViewModel.hpp"
 
 namespace gaugepoint::QuotaWidgetSnapshots {
 
@@ -30,8 +33,19 @@ std::optional<QuotaSnapshot> thisMachine(const QuotaSyncConfiguration& configura
 std::optional<QuotaSnapshot> preferred(const QuotaSyncConfiguration& configuration, Date now, bool nowPinned,
                                        const LocalCalendar& calendar);
 
-// The `gaugepoint widget --format json` document of `snapshot` at `now` (indented, no newline).
+// The tokens of the last 30 days without a price, per provider, to name beside `snapshot`'s
+// usage: this machine's own when `snapshot` is this machine's, else none (another machine's or
+// the sibling app's snapshot carries no such figure). Never throws.
+std::map<std::string, std::int64_t> unpricedTokensOf(const QuotaSnapshot& snapshot, const QuotaSyncConfiguration& configuration,
+                                                     Date now, const LocalCalendar& calendar);
+
+// The view every face shows of `snapshot` at `now`, with unpricedTokensOf() named.
+QuotaWidgetView view(const QuotaSnapshot& snapshot, Date now, std::string_view language, const QuotaFreshnessPolicy& policy,
+                     const QuotaSyncConfiguration& configuration, const LocalCalendar& calendar);
+
+// The `gaugepoint widget --format json` document of view() (indented, no newline).
 std::string widgetDocument(const QuotaSnapshot& snapshot, Date now, std::string_view language,
-                           const QuotaFreshnessPolicy& policy);
+                           const QuotaFreshnessPolicy& policy, const QuotaSyncConfiguration& configuration,
+                           const LocalCalendar& calendar);
 
 }  // namespace gaugepoint::QuotaWidgetSnapshots

@@ -55,16 +55,21 @@ std::string compactCount(std::int64_t count) {
     return text;
 }
 
-std::optional<std::string> usageText(const std::optional<QuotaTokenUsageSummary>& usage, std::string_view language) {
+std::optional<std::string> usageText(const std::optional<QuotaTokenUsageSummary>& usage, std::int64_t unpricedTokens,
+                                     std::string_view language) {
     if (!usage || !usage->last30DaysTokens) return std::nullopt;
     const std::string tokens = compactCount(*usage->last30DaysTokens);
     const auto cost = QuotaFormatting::currency(usage->last30DaysCostUSD, "USD", "en_US");
-    if (isChineseLanguage(language)) return "30 天 " + tokens + " 令牌" + (cost ? " · " + *cost : "");
-    return tokens + " tokens" + (cost ? " · " + *cost : "") + " in 30 days";
+    const std::string unpriced = unpricedTokens > 0 ? compactCount(unpricedTokens) : "";
+    if (isChineseLanguage(language)) {
+        return "30 天 " + tokens + " 令牌" + (cost ? " · " + *cost : "") + (unpriced.empty() ? "" : "（" + unpriced + " 未计价）");
+    }
+    return tokens + " tokens" + (cost ? " · " + *cost : "") + " in 30 days" + (unpriced.empty() ? "" : " (" + unpriced + " unpriced)");
 }
 
 QuotaWidgetProviderView providerView(const ProviderQuota& provider, Date generatedAt, Date now,
-                                     std::string_view language, const QuotaFreshnessPolicy& policy) {
+                                     std::string_view language, const QuotaFreshnessPolicy& policy,
+                                     std::int64_t unpricedTokens) {
     const QuotaProviderNow reading = quotaProviderNow(provider, generatedAt, now, policy);
     QuotaWidgetProviderView view;
     view.id = provider.id;
@@ -75,7 +80,7 @@ QuotaWidgetProviderView providerView(const ProviderQuota& provider, Date generat
     if (QuotaProductCatalog::creditsAreUSD(provider.id)) {
         view.balanceText = QuotaFormatting::balance(provider.creditsRemaining, "USD", language);
     }
-    view.usageText = usageText(provider.tokenUsage, language);
+    view.usageText = usageText(provider.tokenUsage, unpricedTokens, language);
     if (const auto top = provider.topWindow()) view.topWindowID = top->id;
     if (const auto* headline = reading.constraining()) view.headlineWindowID = headline->window.id;
     view.observedAt = reading.observedAt;
@@ -90,13 +95,18 @@ QuotaWidgetProviderView providerView(const ProviderQuota& provider, Date generat
 }  // namespace
 
 QuotaWidgetView QuotaWidgetView::make(const QuotaSnapshot& snapshot, Date now, std::string_view language,
-                                      const QuotaFreshnessPolicy& policy) {
+                                      const QuotaFreshnessPolicy& policy,
+                                      const std::map<std::string, std::int64_t>& unpricedTokens) {
     QuotaWidgetView view;
     view.generatedAt = snapshot.generatedAt;
     view.nextResetAt = snapshot.nextResetAt();
     view.language = std::string(language);
     view.providers.reserve(snapshot.providers.size());
-    for (const auto& provider : snapshot.providers) view.providers.push_back(providerView(provider, snapshot.generatedAt, now, language, policy));
+    for (const auto& provider : snapshot.providers) {
+        const auto unpriced = unpricedTokens.find(provider.id);
+        view.providers.push_back(providerView(provider, snapshot.generatedAt, now, language, policy,
+                                              unpriced == unpricedTokens.end() ? 0 : unpriced->second));
+    }
     return view;
 }
 

@@ -5,6 +5,7 @@
 
 #include <boost/describe/class.hpp>
 
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -45,7 +46,8 @@ struct QuotaWidgetProviderView {
     std::string status;  // compatibilityStatusText
     std::optional<std::string> creditsText;
     std::optional<std::string> balanceText;  // for providers whose credits are US dollars
-    // Tokens and cost of the last 30 days when known: "3.1M tokens · $5.49 in 30 days".
+    // Tokens and cost of the last 30 days when known: "3.1M tokens · $5.49 in 30 days", with
+    // the tokens no price covers named: "… in 30 days (220.2K unpriced)".
     std::optional<std::string> usageText;
     std::optional<std::string> topWindowID;
     // The window with the least left: it decides the provider's headline.
@@ -68,8 +70,11 @@ struct QuotaWidgetView {
 
     // The view of `snapshot` at `now` in `language`; readings older than `policy` allows are
     // stale. Clock times use the user's locale.
+    // `unpricedTokens` (provider id -> tokens of the last 30 days without a price) are named
+    // beside that provider's 30-day usage.
     static QuotaWidgetView make(const QuotaSnapshot& snapshot, Date now, std::string_view language,
-                                const QuotaFreshnessPolicy& policy = {});
+                                const QuotaFreshnessPolicy& policy = {},
+                                const std::map<std::string, std::int64_t>& unpricedTokens = {});
 };
 BOOST_DESCRIBE_STRUCT(QuotaWidgetView, (), (generatedAt, nextResetAt, language, providers))
 
