@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <iostream>
 #include <set>
 
 #include "Commands.hpp"
@@ -12,6 +13,7 @@
 #include "gaugepoint/model/QuotaLanguagePreference.hpp"
 #include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/importers/CodingToolLogs.hpp"
+#include "gaugepoint/importers/ScanLock.hpp"
 #include "gaugepoint/reports/ClaudeBlockLimit.hpp"
 #include "gaugepoint/reports/UsageBlocks.hpp"
 #include "gaugepoint/reports/UsagePeriods.hpp"
@@ -404,7 +406,12 @@ void run(ReportKind kind, const ReportOptions& options, const GlobalOptions& glo
         QuotaScanOptions scanOptions;
         options.homes.applyTo(scanOptions);
         warnAboutMissingHomes(options.homes);
-        scanAndPublish(scanOptions, globals);
+        try {
+            scanAndPublish(scanOptions, globals);
+        } catch (const ScanLockBusy& e) {
+            // A stopped or slow scan must not hold the report up: what is stored is shown.
+            std::cerr << "gaugepoint: " << e.what() << "; showing what is stored\n";
+        }
     }
     const QuotaSyncConfiguration configuration = resolveConfiguration(globals);
     const QuotaUsageEntryStore store{QuotaSessionFileRegistry{configuration}};

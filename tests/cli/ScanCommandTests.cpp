@@ -1,5 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 
@@ -45,9 +51,9 @@ TEST(ScanCommand, SummarisesEachScanInOneLine) {
 std::map<std::string, std::pair<std::string, std::filesystem::file_time_type>> storeFiles(const std::filesystem::path& dir) {
     std::map<std::string, std::pair<std::string, std::filesystem::file_time_type>> files;
     for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-        // The empty stamp whose time says when a scan last finished is the one thing a scan
-        // touches every time (no bytes, no fsync).
-        if (entry.path().filename() == "quota-last-scan.stamp") continue;
+        // The empty stamp whose time says when a scan last finished, and the lock file naming the
+        // scan that holds it, are what a scan touches every time (a few bytes, no fsync).
+        if (entry.path().filename() == "quota-last-scan.stamp" || entry.path().filename() == "quota-session-scan.lock") continue;
         files[entry.path().filename().string()] = {testing::readFile(entry.path()), entry.last_write_time()};
     }
     return files;
@@ -87,6 +93,90 @@ TEST(ScanCommand, VerboseNamesEverySkippedLine) {
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(result.out, "1 file read, 0 unchanged · 0 new sessions, 0 updated · 0 tokens · 1 line skipped\n  " +
                               (dir / "claude" / "projects" / "p" / "s.jsonl").string() + " at byte 0: not a complete JSON object\n");
+}
+
+// A catalogue file deleted by hand is written again by the next scan, though no log changed.
+TEST(ScanCommand, ADeletedCatalogueIsRebuiltByTheNextScan) {
+    testing::ScratchDirectory dir;
+    const std::string logs = testing::testData("logs").string();
+    const std::vector<std::string> args{"scan", "--app-group-dir", (dir / "g").string(), "--claude-dir", logs + "/claude",
+                                        "--codex-dir", logs + "/codex", "--gemini-dir", logs + "/gemini"};
+    ASSERT_EQ(gaugepoint(args).exitCode, 0);
+    for (const char* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(dir / "g" / (std::string("quota-session-catalog.sqlite") + suffix));
+    EXPECT_EQ(gaugepoint(args).out, "0 files read, 34 unchanged · 32 new sessions, 0 updated · 0 tokens · 0 lines skipped\n");
+    EXPECT_NE(gaugepoint({"sessions", "list", "--app-group-dir", (dir / "g").string(), "--limit", "1"}).out.find("1-1 of 32 sessions"),
+              std::string::npos);
+}
+
+// A scan stopped (kill -STOP) while it holds the lock: a second scan waits the user's lock wait
+// and fails naming the holder; a report says so and shows what is stored; the status line never
+// waits for it.
+TEST(ScanCommand, AStoppedScanHoldsLaterCommandsUpOnlyForTheLockWait) {
+    testing::ScratchDirectory dir;
+    ::setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
+    std::filesystem::create_directories(dir / "config" / "gaugepoint");
+    testing::writeFile(dir / "config" / "gaugepoint" / "defaults.json", R"({"scan.lockWaitSeconds": 1})");
+    const std::string logs = testing::testData("logs").string();
+    const auto scanOf = [&](const std::string& group) {
+        return std::vector<std::string>{"scan", "--app-group-dir", group, "--capture", "fullTranscript", "--claude-dir",
+                                        logs + "/claude", "--codex-dir", logs + "/codex", "--gemini-dir", logs + "/gemini"};
+    };
+    // A first scan, stopped as soon as it wrote its pid into the lock file (retried should it
+    // finish first).
+    pid_t stopped = -1;
+    std::string group;
+    for (int attempt = 0; attempt < 10 && stopped < 0; ++attempt) {
+        group = (dir / ("g" + std::to_string(attempt))).string();
+        ASSERT_EQ(gaugepoint({"report", "daily", "--no-scan", "--app-group-dir", group}).exitCode, 0);  // makes the directory
+        auto words = scanOf(group);
+        words.insert(words.begin(), GAUGEPOINT_BINARY);
+        std::vector<char*> argv;
+        for (auto& w : words) argv.push_back(w.data());
+        argv.push_back(nullptr);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            std::freopen("/dev/null", "w", stdout);
+            ::execv(GAUGEPOINT_BINARY, argv.data());
+            ::_exit(127);
+        }
+        const auto lockFile = std::filesystem::path(group) / "quota-session-scan.lock";
+        const std::string pid = std::to_string(child) + "\n";
+        const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (std::chrono::steady_clock::now() < giveUp && !(std::filesystem::exists(lockFile) && testing::readFile(lockFile) == pid)) {
+            ::usleep(100);
+        }
+        ::kill(child, SIGSTOP);
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, WUNTRACED), child);
+        if (WIFSTOPPED(status)) stopped = child;
+    }
+    ASSERT_GT(stopped, 0) << "every scan finished before it could be stopped";
+
+    const auto timed = [](const std::vector<std::string>& args, const std::string& input = {}) {
+        const auto start = std::chrono::steady_clock::now();
+        auto result = gaugepoint(args, input);
+        return std::pair{result, std::chrono::steady_clock::now() - start};
+    };
+    const std::string holder = "another scan (pid " + std::to_string(stopped) + ") has held the lock for ";
+    const auto [scan, scanTook] = timed(scanOf(group));
+    EXPECT_EQ(scan.exitCode, 1);
+    EXPECT_EQ(scan.err.rfind("gaugepoint: " + holder, 0), 0u) << scan.err;
+    EXPECT_LT(scanTook, std::chrono::seconds(4));
+    const auto [report, reportTook] = timed({"report", "daily", "--app-group-dir", group, "--claude-dir", logs + "/claude"});
+    EXPECT_EQ(report.exitCode, 0);
+    EXPECT_NE(report.err.find(holder), std::string::npos) << report.err;
+    EXPECT_NE(report.err.find("; showing what is stored\n"), std::string::npos) << report.err;
+    EXPECT_LT(reportTook, std::chrono::seconds(4));
+    const auto [line, lineTook] =
+        timed({"statusline", "--app-group-dir", group}, R"({"model":{"display_name":"Opus"},"workspace":{"current_dir":"/tmp"}})");
+    EXPECT_EQ(line.exitCode, 0) << line.err;
+    EXPECT_LT(lineTook, std::chrono::milliseconds(900));
+
+    ::kill(stopped, SIGCONT);
+    int status = 0;
+    ASSERT_EQ(::waitpid(stopped, &status, 0), stopped);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    ::unsetenv("XDG_CONFIG_HOME");
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <thread>
 
@@ -26,8 +27,11 @@ using namespace scanning;
 // cores of a small machine busy.
 constexpr unsigned kMostReaders = 2;
 
-// A user default, in seconds: how long a complete last line without its newline must stay as it
-// is before it counts (a tool may still be writing it).
+// User defaults, in seconds: how long a scan waits for another to finish before it gives up
+// (a stopped scan must not block every later command), and how long a complete last line
+// without its newline must stay as it is before it counts (a tool may still be writing it).
+constexpr std::string_view kLockWaitKey = "scan.lockWaitSeconds";
+constexpr double kLockWaitSeconds = 5;
 constexpr std::string_view kQuietLastLineKey = "scan.lastLineQuietSeconds";
 constexpr double kQuietLastLineSeconds = 60;
 
@@ -73,7 +77,8 @@ QuotaLogScanner::QuotaLogScanner(QuotaSyncConfiguration configuration) : configu
 QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     const auto directory = configuration_.resolvedAppGroupDirectory();
     if (!directory) throw QuotaSessionFileRegistryError::missingAppGroupContainer(configuration_.appGroupIdentifier);
-    const ScanLock lock{*directory / lockFilename};
+    const auto lockWait = std::chrono::duration<double>(secondsSetting(configuration_, kLockWaitKey, kLockWaitSeconds));
+    const ScanLock lock{*directory / lockFilename, std::chrono::duration_cast<std::chrono::milliseconds>(lockWait)};
     const double quietLastLine = secondsSetting(configuration_, kQuietLastLineKey, kQuietLastLineSeconds);
     const std::string sourceID = configuration_.localSourceID();
     const QuotaSessionFileRegistry registry{configuration_};
