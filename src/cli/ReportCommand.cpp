@@ -14,6 +14,7 @@
 #include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/importers/ScanLock.hpp"
+#include "gaugepoint/pricing/QuotaMetadataCatalog.hpp"
 #include "gaugepoint/reports/ClaudeBlockLimit.hpp"
 #include "gaugepoint/reports/UsageBlocks.hpp"
 #include "gaugepoint/reports/UsagePeriods.hpp"
@@ -402,6 +403,9 @@ void run(ReportKind kind, const ReportOptions& options, const GlobalOptions& glo
     const Date now = resolveNow(globals);
     const LocalCalendar calendar = reportCalendar(options);
     const UsageReportFilter filter = reportFilter(options, kind, calendar, now);
+    // Estimated costs are priced with the catalogue in force now, a refreshed one included
+    // (the scan puts it in force itself).
+    if (options.noScan) QuotaMetadataCatalog::useConfiguration(resolveConfiguration(globals));
     if (!options.noScan) {
         QuotaScanOptions scanOptions;
         options.homes.applyTo(scanOptions);
