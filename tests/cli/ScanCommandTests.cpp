@@ -119,13 +119,18 @@ TEST(ScanCommand, AStoppedScanHoldsLaterCommandsUpOnlyForTheLockWait) {
     const std::string logs = testing::testData("logs").string(), group = (dir / "g").string();
     std::vector<std::string> scan{GAUGEPOINT_BINARY, "scan", "--app-group-dir", group, "--capture", "fullTranscript",
                                   "--claude-dir", logs + "/claude", "--codex-dir", logs + "/codex", "--gemini-dir", logs + "/gemini"};
-    // The first scan is stopped once it wrote its pid into the lock file: the test fails, rather
-    // than hangs, should it finish first.
+    // Stored usage, then a scan with files to read (all of them again, for another capture mode),
+    // stopped once it wrote its pid into the lock file: the test fails, rather than hangs, should
+    // it finish first.
+    std::vector<std::string> fill{scan.begin() + 1, scan.end()};
+    fill.erase(fill.begin() + 3, fill.begin() + 5);  // metadataOnly
+    ASSERT_EQ(gaugepoint(fill).exitCode, 0);
     std::vector<char*> argv;
     for (auto& word : scan) argv.push_back(word.data());
     argv.push_back(nullptr);
     const pid_t first = ::fork();
     if (first == 0) {
+        std::freopen("/dev/null", "w", stdout);
         ::execv(argv[0], argv.data());
         ::_exit(127);
     }
@@ -149,6 +154,7 @@ TEST(ScanCommand, AStoppedScanHoldsLaterCommandsUpOnlyForTheLockWait) {
     EXPECT_EQ(report.exitCode, 0);
     EXPECT_NE(report.err.find(holder), std::string::npos) << report.err;
     EXPECT_NE(report.err.find("; showing what is stored\n"), std::string::npos) << report.err;
+    EXPECT_NE(report.out.find("\nTotal "), std::string::npos) << report.out;
     for (const auto took : {secondTook, reportTook}) EXPECT_LT(took, std::chrono::seconds(4));
     const auto [line, lineTook] = timed({"statusline", "--app-group-dir", group}, R"({"model":{"display_name":"Opus"}})");
     EXPECT_EQ(line.exitCode, 0) << line.err;
