@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <iostream>
 #include <set>
 
 #include "Commands.hpp"
@@ -12,6 +13,8 @@
 #include "gaugepoint/model/QuotaLanguagePreference.hpp"
 #include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/importers/CodingToolLogs.hpp"
+#include "gaugepoint/importers/ScanLock.hpp"
+#include "gaugepoint/pricing/QuotaMetadataCatalog.hpp"
 #include "gaugepoint/reports/ClaudeBlockLimit.hpp"
 #include "gaugepoint/reports/UsageBlocks.hpp"
 #include "gaugepoint/reports/UsagePeriods.hpp"
@@ -400,11 +403,19 @@ void run(ReportKind kind, const ReportOptions& options, const GlobalOptions& glo
     const Date now = resolveNow(globals);
     const LocalCalendar calendar = reportCalendar(options);
     const UsageReportFilter filter = reportFilter(options, kind, calendar, now);
+    // Estimated costs are priced with the catalogue in force now, a refreshed one included
+    // (the scan puts it in force itself).
+    if (options.noScan) QuotaMetadataCatalog::useConfiguration(resolveConfiguration(globals));
     if (!options.noScan) {
         QuotaScanOptions scanOptions;
         options.homes.applyTo(scanOptions);
         warnAboutMissingHomes(options.homes);
-        scanAndPublish(scanOptions, globals);
+        try {
+            scanAndPublish(scanOptions, globals);
+        } catch (const ScanLockBusy& e) {
+            // A stopped or slow scan must not hold the report up: what is stored is shown.
+            std::cerr << "gaugepoint: " << e.what() << "; showing what is stored\n";
+        }
     }
     const QuotaSyncConfiguration configuration = resolveConfiguration(globals);
     const QuotaUsageEntryStore store{QuotaSessionFileRegistry{configuration}};

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <boost/json/serialize.hpp>
+
 #include <cstdlib>
 
 #include "CommandRunner.hpp"
@@ -92,6 +94,38 @@ TEST_F(ReportCommand, TablesAreAlignedWithTotalsAndMarkUnpricedTokens) {
     EXPECT_EQ(std::count(limited.out.begin(), limited.out.end(), '\n'), 11) << limited.out;
     EXPECT_EQ(gaugepoint(with({"report", "daily", "--no-scan", "--provider", "gemini", "--since", "2030-01-01"}, false)).out,
               "No usage found in the stores at " + (dir / "group").string() + " (without --no-scan the logs are read first).\n");
+}
+
+// Estimated costs come from the catalogue in force when the report runs: a refresh that prices a
+// model the scan found unpriced shows in the next report, with or without its scan.
+TEST_F(ReportCommand, ARefreshedCatalogueIsSeenByTheNextReport) {
+    const auto totals = [&](bool scan) {
+        std::vector<std::string> args{"report", "daily", "--json"};
+        if (!scan) args.push_back("--no-scan");
+        const auto report = gaugepoint(with(args, scan));
+        EXPECT_EQ(report.exitCode, 0) << report.err;
+        return json::parse(report.out).at("totals");
+    };
+    const auto before = totals(true);
+    ASSERT_EQ(before.at("unpricedTokens"), 220235);
+
+    auto models = json::parse(gaugepoint(with({"catalog", "models", "--json"}, false)).out);
+    auto& list = models.as_object()["models"].as_array();
+    auto priced = list.front();
+    priced.as_object()["id"] = "claude-nebula-preview-20261015";
+    priced.as_object()["displayName"] = "Nebula preview";
+    priced.as_object()["aliases"] = boost::json::array{};
+    list.push_back(priced);
+    testing::writeFile(dir / "p.json", gaugepoint(with({"catalog", "providers", "--json"}, false)).out);
+    testing::writeFile(dir / "m.json", boost::json::serialize(models));
+    const auto refreshed = gaugepoint(with({"catalog", "refresh", "--provider-url", "file://" + (dir / "p.json").string(),
+                                            "--model-url", "file://" + (dir / "m.json").string()}, false));
+    ASSERT_EQ(refreshed.exitCode, 0) << refreshed.err;
+    for (const bool scan : {false, true}) {
+        const auto after = totals(scan);
+        EXPECT_EQ(after.at("unpricedTokens"), 0) << scan;
+        EXPECT_GT(after.at("totalCost").to_number<double>(), before.at("totalCost").to_number<double>() + 0.1) << scan;
+    }
 }
 
 TEST_F(ReportCommand, BadOptionsAreUsageErrorsOfOneLine) {

@@ -1,5 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 
@@ -45,9 +51,9 @@ TEST(ScanCommand, SummarisesEachScanInOneLine) {
 std::map<std::string, std::pair<std::string, std::filesystem::file_time_type>> storeFiles(const std::filesystem::path& dir) {
     std::map<std::string, std::pair<std::string, std::filesystem::file_time_type>> files;
     for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-        // The empty stamp whose time says when a scan last finished is the one thing a scan
-        // touches every time (no bytes, no fsync).
-        if (entry.path().filename() == "quota-last-scan.stamp") continue;
+        // The empty stamp whose time says when a scan last finished, and the lock file naming the
+        // scan that holds it, are what a scan touches every time (a few bytes, no fsync).
+        if (entry.path().filename() == "quota-last-scan.stamp" || entry.path().filename() == "quota-session-scan.lock") continue;
         files[entry.path().filename().string()] = {testing::readFile(entry.path()), entry.last_write_time()};
     }
     return files;
@@ -87,6 +93,77 @@ TEST(ScanCommand, VerboseNamesEverySkippedLine) {
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(result.out, "1 file read, 0 unchanged · 0 new sessions, 0 updated · 0 tokens · 1 line skipped\n  " +
                               (dir / "claude" / "projects" / "p" / "s.jsonl").string() + " at byte 0: not a complete JSON object\n");
+}
+
+// A catalogue file deleted by hand is written again by the next scan, though no log changed.
+TEST(ScanCommand, ADeletedCatalogueIsRebuiltByTheNextScan) {
+    testing::ScratchDirectory dir;
+    const std::string logs = testing::testData("logs").string();
+    const std::vector<std::string> args{"scan", "--app-group-dir", (dir / "g").string(), "--claude-dir", logs + "/claude",
+                                        "--codex-dir", logs + "/codex", "--gemini-dir", logs + "/gemini"};
+    ASSERT_EQ(gaugepoint(args).exitCode, 0);
+    for (const char* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(dir / "g" / (std::string("quota-session-catalog.sqlite") + suffix));
+    EXPECT_EQ(gaugepoint(args).out, "0 files read, 34 unchanged · 32 new sessions, 0 updated · 0 tokens · 0 lines skipped\n");
+    EXPECT_NE(gaugepoint({"sessions", "list", "--app-group-dir", (dir / "g").string(), "--limit", "1"}).out.find("1-1 of 32 sessions"),
+              std::string::npos);
+}
+
+// A scan stopped (kill -STOP) while it holds the lock: a second scan waits the user's lock wait
+// and fails naming the holder; a report says so and shows what is stored; the status line never
+// waits for it.
+TEST(ScanCommand, AStoppedScanHoldsLaterCommandsUpOnlyForTheLockWait) {
+    testing::ScratchDirectory dir;
+    ::setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
+    std::filesystem::create_directories(dir / "config" / "gaugepoint");
+    testing::writeFile(dir / "config" / "gaugepoint" / "defaults.json", R"({"scan.lockWaitSeconds": 1})");
+    const std::string logs = testing::testData("logs").string(), group = (dir / "g").string();
+    std::vector<std::string> scan{GAUGEPOINT_BINARY, "scan", "--app-group-dir", group, "--capture", "fullTranscript",
+                                  "--claude-dir", logs + "/claude", "--codex-dir", logs + "/codex", "--gemini-dir", logs + "/gemini"};
+    // Stored usage, then a scan with files to read (all of them again, for another capture mode),
+    // stopped once it wrote its pid into the lock file: the test fails, rather than hangs, should
+    // it finish first.
+    std::vector<std::string> fill{scan.begin() + 1, scan.end()};
+    fill.erase(fill.begin() + 3, fill.begin() + 5);  // metadataOnly
+    ASSERT_EQ(gaugepoint(fill).exitCode, 0);
+    std::vector<char*> argv;
+    for (auto& word : scan) argv.push_back(word.data());
+    argv.push_back(nullptr);
+    const pid_t first = ::fork();
+    if (first == 0) {
+        std::freopen("/dev/null", "w", stdout);
+        ::execv(argv[0], argv.data());
+        ::_exit(127);
+    }
+    const auto lock = dir / "g" / "quota-session-scan.lock";
+    for (int i = 0; i < 100000 && !(std::filesystem::exists(lock) && testing::readFile(lock) == std::to_string(first) + "\n"); ++i) ::usleep(100);
+    ::kill(first, SIGSTOP);
+    int status = 0;
+    ASSERT_EQ(::waitpid(first, &status, WUNTRACED), first);
+    ASSERT_TRUE(WIFSTOPPED(status)) << "the scan finished before it could be stopped";
+
+    const auto timed = [](const std::vector<std::string>& args, const std::string& input = {}) {
+        const auto start = std::chrono::steady_clock::now();
+        const auto result = gaugepoint(args, input);
+        return std::pair{result, std::chrono::steady_clock::now() - start};
+    };
+    const std::string holder = "another scan (pid " + std::to_string(first) + ") has held the lock for ";
+    const auto [second, secondTook] = timed({scan.begin() + 1, scan.end()});
+    EXPECT_EQ(second.exitCode, 1);
+    EXPECT_EQ(second.err.rfind("gaugepoint: " + holder, 0), 0u) << second.err;
+    const auto [report, reportTook] = timed({"report", "daily", "--app-group-dir", group, "--claude-dir", logs + "/claude"});
+    EXPECT_EQ(report.exitCode, 0);
+    EXPECT_NE(report.err.find(holder), std::string::npos) << report.err;
+    EXPECT_NE(report.err.find("; showing what is stored\n"), std::string::npos) << report.err;
+    EXPECT_NE(report.out.find("\nTotal "), std::string::npos) << report.out;
+    for (const auto took : {secondTook, reportTook}) EXPECT_LT(took, std::chrono::seconds(4));
+    const auto [line, lineTook] = timed({"statusline", "--app-group-dir", group}, R"({"model":{"display_name":"Opus"}})");
+    EXPECT_EQ(line.exitCode, 0) << line.err;
+    EXPECT_LT(lineTook, std::chrono::milliseconds(900));
+
+    ::kill(first, SIGCONT);
+    ASSERT_EQ(::waitpid(first, &status, 0), first);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    ::unsetenv("XDG_CONFIG_HOME");
 }
 
 }  // namespace

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include "gaugepoint/importers/JsonLineParser.hpp"
@@ -32,15 +34,85 @@ private:
     int fd_;
 };
 
+// What a file held up to a position, in 64 bits: its first and its last few KB up to there. A
+// log rewritten in place (same inode, longer than before) almost always differs in one of
+// them, and is then read again instead of on from the old position; an edit only in the middle
+// of a large file goes unnoticed. Stored with each position, so it must stay the same function
+// from version to version (not std::hash); it is reckoned once per piece of every file read, so
+// eight bytes at a time (in this machine's byte order: the stores never leave it).
+class PrefixDigest {
+public:
+    static constexpr std::size_t kWindow = 4096;  // bytes at each end
+
+    // The bytes read next after those added so far.
+    void add(std::string_view bytes) {
+        if (head_.size() < kWindow) head_.append(bytes.substr(0, kWindow - head_.size()));
+        if (bytes.size() >= kWindow) {
+            tail_.assign(bytes.substr(bytes.size() - kWindow));
+        } else {
+            tail_.append(bytes);
+            if (tail_.size() > 2 * kWindow) tail_.erase(0, tail_.size() - kWindow);
+        }
+    }
+    // Starts from what a file holds before `offset`; false when it could not be read whole.
+    bool load(int fd, std::int64_t offset) {
+        head_.resize(std::size_t(std::min<std::int64_t>(offset, kWindow)));
+        const std::int64_t tailStart = std::max<std::int64_t>(0, offset - std::int64_t(kWindow));
+        tail_.resize(std::size_t(offset - tailStart));
+        return readAt(fd, head_, 0) && readAt(fd, tail_, tailStart);
+    }
+    std::int64_t value() const {
+        std::uint64_t hash = 0xcbf29ce484222325ULL;
+        const auto mix = [&](std::string_view bytes) {
+            std::size_t at = 0;
+            for (; at + 8 <= bytes.size(); at += 8) {
+                std::uint64_t word;
+                std::memcpy(&word, bytes.data() + at, 8);
+                hash = (hash ^ word) * 0x9e3779b97f4a7c15ULL;
+                hash ^= hash >> 29;
+            }
+            for (; at < bytes.size(); ++at) hash = (hash ^ static_cast<unsigned char>(bytes[at])) * 0x100000001b3ULL;
+            hash = (hash ^ bytes.size()) * 0x9e3779b97f4a7c15ULL;
+        };
+        mix(head_);
+        mix(std::string_view(tail_).substr(tail_.size() - std::min(tail_.size(), kWindow)));
+        return std::int64_t(hash);
+    }
+    // The last byte added, if any.
+    std::optional<char> last() const { return tail_.empty() ? std::nullopt : std::optional(tail_.back()); }
+
+private:
+    static bool readAt(int fd, std::string& into, std::int64_t at) {
+        std::size_t done = 0;
+        while (done < into.size()) {
+            const ssize_t n = ::pread(fd, into.data() + done, into.size() - done, off_t(at + std::int64_t(done)));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) return false;
+            done += std::size_t(n);
+        }
+        return true;
+    }
+
+    std::string head_, tail_;  // the first bytes; the last (between one and two windows of them)
+};
+
+// Whether `line` (with kJsonPadding readable bytes after it) is one whole JSON object.
+bool isWholeObject(simdjson::dom::parser& parser, std::string_view line) {
+    const std::size_t end = line.find_last_not_of(" \t\r");
+    if (end == std::string_view::npos || line.front() != '{') return false;
+    const auto parsed = parser.parse(line.data(), end + 1, false);
+    return !parsed.error() && parsed.value_unsafe().is_object();
+}
+
 // Reads and parses the files that changed into pieces. Readers run on threads of their own, a
 // file each at a time, while the scan's thread writes the pieces: parsing and SQLite then share
 // the cores, and a reader waiting for a file does not hold the others up. A file's pieces are
 // queued in order by the one reader that took it.
 class FileReader {
 public:
-    FileReader(const QuotaScanOptions& options, const std::string& sourceID, Date now, PieceQueue& queue,
-               QuotaScanSummary& tally)
-        : options_(options), sourceID_(sourceID), queue_(queue), tally_(tally), now_(now) {}
+    FileReader(const QuotaScanOptions& options, const std::string& sourceID, Date now, double quietLastLine,
+               PieceQueue& queue, QuotaScanSummary& tally)
+        : options_(options), sourceID_(sourceID), queue_(queue), tally_(tally), now_(now), quietLastLine_(quietLastLine) {}
 
     void readAll(FileList& files, ReadProgress& progress) {
         while (const auto next = files.take()) {
@@ -86,18 +158,32 @@ private:
         // A file read before by these rules, the same file and not cut short, is read on from
         // where the last read stopped; anything else is read again from the start, and what it
         // gave before is replaced.
-        const bool readsOn = entry && file.layout == LogLayout::appendedLines && entry->parserVersion == tool.parserVersion() &&
-                            entry->fileIdentifier == piece.entry.fileIdentifier &&
-                            entry->lastOffset <= std::int64_t(info.st_size);
-        piece.forgetFirst = entry && !readsOn;
+        bool readsOn = entry && file.layout == LogLayout::appendedLines && entry->parserVersion == tool.parserVersion() &&
+                       entry->fileIdentifier == piece.entry.fileIdentifier &&
+                       entry->lastOffset <= std::int64_t(info.st_size);
         ++tally_.filesRead;
         if (file.layout == LogLayout::wholeDocument) return readDocument(opened, std::move(piece));
-        const std::int64_t offset = readsOn ? entry->lastOffset : 0;
-        if (offset > 0) {
-            const auto state = files.states.find(path);
-            if (state != files.states.end()) piece.state = state->second;
+        PrefixDigest digest;
+        if (readsOn && entry->lastOffset > 0) {
+            const auto resume = files.states.find(path);
+            readsOn = resume != files.states.end() && stillHolds(opened.fd(), entry->lastOffset, resume->second, digest);
+            if (readsOn) piece.state = resume->second.state;
         }
-        return readLines(opened, std::move(piece), offset);
+        if (!readsOn) digest = {};
+        piece.forgetFirst = entry && !readsOn;
+        return readLines(opened, std::move(piece), readsOn ? entry->lastOffset : 0, std::move(digest));
+    }
+
+    // Whether the file still holds what was read of it up to `offset` (then `digest` holds its
+    // bytes so far): the same digest (files read before digests were kept are trusted), and a
+    // last line counted without its newline that has not grown since. Anything else is a
+    // rewrite, read again from the start.
+    static bool stillHolds(int fd, std::int64_t offset, const QuotaUsageEntryStore::ReadOn& resume, PrefixDigest& digest) {
+        if (!digest.load(fd, offset)) return false;
+        if (resume.prefixDigest && *resume.prefixDigest != digest.value()) return false;
+        if (digest.last() == '\n') return true;
+        char next = '\n';
+        return ::pread(fd, &next, 1, off_t(offset)) <= 0 || next == '\n';
     }
 
     bool readDocument(ReadableFile& opened, Piece piece) {
@@ -128,7 +214,7 @@ private:
     // Reads complete lines from `offset` in pieces, each ending after its last complete line. A
     // last line without its newline is left for the next scan. Every piece but the last leaves
     // the entry's size unknown, so a scan stopped in between reads on from its position.
-    bool readLines(ReadableFile& opened, Piece piece, std::int64_t offset) {
+    bool readLines(ReadableFile& opened, Piece piece, std::int64_t offset, PrefixDigest digest) {
         if (::lseek(opened.fd(), off_t(offset), SEEK_SET) < 0) {
             skipped(piece.entry.path, std::strerror(errno));
             return true;
@@ -142,13 +228,16 @@ private:
         bool skippingLongLine = false;  // inside a line longer than a piece
         auto records = std::make_unique<Collected>(piece.entry.path, options_.capture);
         std::vector<LogLine> lines;
+        bool reachedEnd = false;
         for (;;) {
             const ssize_t n = ::read(opened.fd(), buffer_.get() + used, kPieceBytes - used);
             if (n < 0 && errno == EINTR) continue;
             if (n < 0) {
                 records->badLine(offset, std::string("reading stopped: ") + std::strerror(errno));
+                reachedEnd = false;
                 break;
             }
+            reachedEnd = n == 0 || used + std::size_t(n) < kPieceBytes;
             used += std::size_t(n);
             tally_.bytesRead += n;
             const bool atEnd = n == 0 || used < kPieceBytes;
@@ -160,6 +249,7 @@ private:
                 // A piece without a newline: a line longer than any real one, skipped up to its end.
                 if (!skippingLongLine) records->badLine(offset, "a line longer than 32 MiB");
                 skippingLongLine = true;
+                digest.add(data);
                 offset += std::int64_t(used);
                 used = 0;
                 continue;
@@ -174,6 +264,7 @@ private:
                 pos = end + 1;
             }
             piece.tool->parseLines(lines, context, piece.state, *records);
+            digest.add(data.substr(0, lastNewline + 1));
             offset += std::int64_t(lastNewline + 1);
             std::memmove(buffer_.get(), buffer_.get() + lastNewline + 1, used - (lastNewline + 1));
             used -= lastNewline + 1;
@@ -183,17 +274,37 @@ private:
             pieceStart = offset;
             piece.entry.lastOffset = offset;
             piece.entry.size.reset();
+            piece.prefixDigest = digest.value();
             piece.records = std::exchange(records, std::make_unique<Collected>(piece.entry.path, options_.capture));
             if (!queue_.push(std::exchange(piece, std::move(next)))) return false;
         }
         struct stat info {};
         ::fstat(opened.fd(), &info);
+        // What is left is a last line without its newline. A tool may still be writing it: it
+        // counts once it is a whole record and the file has been quiet for a while; should it
+        // grow later, the file is read again (see stillHolds).
+        if (reachedEnd && used > 0 && !skippingLongLine && isQuiet(info)) {
+            const std::string_view last(buffer_.get(), used);
+            if (!lastLineParser_) lastLineParser_ = std::make_unique<simdjson::dom::parser>();
+            if (isWholeObject(*lastLineParser_, last)) {
+                const LogLine line{last, offset};
+                piece.tool->parseLines({&line, 1}, context, piece.state, *records);
+                digest.add(last);
+                offset += std::int64_t(used);
+            }
+        }
         piece.entry.lastOffset = offset;
+        piece.prefixDigest = digest.value();
         piece.bytes = offset - pieceStart;
         piece.entry.size = std::int64_t(info.st_size);
         piece.entry.modifiedAt = fileModificationTime(info);
         piece.records = std::move(records);
         return queue_.push(std::move(piece));
+    }
+
+    bool isQuiet(const struct stat& info) const {
+        const double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+        return now - secondsSince1970(fileModificationTime(info)) >= quietLastLine_;
     }
 
     // The piece that follows `piece` once it ends at `offset`.
@@ -211,8 +322,10 @@ private:
     PieceQueue& queue_;
     QuotaScanSummary& tally_;
     Date now_;
+    double quietLastLine_;
     std::unique_ptr<char[]> buffer_;
     JsonLineParser parser_;
+    std::unique_ptr<simdjson::dom::parser> lastLineParser_;  // made on the first last line to check
 };
 
 }  // namespace
@@ -249,9 +362,9 @@ void ReadProgress::fileDone(std::int64_t bytesRead) {
     if (++progress_.filesDone % 16 == 0) options_.progress(progress_);
 }
 
-void readChangedFiles(const QuotaScanOptions& options, const std::string& sourceID, Date now, FileList& files,
-                      ReadProgress& progress, PieceQueue& queue, QuotaScanSummary& tally) {
-    FileReader{options, sourceID, now, queue, tally}.readAll(files, progress);
+void readChangedFiles(const QuotaScanOptions& options, const std::string& sourceID, Date now, double quietLastLine,
+                      FileList& files, ReadProgress& progress, PieceQueue& queue, QuotaScanSummary& tally) {
+    FileReader{options, sourceID, now, quietLastLine, queue, tally}.readAll(files, progress);
 }
 
 }  // namespace gaugepoint::scanning

@@ -14,6 +14,7 @@
 
 #include "gaugepoint/importers/LogFileWalker.hpp"
 #include "gaugepoint/importers/ScanPieces.hpp"
+#include "gaugepoint/stores/QuotaUsageEntryStore.hpp"
 
 namespace gaugepoint::scanning {
 
@@ -23,7 +24,7 @@ struct ToolFiles {
     const CodingToolLogs* tool = nullptr;
     std::vector<LogFileCandidate> files;
     std::unordered_map<std::string, QuotaSessionFileRegistryEntry> known;
-    std::unordered_map<std::string, std::string> states;
+    std::unordered_map<std::string, QuotaUsageEntryStore::ReadOn> states;
 };
 
 // Whether the file is as the registry saw it last: then it is not opened at all.
@@ -71,7 +72,9 @@ private:
 // Reads and parses the files of `files` that changed into pieces pushed to `queue`, a file at a
 // time, until the list is done or the writer gives up; counts into `tally` (this reader's own).
 // Several readers may share one list, queue and progress, each on its own thread.
-void readChangedFiles(const QuotaScanOptions& options, const std::string& sourceID, Date now, FileList& files,
-                      ReadProgress& progress, PieceQueue& queue, QuotaScanSummary& tally);
+// A complete last line without its newline counts once its file has not changed for
+// `quietLastLine` seconds (by the system's clock, which file times are in).
+void readChangedFiles(const QuotaScanOptions& options, const std::string& sourceID, Date now, double quietLastLine,
+                      FileList& files, ReadProgress& progress, PieceQueue& queue, QuotaScanSummary& tally);
 
 }  // namespace gaugepoint::scanning

@@ -71,7 +71,8 @@ private:
             return;
         }
         bool created = false;
-        const std::int64_t key = QuotaUsageEntryStore::fileKeyWithState(statements, e, piece.state, !piece.expected, created);
+        const std::int64_t key = QuotaUsageEntryStore::fileKeyWithState(statements, e, piece.state, piece.prefixDigest,
+                                                                         !piece.expected, created);
         QuotaUsageEntryStore::Tally forgotten;
         if (piece.forgetFirst && !created) forgotten = QuotaUsageEntryStore::forgetFile(statements, key);
         const auto added =

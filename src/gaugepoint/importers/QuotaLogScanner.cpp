@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <thread>
 
@@ -26,6 +27,22 @@ using namespace scanning;
 // cores of a small machine busy.
 constexpr unsigned kMostReaders = 2;
 
+// User defaults, in seconds: how long a scan waits for another to finish before it gives up
+// (a stopped scan must not block every later command), and how long a complete last line
+// without its newline must stay as it is before it counts (a tool may still be writing it).
+constexpr std::string_view kLockWaitKey = "scan.lockWaitSeconds";
+constexpr double kLockWaitSeconds = 5;
+constexpr std::string_view kQuietLastLineKey = "scan.lastLineQuietSeconds";
+constexpr double kQuietLastLineSeconds = 60;
+
+double secondsSetting(const QuotaSyncConfiguration& configuration, std::string_view key, double fallback) {
+    if (!configuration.userDefaults) return fallback;
+    const auto value = configuration.userDefaults->value(key);
+    if (!value || !value->is_number()) return fallback;
+    const double seconds = value->to_number<double>();
+    return seconds >= 0 && seconds < 86400 ? seconds : fallback;
+}
+
 // What the walk of one tool's homes found.
 struct WalkedFiles {
     std::vector<LogFileCandidate> files;
@@ -47,7 +64,7 @@ void loadParserStates(const QuotaSessionFileRegistry& registry, const std::strin
                 key.sourceID = sourceID;
                 key.providerID = tool.tool->provider().id;
                 key.captureMode = found->second.captureMode;
-                tool.states.emplace(found->first, QuotaUsageEntryStore::parserState(statements, key));
+                tool.states.emplace(found->first, QuotaUsageEntryStore::readOn(statements, key));
             }
         }
     });
@@ -60,7 +77,9 @@ QuotaLogScanner::QuotaLogScanner(QuotaSyncConfiguration configuration) : configu
 QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     const auto directory = configuration_.resolvedAppGroupDirectory();
     if (!directory) throw QuotaSessionFileRegistryError::missingAppGroupContainer(configuration_.appGroupIdentifier);
-    const ScanLock lock{*directory / lockFilename};
+    const auto lockWait = std::chrono::duration<double>(secondsSetting(configuration_, kLockWaitKey, kLockWaitSeconds));
+    const ScanLock lock{*directory / lockFilename, std::chrono::duration_cast<std::chrono::milliseconds>(lockWait)};
+    const double quietLastLine = secondsSetting(configuration_, kQuietLastLineKey, kQuietLastLineSeconds);
     const std::string sourceID = configuration_.localSourceID();
     const QuotaSessionFileRegistry registry{configuration_};
     const QuotaSessionCatalogStore catalog{configuration_};
@@ -114,7 +133,8 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     for (unsigned r = 0; r < readerCount; ++r) {
         readers.emplace_back([&, r] {
             try {
-                readChangedFiles(options, sourceID, configuration_.clock.now(), files, progress, queue, read[r]);
+                readChangedFiles(options, sourceID, configuration_.clock.now(), quietLastLine, files, progress, queue,
+                                 read[r]);
             } catch (...) {
                 readFailures[r] = std::current_exception();
             }
@@ -159,12 +179,15 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     std::size_t known = 0;
     for (const auto& tool : tools) known += tool.known.size();
     std::future<void> checkpoints;
-    if (summary.filesUnchanged != total || std::size_t(total) != known) {
+    if (summary.filesUnchanged != total || std::size_t(total) != known || !std::filesystem::exists(states.documentURL())) {
         checkpoints = std::async(std::launch::async, [&] {
             updateCheckpoints(states, tools, sourceID, options.capture, configuration_.clock.now());
         });
     }
     if (deferredIndexes) QuotaUsageEntryStore{registry}.buildDeferredIndexes();
+    // A catalogue deleted or emptied since (by a person, a disk clean-up) is written anew from
+    // the usage already stored: the logs it came from may be gone.
+    if (catalog.totalCount(sourceID) == 0) QuotaUsageEntryStore{registry}.markEverySessionBehind();
     QuotaUsageEntryStore{registry}.refreshUsageQuarters();
     const auto published = publishDirtySessions(QuotaUsageEntryStore{registry}, catalog, options.capture);
     if (checkpoints.valid()) checkpoints.get();

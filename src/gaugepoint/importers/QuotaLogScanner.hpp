@@ -72,8 +72,9 @@ public:
     explicit QuotaLogScanner(QuotaSyncConfiguration configuration = QuotaSyncConfiguration::standard());
 
     // Scans every tool's logs. Bad lines and unreadable files are counted in the summary and the
-    // rest is imported. A second scan at the same time waits for this one. Throws gaugepoint::Error
-    // when the stores cannot be written (no App Group directory, a damaged database).
+    // rest is imported. A second scan at the same time waits for this one, at most the user
+    // default scan.lockWaitSeconds (5), then throws ScanLockBusy. Throws gaugepoint::Error when
+    // the stores cannot be written (no App Group directory, a damaged database).
     QuotaScanSummary scan(const QuotaScanOptions& options = {}) const;
 
 private:

@@ -72,6 +72,7 @@ struct Piece {
     std::optional<std::int64_t> expected;  // the position the registry must still hold
     bool forgetFirst = false;              // what the file gave before is replaced
     std::string state;                     // the parser's state after this piece
+    std::optional<std::int64_t> prefixDigest;  // of the file's bytes up to this piece's end
     std::unique_ptr<Collected> records;
     std::int64_t bytes = 0;                // of the file, read for this piece
 };

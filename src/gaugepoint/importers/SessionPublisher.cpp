@@ -93,6 +93,10 @@ Published build(const QuotaUsageEntryStore::SessionKey& key, const QuotaUsageEnt
     return out;
 }
 
+bool isEmpty(const QuotaUsageEntryStore::SessionContent& content) {
+    return content.usage.models.empty() && content.prompts == 0 && content.messages.empty() && !content.firstMessage;
+}
+
 }  // namespace
 
 PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog,
@@ -119,7 +123,14 @@ PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const Quota
         const auto stored = catalog.loadDescriptorsByID(sourceID, ids);
         std::vector<QuotaSessionDescriptor> changed;
         std::vector<std::pair<std::string, std::vector<QuotaSessionMessage>>> messages;
+        std::vector<QuotaSessionDescriptorKey> gone;
         for (std::size_t i = 0; i < batch.size(); ++i) {
+            // Nothing of the session is left (its logs were cut short or replaced): the catalogue
+            // keeps no empty session for it, as a scan of the logs as they are would not make one.
+            if (isEmpty(contents[i])) {
+                if (stored[i]) gone.push_back({sourceID, batch[i].sessionID});
+                continue;
+            }
             auto published = build(batch[i], contents[i], sourceID, sourceName, capture);
             if (!stored[i]) {
                 ++tally.newSessions;
@@ -134,9 +145,16 @@ PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const Quota
         }
         finishWriting();
         writingBatch = std::move(batch);
-        writing = std::async(std::launch::async, [&catalog, &sourceID, changed = std::move(changed), messages = std::move(messages)] {
+        writing = std::async(std::launch::async, [&catalog, &sourceID, changed = std::move(changed), messages = std::move(messages),
+                                                  gone = std::move(gone)] {
             if (!changed.empty()) catalog.upsertBatch(changed, sourceID);
             if (!messages.empty()) catalog.replaceMessagesForSessions(sourceID, messages);
+            if (!gone.empty()) {
+                std::vector<std::string> ids;
+                for (const auto& key : gone) ids.push_back(key.id);
+                catalog.removeMessagesForSessions(sourceID, ids);
+                catalog.removeDescriptors(gone);
+            }
         });
     }
     finishWriting();

@@ -151,12 +151,14 @@ constexpr const char* kFindFile =
 constexpr const char* kAddFile =
     "INSERT INTO import_files (path, source_id, provider_id, capture_mode) VALUES (?, ?, ?, ?)";
 constexpr const char* kAddFileWithState =
-    "INSERT INTO import_files (path, source_id, provider_id, capture_mode, parser_state) VALUES (?, ?, ?, ?, ?)\n"
-    "ON CONFLICT (path, source_id, provider_id, capture_mode) DO NOTHING";
+    "INSERT INTO import_files (path, source_id, provider_id, capture_mode, parser_state, prefix_digest)\n"
+    "VALUES (?, ?, ?, ?, ?, ?)\nON CONFLICT (path, source_id, provider_id, capture_mode) DO NOTHING";
 constexpr const char* kParserState = "SELECT parser_state FROM import_files WHERE file_key = ?";
 constexpr const char* kParserStateOfFile =
-    "SELECT parser_state FROM import_files WHERE path = ? AND source_id = ? AND provider_id = ? AND capture_mode = ?";
+    "SELECT parser_state, prefix_digest FROM import_files\n"
+    "WHERE path = ? AND source_id = ? AND provider_id = ? AND capture_mode = ?";
 constexpr const char* kSetParserState = "UPDATE import_files SET parser_state = ? WHERE file_key = ?";
+constexpr const char* kSetStateAndDigest = "UPDATE import_files SET parser_state = ?, prefix_digest = ? WHERE file_key = ?";
 
 constexpr const char* kAnyEntry = "SELECT 1 FROM usage_entries LIMIT 1";
 constexpr const char* kCountedRow =
@@ -334,6 +336,11 @@ std::vector<QuotaUsageEntry> readEntries(sqlite::Statement& select) {
 
 void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
     connection.exec(kSchema, "ensure import tables");
+    // Files read before the prefix digest was kept have none: they are read on as before, and
+    // get one with their next read.
+    if (!sqlite::tableColumns(connection, "import_files", "inspect import files").contains("prefix_digest")) {
+        connection.exec("ALTER TABLE import_files ADD COLUMN prefix_digest INTEGER", "add column prefix_digest");
+    }
     {
         sqlite::Statement count{connection,
                                 "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name IN "
@@ -411,19 +418,25 @@ std::int64_t QuotaUsageEntryStore::fileKey(sqlite::StatementCache& statements, c
 
 std::int64_t QuotaUsageEntryStore::fileKeyWithState(sqlite::StatementCache& statements,
                                                    const QuotaSessionFileRegistryEntry& entry, std::string_view state,
-                                                   bool likelyNew, bool& created) {
+                                                   std::optional<std::int64_t> prefixDigest, bool likelyNew,
+                                                   bool& created) {
     created = false;
     if (likelyNew) {
         auto& add = statements.get(kAddFileWithState, "prepare file key", "execute file key");
         add.bind(1, entry.path).bind(2, entry.sourceID).bind(3, entry.providerID).bind(4, json::rawValue(entry.captureMode));
-        add.bind(5, state).run();
+        add.bind(5, state);
+        prefixDigest ? add.bind(6, *prefixDigest) : add.bindNull(6);
+        add.run();
         if (statements.connection().changes() == 1) {
             created = true;
             return statements.connection().lastInsertRowID();
         }
     }
     const std::int64_t key = fileKey(statements, entry);
-    setParserState(statements, key, state);
+    auto& update = statements.get(kSetStateAndDigest, "prepare parser state", "execute parser state");
+    update.bind(1, state).bind(3, key);
+    prefixDigest ? update.bind(2, *prefixDigest) : update.bindNull(2);
+    update.run();
     return key;
 }
 
@@ -448,12 +461,17 @@ std::string QuotaUsageEntryStore::parserState(sqlite::StatementCache& statements
     return state;
 }
 
-std::string QuotaUsageEntryStore::parserState(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry) {
+QuotaUsageEntryStore::ReadOn QuotaUsageEntryStore::readOn(sqlite::StatementCache& statements,
+                                                           const QuotaSessionFileRegistryEntry& entry) {
     auto& select = statements.get(kParserStateOfFile, "prepare parser state", "execute parser state");
     select.bind(1, entry.path).bind(2, entry.sourceID).bind(3, entry.providerID).bind(4, json::rawValue(entry.captureMode));
-    std::string state = select.step() ? std::string(select.text(0).value_or("")) : std::string();
+    ReadOn found;
+    if (select.step()) {
+        found.state = std::string(select.text(0).value_or(""));
+        if (!select.isNull(1)) found.prefixDigest = select.integer(1);
+    }
     select.reset();
-    return state;
+    return found;
 }
 
 void QuotaUsageEntryStore::setParserState(sqlite::StatementCache& statements, std::int64_t fileKey, std::string_view state) {
@@ -570,6 +588,16 @@ std::vector<QuotaUsageEntryStore::SessionKey> QuotaUsageEntryStore::dirtySession
         while (select.step()) sessions.push_back({std::string(select.text(0).value_or("")), std::string(select.text(1).value_or(""))});
     });
     return sessions;
+}
+
+void QuotaUsageEntryStore::markEverySessionBehind() const {
+    registry_.inTransaction("mark sessions behind", [&](sqlite::Connection& connection) {
+        connection.exec("INSERT OR IGNORE INTO import_dirty_sessions (provider_id, session_id)\n"
+                        "SELECT provider_id, session_id FROM import_sessions\n"
+                        "UNION SELECT provider_id, session_id FROM usage_entries\n"
+                        "UNION SELECT provider_id, session_id FROM import_messages",
+                        "mark sessions behind");
+    });
 }
 
 void QuotaUsageEntryStore::clearDirty(const std::vector<SessionKey>& sessions) const {

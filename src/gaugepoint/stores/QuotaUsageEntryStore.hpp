@@ -8,7 +8,8 @@
 //                    (the importer keeps only the prompts, without text, under metadataOnly);
 //   import_sessions  where each session ran; import_dirty_sessions, sessions whose catalogue
 //                    descriptor is behind; import_rate_limits, the newest limits per provider;
-//   import_files     an integer key and the parser's state (Codex running totals) per file.
+//   import_files     an integer key, the parser's state (Codex running totals) and a digest of
+//                    the bytes read so far per file.
 
 #include <cstdint>
 #include <optional>
@@ -39,12 +40,19 @@ public:
     // registry did not know (`likelyNew`) is tried with one insert that stores both, instead of
     // a lookup, an insert and an update. `created` tells whether that insert made the key: no
     // row refers to it yet, so there is nothing of the file to forget.
+    // The file's prefix digest (what was read of it, see ReadOn) is set with the state.
     static std::int64_t fileKeyWithState(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry,
-                                         std::string_view state, bool likelyNew, bool& created);
+                                         std::string_view state, std::optional<std::int64_t> prefixDigest,
+                                         bool likelyNew, bool& created);
     // The parser's state for the file ("" at first), and its replacement.
     static std::string parserState(sqlite::StatementCache& statements, std::int64_t fileKey);
-    // The parser's state of the file an entry describes, "" when it has none; writes nothing.
-    static std::string parserState(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry);
+    // What reading a file on from its position needs: the parser's state ("" when none) and the
+    // digest of the bytes read so far (none for files read before it was kept). Writes nothing.
+    struct ReadOn {
+        std::string state;
+        std::optional<std::int64_t> prefixDigest;
+    };
+    static ReadOn readOn(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry);
     static void setParserState(sqlite::StatementCache& statements, std::int64_t fileKey, std::string_view state);
 
     // What writes changed: counted tokens added (negative when a forgotten file took some away).
@@ -101,6 +109,8 @@ public:
     };
     std::vector<SessionKey> dirtySessions() const;
     void clearDirty(const std::vector<SessionKey>& sessions) const;
+    // Marks every session the stores know as behind, for a catalogue to be written anew.
+    void markEverySessionBehind() const;
 
     // A session's counted usage per model (sessionCount 1, messageCount its responses), most
     // tokens first, and the first and last response times.
