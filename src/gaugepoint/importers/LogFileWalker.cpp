@@ -57,7 +57,7 @@ struct Walk {
         for (const auto& [name, child] : entries) {
             const fs::path childPath = path / name;
             if (S_ISDIR(child.st_mode)) {
-                enter(childPath, child, depth + 1);
+                if (tool.descendsInto(childPath.lexically_relative(folder))) enter(childPath, child, depth + 1);
             } else if (S_ISREG(child.st_mode)) {
                 file(childPath, child);
             }
@@ -67,7 +67,16 @@ struct Walk {
     void file(const fs::path& path, const struct stat& info) {
         const auto layout = tool.layoutOf(path.lexically_relative(folder));
         if (!layout) return;
-        found.push_back({path, *layout, std::int64_t(info.st_size), modificationTime(info),
+        std::int64_t size = std::int64_t(info.st_size);
+        Date modified = modificationTime(info);
+        // A database in WAL mode takes its writes into "-wal" until a checkpoint: the pair changes
+        // together. Its size counts toward the database's, so a changed log is a changed file.
+        struct stat wal {};
+        if (*layout == LogLayout::database && ::stat((path.string() + "-wal").c_str(), &wal) == 0) {
+            size += std::int64_t(wal.st_size);
+            modified = std::max(modified, modificationTime(wal));
+        }
+        found.push_back({path, *layout, size, modified,
                          std::to_string(std::uint64_t(info.st_dev)) + ":" + std::to_string(std::uint64_t(info.st_ino))});
     }
 };
