@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "TestSupport.hpp"
 #include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/importers/JsonLineParser.hpp"
@@ -140,6 +142,38 @@ TEST(GeminiDocuments, CountTheResponsesOfTheChat) {
     EXPECT_EQ(countsOf(read.entries[0]), (Counts{5020, 800, 4000, 0}));  // input - cached + tool; output + thoughts
     EXPECT_EQ(read.entries[0].sessionID, "g1");
     EXPECT_EQ(read.entries[0].model, "gemini-2.5-pro");
+}
+
+// Gemini CLI's append-only chats: a message written again under its id counts once with its last
+// tokens; checkpoints ($set messages) and rewinds change the transcript, never take usage away.
+TEST(GeminiLines, TheAppendOnlyFormCountsEachResponseOnceWithItsLastTokens) {
+    const auto gemini = makeGeminiLogs();
+    const auto reply = [](const char* id, const std::string& tokens) {
+        return std::string(R"({"id":")") + id + R"(","timestamp":"2026-11-05T10:00:05Z","type":"gemini","model":"gemini-2.5-pro")" +
+               (tokens.empty() ? "" : R"(,"tokens":)" + tokens) + "}";
+    };
+    const std::string text =
+        R"({"sessionId":"g5","projectHash":"ab","startTime":"2026-11-05T10:00:00Z","lastUpdated":"2026-11-05T10:00:00Z","kind":"main"})" "\n"
+        R"({"id":"u1","timestamp":"2026-11-05T10:00:00Z","type":"user","content":[{"text":"hi"}]})" "\n" +
+        reply("a1", "") + "\n" +  // written before its tokens arrived
+        reply("a1", R"({"input":100,"output":10,"cached":40,"thoughts":5,"tool":0,"total":115})") + "\n" +
+        reply("a1", R"({"input":100,"output":30,"cached":40,"thoughts":5,"tool":2,"total":137})") + "\n" +
+        R"({"$set":{"lastUpdated":"2026-11-05T10:01:00Z","summary":"greeting"}})" "\n"
+        R"({"$set":{"messages":[)" + reply("a1", R"({"input":100,"output":30,"cached":40,"thoughts":5,"tool":2})") + "," +
+        reply("a2", R"({"input":7,"output":1})") + "]}}\n" +
+        R"({"$rewindTo":"a1"})" "\n" +
+        reply("a3", R"({"input":9,"output":-1})") + "\n" +  // an invalid count: skipped, reported
+        reply("a4", R"({"input":50,"output":5})") + "\n";
+    const auto read = readLines(*gemini, text, "/g/tmp/proj/chats/session-2026-11-05T10-00-g5.jsonl");
+    // The stores keep, per key, the copy with the most output: the last one, as tokens only grow.
+    std::map<std::string, Counts> counted;
+    for (const auto& e : read.entries) {
+        EXPECT_EQ(e.sessionID, "g5");
+        if (!counted.contains(e.dedupKey) || countsOf(e)[1] > counted[e.dedupKey][1]) counted[e.dedupKey] = countsOf(e);
+    }
+    EXPECT_EQ(counted, (std::map<std::string, Counts>{
+                           {"g5/a1", {62, 35, 40, 0}}, {"g5/a2", {7, 1, 0, 0}}, {"g5/a4", {50, 5, 0, 0}}}));
+    EXPECT_EQ(read.badLines, 1);
 }
 
 }  // namespace
