@@ -89,6 +89,19 @@ void LogHomesOptions::addOptions(CLI::App& command) {
     command.add_option("--gemini-dir", geminiDirs,
                        "A Gemini CLI home (repeatable; default $GEMINI_CLI_HOME/.gemini, else ~/.gemini)")
         ->option_text("DIR");
+    command.add_option("--opencode-dir", opencodeDirs,
+                       "An OpenCode data directory (repeatable; default $XDG_DATA_HOME/opencode, else ~/.local/share/opencode)")
+        ->option_text("DIR");
+    command.add_option("--copilot-dir", copilotDirs, "A Copilot CLI home (repeatable; default $COPILOT_HOME, else ~/.copilot)")
+        ->option_text("DIR");
+    command.add_option("--qwen-dir", qwenDirs, "A Qwen Code home (repeatable; default $QWEN_DATA_DIR, else ~/.qwen)")
+        ->option_text("DIR");
+    command.add_option("--amp-dir", ampDirs,
+                       "An Amp data directory (repeatable; default $AMP_DATA_DIR, else ~/.local/share/amp)")
+        ->option_text("DIR");
+    command.add_option("--goose-dir", gooseDirs,
+                       "A Goose data directory (repeatable; default $GOOSE_PATH_ROOT/data, else ~/.local/share/goose)")
+        ->option_text("DIR");
 }
 
 void LogHomesOptions::applyTo(QuotaScanOptions& options) const {
@@ -98,6 +111,11 @@ void LogHomesOptions::applyTo(QuotaScanOptions& options) const {
     homes("claude", claudeDirs);
     homes("codex", codexDirs);
     homes("gemini", geminiDirs);
+    homes("opencode", opencodeDirs);
+    homes("copilot", copilotDirs);
+    homes("qwen", qwenDirs);
+    homes("amp", ampDirs);
+    homes("goose", gooseDirs);
 }
 
 std::vector<std::filesystem::path> searchedHomes(const QuotaScanOptions& options) {
@@ -119,7 +137,10 @@ void warnAboutMissingHomes(const LogHomesOptions& homes) {
     };
     for (const auto& [option, dirs, variable] :
          {std::tuple{"--claude-dir", &homes.claudeDirs, "CLAUDE_CONFIG_DIR"}, std::tuple{"--codex-dir", &homes.codexDirs, "CODEX_HOME"},
-          std::tuple{"--gemini-dir", &homes.geminiDirs, "GEMINI_CLI_HOME"}}) {
+          std::tuple{"--gemini-dir", &homes.geminiDirs, "GEMINI_CLI_HOME"},
+          std::tuple{"--opencode-dir", &homes.opencodeDirs, "XDG_DATA_HOME"},
+          std::tuple{"--copilot-dir", &homes.copilotDirs, "COPILOT_HOME"}, std::tuple{"--qwen-dir", &homes.qwenDirs, "QWEN_DATA_DIR"},
+          std::tuple{"--amp-dir", &homes.ampDirs, "AMP_DATA_DIR"}, std::tuple{"--goose-dir", &homes.gooseDirs, "GOOSE_PATH_ROOT"}}) {
         for (const auto& dir : *dirs) check(option, dir);
         const char* value = std::getenv(variable);
         if (dirs->empty() && value && *value) check(std::string(variable) + "=", value);
