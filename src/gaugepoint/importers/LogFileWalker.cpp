@@ -89,7 +89,7 @@ std::vector<LogFileCandidate> findLogFiles(const CodingToolLogs& tool, const std
     std::set<std::pair<dev_t, ino_t>> visited;  // shared by all homes: one folder reached twice is read once
     for (const auto& home : homes) {
         for (const auto& folder : tool.logFolders()) {
-            const fs::path root = home / folder;
+            const fs::path root = folder == "." ? home : home / folder;
             Walk walk{tool, root, found, problems, std::move(visited)};
             walk.directory(root, 0);
             visited = std::move(walk.visited);
