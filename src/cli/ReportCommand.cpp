@@ -446,7 +446,7 @@ UsageReportFilter reportFilter(const ReportOptions& options, ReportKind kind, co
     }
     if (options.providers.size() == 1) filter.providerID = options.providers.front();
     if (options.providers.size() > 1 && kind == ReportKind::blocks) {
-        throw UsageError("blocks are one tool's: give one --provider");
+        throw UsageError("blocks are one tool's: give one --provider, e.g. --provider claude");
     }
     if (kind == ReportKind::blocks && !filter.providerID) filter.providerID = "claude";
     filter.descending = options.order == "desc";

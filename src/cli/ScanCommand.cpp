@@ -138,11 +138,11 @@ void warnAboutMissingHomes(const LogHomesOptions& homes) {
     for (const auto& [option, dirs, variable] :
          {std::tuple{"--claude-dir", &homes.claudeDirs, "CLAUDE_CONFIG_DIR"}, std::tuple{"--codex-dir", &homes.codexDirs, "CODEX_HOME"},
           std::tuple{"--gemini-dir", &homes.geminiDirs, "GEMINI_CLI_HOME"},
-          std::tuple{"--opencode-dir", &homes.opencodeDirs, "XDG_DATA_HOME"},
+          std::tuple{"--opencode-dir", &homes.opencodeDirs, ""},  // XDG_DATA_HOME is not OpenCode's alone
           std::tuple{"--copilot-dir", &homes.copilotDirs, "COPILOT_HOME"}, std::tuple{"--qwen-dir", &homes.qwenDirs, "QWEN_DATA_DIR"},
           std::tuple{"--amp-dir", &homes.ampDirs, "AMP_DATA_DIR"}, std::tuple{"--goose-dir", &homes.gooseDirs, "GOOSE_PATH_ROOT"}}) {
         for (const auto& dir : *dirs) check(option, dir);
-        const char* value = std::getenv(variable);
+        const char* value = *variable ? std::getenv(variable) : nullptr;
         if (dirs->empty() && value && *value) check(std::string(variable) + "=", value);
     }
 }

@@ -227,6 +227,22 @@ TEST(LogScan, AResponseInSeveralFilesIsCountedOnceByItsLargestCopy) {
     EXPECT_EQ(entries()[0].tokens.outputTokens, 10);
 }
 
+// Claude Code's workflow subagents write one level deeper than other subagents; their usage
+// belongs to the parent session their lines name.
+TEST(LogScan, ClaudeWorkflowSubagentsCountTowardTheirParentSession) {
+    const LogTree tree;
+    const auto dir = tree.home("claude") / "projects" / "-home-dev-wf" / "parent-1" / "subagents" / "workflows" / "review";
+    fs::create_directories(dir);
+    testing::writeFile(dir / "agent-a1.jsonl",
+                       R"({"type":"assistant","sessionId":"parent-1","isSidechain":true,"agentId":"a1","cwd":"/home/dev/wf",)"
+                       R"("uuid":"w1","requestId":"req_w1","timestamp":"2026-11-20T10:00:00.000Z","message":{"id":"msg_w1",)"
+                       R"("role":"assistant","model":"claude-sonnet-4-5","usage":{"input_tokens":5,"output_tokens":7}}})" "\n");
+    tree.scan();
+    std::int64_t tokens = 0;
+    for (const auto& e : tree.usage().countedEntries("claude")) tokens += e.sessionID == "parent-1" ? e.tokens.totalTokens() : 0;
+    EXPECT_EQ(tokens, 12);
+}
+
 // Gemini CLI's current form beside the older one: one session written by both generations counts
 // once, a subagent chat under chats/<parent>/ is a session of its own, and the project's path
 // comes from .project_root.
