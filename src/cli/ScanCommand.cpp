@@ -102,6 +102,12 @@ void LogHomesOptions::addOptions(CLI::App& command) {
     command.add_option("--goose-dir", gooseDirs,
                        "A Goose data directory (repeatable; default $GOOSE_PATH_ROOT/data, else ~/.local/share/goose)")
         ->option_text("DIR");
+    command.add_option("--kimi-dir", kimiDirs,
+                       "A Kimi CLI or Kimi Code home (repeatable; default $KIMI_SHARE_DIR, else ~/.kimi, and "
+                       "$KIMI_CODE_HOME, else ~/.kimi-code)")
+        ->option_text("DIR");
+    command.add_option("--pi-dir", piDirs, "A pi-agent home (repeatable; default $PI_CODING_AGENT_DIR, else ~/.pi/agent)")
+        ->option_text("DIR");
 }
 
 void LogHomesOptions::applyTo(QuotaScanOptions& options) const {
@@ -116,6 +122,8 @@ void LogHomesOptions::applyTo(QuotaScanOptions& options) const {
     homes("qwen", qwenDirs);
     homes("amp", ampDirs);
     homes("goose", gooseDirs);
+    homes("kimi", kimiDirs);
+    homes("pi", piDirs);
 }
 
 std::vector<std::filesystem::path> searchedHomes(const QuotaScanOptions& options) {
@@ -140,7 +148,8 @@ void warnAboutMissingHomes(const LogHomesOptions& homes) {
           std::tuple{"--gemini-dir", &homes.geminiDirs, "GEMINI_CLI_HOME"},
           std::tuple{"--opencode-dir", &homes.opencodeDirs, ""},  // XDG_DATA_HOME is not OpenCode's alone
           std::tuple{"--copilot-dir", &homes.copilotDirs, "COPILOT_HOME"}, std::tuple{"--qwen-dir", &homes.qwenDirs, "QWEN_DATA_DIR"},
-          std::tuple{"--amp-dir", &homes.ampDirs, "AMP_DATA_DIR"}, std::tuple{"--goose-dir", &homes.gooseDirs, "GOOSE_PATH_ROOT"}}) {
+          std::tuple{"--amp-dir", &homes.ampDirs, "AMP_DATA_DIR"}, std::tuple{"--goose-dir", &homes.gooseDirs, "GOOSE_PATH_ROOT"},
+          std::tuple{"--kimi-dir", &homes.kimiDirs, "KIMI_SHARE_DIR"}, std::tuple{"--pi-dir", &homes.piDirs, "PI_CODING_AGENT_DIR"}}) {
         for (const auto& dir : *dirs) check(option, dir);
         const char* value = *variable ? std::getenv(variable) : nullptr;
         if (dirs->empty() && value && *value) check(std::string(variable) + "=", value);

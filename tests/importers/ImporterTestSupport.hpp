@@ -36,6 +36,7 @@ public:
         // Tools not in `tools` read no home at all (never the machine's own).
         for (const auto& tool : codingTools()) o.homes[tool->provider().id] = {};
         for (const auto& tool : tools) o.homes[tool] = {home(tool.c_str())};
+        if (o.homes.contains("kimi") && !o.homes["kimi"].empty()) o.homes["kimi"].push_back(home("kimi-code"));
         o.capture = capture;
         return o;
     }

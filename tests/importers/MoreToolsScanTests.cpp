@@ -1,4 +1,4 @@
-// The sample homes of OpenCode, Copilot CLI, Qwen Code, Amp and Goose against the figures their
+// The sample homes of OpenCode, Copilot CLI, Qwen Code, Amp, Goose, Kimi and pi against the figures their
 // generator worked out, and the faults of tools that keep a database or rewrite their rows.
 
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@ namespace {
 using testing::LogTree;
 namespace fs = std::filesystem;
 
-const std::vector<std::string> kMoreTools{"opencode", "copilot", "qwen", "amp", "goose"};
+const std::vector<std::string> kMoreTools{"opencode", "copilot", "qwen", "amp", "goose", "kimi", "pi"};
 
 std::map<std::string, testing::DayTotals> expectedDays(const char* provider, const char* zone) {
     std::map<std::string, testing::DayTotals> days;
@@ -37,9 +37,9 @@ std::int64_t tokensOf(const LogTree& tree, const std::string& provider) {
 TEST(MoreToolsScan, EachSampleGivesItsExpectedDaysOnceWithItsSessions) {
     const LogTree tree{kMoreTools};
     const auto first = tree.scan();
-    // The damaged records: an OpenCode row, a Copilot line, a Qwen line; Amp's cut-short thread
-    // is a file skipped (and read again when it changes).
-    EXPECT_EQ(first.linesSkipped, 3);
+    // The damaged records: an OpenCode row, a Copilot, a Qwen, a Kimi and a pi line; Amp's
+    // cut-short thread is a file skipped (and read again when it changes).
+    EXPECT_EQ(first.linesSkipped, 5);
     EXPECT_EQ(first.filesSkipped, 1);
     const auto usage = tree.usage();
     for (const char* zone : {"UTC", "America/New_York"}) {

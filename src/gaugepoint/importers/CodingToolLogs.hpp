@@ -134,7 +134,7 @@ public:
 };
 
 // Every tool the scan reads: Claude Code, Codex CLI, Gemini CLI, OpenCode, Copilot CLI, Qwen
-// Code, Amp, Goose.
+// Code, Amp, Goose, Kimi, pi.
 const std::vector<std::unique_ptr<CodingToolLogs>>& codingTools();
 std::unique_ptr<CodingToolLogs> makeClaudeCodeLogs();
 std::unique_ptr<CodingToolLogs> makeCodexLogs();
@@ -144,6 +144,8 @@ std::unique_ptr<CodingToolLogs> makeCopilotLogs();
 std::unique_ptr<CodingToolLogs> makeQwenLogs();
 std::unique_ptr<CodingToolLogs> makeAmpLogs();
 std::unique_ptr<CodingToolLogs> makeGooseLogs();
+std::unique_ptr<CodingToolLogs> makeKimiLogs();
+std::unique_ptr<CodingToolLogs> makePiLogs();
 
 // The home directories named by a comma-separated list in environment variable `name`; none
 // when it is unset or empty.

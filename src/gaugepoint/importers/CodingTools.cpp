@@ -17,6 +17,8 @@ const std::vector<std::unique_ptr<CodingToolLogs>>& codingTools() {
         list.push_back(makeQwenLogs());
         list.push_back(makeAmpLogs());
         list.push_back(makeGooseLogs());
+        list.push_back(makeKimiLogs());
+        list.push_back(makePiLogs());
         return list;
     }();
     return tools;

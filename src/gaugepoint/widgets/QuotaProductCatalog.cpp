@@ -8,7 +8,7 @@
 namespace gaugepoint::QuotaProductCatalog {
 namespace {
 
-constexpr std::array<std::pair<std::string_view, std::string_view>, 25> kDisplayNames{{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 27> kDisplayNames{{
     {"claude", "Claude"},       {"claude-code", "Claude"}, {"codex", "Codex"},
     {"gemini", "Gemini"},       {"cursor", "Cursor"},      {"openrouter", "OpenRouter"},
     {"copilot", "Copilot"},     {"warp", "Warp"},          {"kiro", "Kiro"},
@@ -17,7 +17,7 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 25> kDisplay
     {"droid", "Droid"},         {"amp", "Amp"},            {"augment", "Augment"},
     {"windsurf", "Windsurf"},   {"vertex", "Vertex AI"},   {"ollama", "Ollama"},
     {"minimax", "MiniMax"},     {"opencode", "OpenCode"},  {"qwen", "Qwen Code"},
-    {"goose", "Goose"},
+    {"goose", "Goose"},         {"kimi", "Kimi"},          {"pi", "pi"},
 }};
 
 // "my-provider" -> "My Provider".
