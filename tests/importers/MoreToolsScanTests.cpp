@@ -59,6 +59,20 @@ TEST(MoreToolsScan, EachSampleGivesItsExpectedDaysOnceWithItsSessions) {
     ASSERT_TRUE(catalog.loadDescriptor("test-machine", "20261030_1"));
     EXPECT_EQ(catalog.loadDescriptor("test-machine", "20261030_1")->projectPath, "/home/dev/src/20261030_1");
 
+    // Dollars a tool recorded are kept as they stand; Amp's credits and Copilot's premium
+    // requests are no dollars.
+    const auto recordedCost = [&](const char* provider) {
+        std::optional<double> sum;
+        for (const auto& e : usage.countedEntries(provider)) {
+            if (e.tokens.exactCostUSD) sum = sum.value_or(0) + *e.tokens.exactCostUSD;
+        }
+        return sum;
+    };
+    EXPECT_NEAR(recordedCost("pi").value_or(0), 0.0123 + 0.0061 + 0.0085, 1e-9);
+    EXPECT_NEAR(recordedCost("opencode").value_or(0), 0.01 + 0.01 + 0.02 + 0.005, 1e-9);
+    EXPECT_EQ(recordedCost("amp"), std::nullopt);
+    EXPECT_EQ(recordedCost("copilot"), std::nullopt);
+
     const auto second = tree.scan();
     EXPECT_EQ(second.filesRead, 0);
     EXPECT_EQ(second.tokens, 0);
