@@ -176,6 +176,7 @@ TEST(CopilotLines, CountTheGrowthOfEachModelsTotalsAcrossReads) {
     EXPECT_EQ(read(copilotShutdown("e2", "claude-opus-4.6", 1500, 180, 900)), (std::vector<Counts>{{200, 80, 300, 0}}));
     EXPECT_EQ(read(copilotShutdown("e3", "claude-opus-4.6", 400, 20, 0)), (std::vector<Counts>{{400, 20, 0, 0}}));  // restarted
     EXPECT_EQ(read(copilotShutdown("e4", "claude-opus-4.6", 450, 20, 0)), (std::vector<Counts>{{50, 0, 0, 0}}));
+    EXPECT_EQ(read(copilotShutdown("e2", "claude-opus-4.6", 1500, 180, 900)), std::vector<Counts>{});  // copied later
 }
 
 // Qwen's prompt count holds its cached part, which is counted once, as cache read; one uuid in

@@ -3,7 +3,7 @@
 // (data.modelMetrics.<model>.usage) since the session began. Each shutdown counts what grew since
 // the previous one of the same session and model, dated at the later shutdown; a total smaller
 // than before is a counter that restarted (older builds restart on resume), so it starts a new
-// interval and counts whole. A repeated shutdown adds nothing. The totals seen are the parser's
+// interval and counts whole. A shutdown repeated under its id adds nothing, wherever it lands. The totals seen are the parser's
 // state, so a scan that reads on from the end of the file goes on from them.
 //
 // Copilot's input count holds the cached tokens (read and written), which are taken out of it;
@@ -29,6 +29,9 @@ struct Totals {
     std::int64_t input = 0, output = 0, cacheRead = 0, cacheWrite = 0;
     bool operator==(const Totals&) const = default;
 };
+
+// Marks the id of a shutdown already counted, among the models of the state.
+constexpr std::string_view kSeenEvent = "\x01event:";
 
 // The running totals per model, as the state text keeps them: "model\tin\tout\tread\twrite\n".
 std::map<std::string, Totals> decodeState(std::string_view state) {
@@ -152,6 +155,9 @@ private:
         }
         if (type != "session.shutdown") return;
         if (!timestamp) return sink.badLine(offset, "no timestamp");
+        // A shutdown seen before (a copied line, wherever it lands) adds nothing; its id is kept
+        // beside the totals, under a key no model has.
+        if (!id.empty() && !totals.try_emplace(std::string(kSeenEvent) + id).second) return;
         event.reset();
         for (auto field : event) {
             std::string_view key;
