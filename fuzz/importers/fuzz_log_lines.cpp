@@ -16,17 +16,20 @@ using namespace gaugepoint;
 
 class Checking final : public LogRecordSink {
 public:
+    int calls = 0;
     void usage(QuotaUsageEntry entry) override {
+        ++calls;
         for (const auto n : {entry.tokens.inputTokens, entry.tokens.outputTokens, entry.tokens.cacheReadTokens,
                              entry.tokens.cacheWriteTokens}) {
             if (!isPlausibleTokenCount(n)) std::abort();
         }
         if (entry.dedupKey.empty() || entry.sessionID.empty()) std::abort();
     }
-    void message(QuotaImportedMessage) override {}
-    void session(const std::string&, const std::string&) override {}
-    void rateLimits(QuotaObservedRateLimits) override {}
+    void message(QuotaImportedMessage) override { ++calls; }
+    void session(const std::string&, const std::string&) override { ++calls; }
+    void rateLimits(QuotaObservedRateLimits) override { ++calls; }
     void badLine(std::int64_t, std::string reason) override {
+        ++calls;
         if (reason.empty()) std::abort();
     }
 };
@@ -53,7 +56,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             std::string state;
             tool->parseLines(lines, context, state, sink);
             tool->parseLines(lines, context, state, sink);  // the state left by the first read is read back
-            tool->parseDocument(std::string_view(text.data(), length), context, sink);
+            // A document that cannot be read whole gives nothing at all.
+            Checking document;
+            if (!tool->parseDocument(std::string_view(text.data(), length), context, document) && document.calls > 0) std::abort();
         }
     }
     return 0;

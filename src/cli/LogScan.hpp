@@ -12,9 +12,11 @@
 
 namespace gaugepoint::cli {
 
-// --claude-dir, --codex-dir, --gemini-dir (each repeatable).
+// --claude-dir, --codex-dir, --gemini-dir, --opencode-dir, --copilot-dir, --qwen-dir, --amp-dir,
+// --goose-dir, --kimi-dir, --pi-dir (each repeatable).
 struct LogHomesOptions {
-    std::vector<std::string> claudeDirs, codexDirs, geminiDirs;
+    std::vector<std::string> claudeDirs, codexDirs, geminiDirs, opencodeDirs, copilotDirs, qwenDirs, ampDirs, gooseDirs,
+        kimiDirs, piDirs;
     void addOptions(CLI::App& command);
     // The homes the user named, per provider; providers not named use their tools' own.
     void applyTo(QuotaScanOptions& options) const;

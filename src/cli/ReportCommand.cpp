@@ -30,7 +30,9 @@ using ReportKind = UsageReportKind;
 struct ReportOptions {
     LogHomesOptions homes;
     bool noScan = false;
-    std::string since, until, timezone, provider;
+    std::string since, until, timezone;
+    std::vector<std::string> providers;  // none: every provider
+    bool byProvider = false;             // periods: a row per provider under each period
     std::optional<std::int64_t> last;  // the N most recent periods (days for sessions and blocks)
     bool breakdown = false;
     std::string order = "asc";
@@ -231,6 +233,58 @@ void printPeriods(const UsagePeriodReport& report, ReportKind kind, const Report
     writeOutput("-", context.title(title) + table.text(report.totals));
 }
 
+// The providers a by-provider report shows: those given, else every tool's.
+std::vector<std::string> reportedProviders(const ReportOptions& options) {
+    if (!options.providers.empty()) return options.providers;
+    std::vector<std::string> all;
+    for (const auto& tool : codingTools()) all.push_back(tool->provider().id);
+    return all;
+}
+
+// Sums of rows of different providers: tokens, responses, priced cost and unpriced tokens add up;
+// the models are listed once each.
+void addTotals(UsageTotals& sum, const UsageTotals& more) {
+    sum.tokens += more.tokens;
+    sum.tokens.exactCostUSD.reset();
+    sum.entries += more.entries;
+    sum.totalCost += more.totalCost;
+    sum.unpricedTokens += more.unpricedTokens;
+    sum.costSource = sum.costSource == QuotaUsageCostSource::unavailable || sum.costSource == more.costSource
+                         ? more.costSource
+                         : QuotaUsageCostSource::mixed;
+    for (const auto& model : more.modelsUsed) {
+        if (std::find(sum.modelsUsed.begin(), sum.modelsUsed.end(), model) == sum.modelsUsed.end()) sum.modelsUsed.push_back(model);
+    }
+    sum.modelBreakdowns.insert(sum.modelBreakdowns.end(), more.modelBreakdowns.begin(), more.modelBreakdowns.end());
+}
+
+// Periods with a provider column: which tool used what, in one table.
+void printPeriodsByProvider(const std::vector<std::pair<std::string, UsagePeriodReport>>& reports, ReportKind kind,
+                            const ReportContext& context) {
+    const Words& w = context.words;
+    struct Row {
+        std::string period;
+        std::size_t provider;
+        const UsageTotals* totals;
+    };
+    std::vector<Row> rows;
+    UsageTotals total;
+    for (std::size_t p = 0; p < reports.size(); ++p) {
+        for (const auto& row : reports[p].second.rows) rows.push_back({row.period, p, &row.totals});
+        addTotals(total, reports[p].second.totals);
+    }
+    if (rows.empty()) return writeOutput("-", context.nothingFound() + "\n");
+    std::stable_sort(rows.begin(), rows.end(), [&](const Row& a, const Row& b) {
+        if (a.period != b.period) return context.filter.descending ? a.period > b.period : a.period < b.period;
+        return a.provider < b.provider;
+    });
+    const char* title = kind == ReportKind::weekly ? w.weekly : kind == ReportKind::monthly ? w.monthly : w.daily;
+    const char* column = kind == ReportKind::weekly ? w.week : kind == ReportKind::monthly ? w.month : w.date;
+    UsageTable table{{{column}, {w.provider}}, w, context.options.breakdown};
+    for (const auto& row : rows) table.add({row.period, reports[row.provider].first}, *row.totals);
+    writeOutput("-", context.title(title) + table.text(total));
+}
+
 void printSessions(const UsageSessionReport& report, const ReportContext& context) {
     const Words& w = context.words;
     if (report.rows.empty()) return writeOutput("-", context.nothingFound() + "\n");
@@ -393,7 +447,10 @@ UsageReportFilter reportFilter(const ReportOptions& options, ReportKind kind, co
     if (filter.since && filter.until && *filter.until < *filter.since) {
         throw UsageError("--until " + *filter.until + " is before --since " + *filter.since);
     }
-    if (!options.provider.empty()) filter.providerID = options.provider;
+    if (options.providers.size() == 1) filter.providerID = options.providers.front();
+    if (options.providers.size() > 1 && kind == ReportKind::blocks) {
+        throw UsageError("blocks are one tool's: give one --provider, e.g. --provider claude");
+    }
     if (kind == ReportKind::blocks && !filter.providerID) filter.providerID = "claude";
     filter.descending = options.order == "desc";
     return filter;
@@ -431,6 +488,21 @@ void run(ReportKind kind, const ReportOptions& options, const GlobalOptions& glo
     const auto others = options.allSources
                             ? usageOfOtherSources(QuotaSessionCatalogStore{configuration}, configuration.localSourceID())
                             : std::vector<UsageOfOtherSource>{};
+    const bool isPeriod = kind == ReportKind::daily || kind == ReportKind::weekly || kind == ReportKind::monthly;
+    if (isPeriod && (options.byProvider || options.providers.size() > 1)) {
+        std::vector<std::pair<std::string, UsagePeriodReport>> reports;
+        std::string json;
+        for (const auto& provider : reportedProviders(options)) {
+            UsageReportFilter one = filter;
+            one.providerID = provider;
+            auto report = makeUsageReport(store, calendar, kind, one, now, options.startOfWeek == "monday", others);
+            if (globals.json) json += std::string(json.empty() ? "" : ",") + "\"" + provider + "\"" + ":" +
+                                      usageReportDocument(report);
+            reports.emplace_back(provider, std::move(report.periods));
+        }
+        if (globals.json) return writeOutput("-", "{\"byProvider\":{" + json + "}}\n");
+        return printPeriodsByProvider(reports, kind, context);
+    }
     UsageReport report = makeUsageReport(store, calendar, kind, filter, now, options.startOfWeek == "monday", others);
     if (kind == ReportKind::blocks) report.blocks = selectedBlocks(std::move(report.blocks), options, now);
     if (globals.json) return writeOutput("-", usageReportDocument(report) + "\n");
@@ -467,12 +539,15 @@ void addReport(CLI::App& group, const char* name, const char* description, Repor
         ->each([options](const std::string&) { options->timezoneGiven = true; });
     std::vector<std::string> providers;
     for (const auto& tool : codingTools()) providers.push_back(tool->provider().id);
-    command->add_option("--provider", options->provider,
+    command->add_option("--provider", options->providers,
                         kind == ReportKind::blocks ? "The tool whose blocks are shown (default: claude)"
-                                                   : "Only this tool's usage (default: all)")
+                                                   : "Only this tool's usage (repeatable; default: all)")
         ->check(Values::oneOf(providers))
         ->option_text("ID");
     command->add_flag("-b,--breakdown", options->breakdown, "A row per model under each row");
+    if (kind == ReportKind::daily || kind == ReportKind::weekly || kind == ReportKind::monthly) {
+        command->add_flag("--by-provider", options->byProvider, "A row per tool under each period (provider column)");
+    }
     command->add_option("-o,--order", options->order, "asc (default: oldest first) or desc")
         ->check(Values::oneOf({"asc", "desc"}))
         ->option_text("ORDER");

@@ -90,6 +90,25 @@ void LogHomesOptions::addOptions(CLI::App& command) {
     command.add_option("--gemini-dir", geminiDirs,
                        "A Gemini CLI home (repeatable; default $GEMINI_CLI_HOME/.gemini, else ~/.gemini)")
         ->option_text("DIR");
+    command.add_option("--opencode-dir", opencodeDirs,
+                       "An OpenCode data directory (repeatable; default $XDG_DATA_HOME/opencode, else ~/.local/share/opencode)")
+        ->option_text("DIR");
+    command.add_option("--copilot-dir", copilotDirs, "A Copilot CLI home (repeatable; default $COPILOT_HOME, else ~/.copilot)")
+        ->option_text("DIR");
+    command.add_option("--qwen-dir", qwenDirs, "A Qwen Code home (repeatable; default $QWEN_DATA_DIR, else ~/.qwen)")
+        ->option_text("DIR");
+    command.add_option("--amp-dir", ampDirs,
+                       "An Amp data directory (repeatable; default $AMP_DATA_DIR, else ~/.local/share/amp)")
+        ->option_text("DIR");
+    command.add_option("--goose-dir", gooseDirs,
+                       "A Goose data directory (repeatable; default $GOOSE_PATH_ROOT/data, else ~/.local/share/goose)")
+        ->option_text("DIR");
+    command.add_option("--kimi-dir", kimiDirs,
+                       "A Kimi CLI or Kimi Code home (repeatable; default $KIMI_SHARE_DIR, else ~/.kimi, and "
+                       "$KIMI_CODE_HOME, else ~/.kimi-code)")
+        ->option_text("DIR");
+    command.add_option("--pi-dir", piDirs, "A pi-agent home (repeatable; default $PI_CODING_AGENT_DIR, else ~/.pi/agent)")
+        ->option_text("DIR");
 }
 
 void LogHomesOptions::applyTo(QuotaScanOptions& options) const {
@@ -99,6 +118,13 @@ void LogHomesOptions::applyTo(QuotaScanOptions& options) const {
     homes("claude", claudeDirs);
     homes("codex", codexDirs);
     homes("gemini", geminiDirs);
+    homes("opencode", opencodeDirs);
+    homes("copilot", copilotDirs);
+    homes("qwen", qwenDirs);
+    homes("amp", ampDirs);
+    homes("goose", gooseDirs);
+    homes("kimi", kimiDirs);
+    homes("pi", piDirs);
 }
 
 std::vector<std::filesystem::path> searchedHomes(const QuotaScanOptions& options) {
@@ -120,9 +146,13 @@ void warnAboutMissingHomes(const LogHomesOptions& homes) {
     };
     for (const auto& [option, dirs, variable] :
          {std::tuple{"--claude-dir", &homes.claudeDirs, "CLAUDE_CONFIG_DIR"}, std::tuple{"--codex-dir", &homes.codexDirs, "CODEX_HOME"},
-          std::tuple{"--gemini-dir", &homes.geminiDirs, "GEMINI_CLI_HOME"}}) {
+          std::tuple{"--gemini-dir", &homes.geminiDirs, "GEMINI_CLI_HOME"},
+          std::tuple{"--opencode-dir", &homes.opencodeDirs, ""},  // XDG_DATA_HOME is not OpenCode's alone
+          std::tuple{"--copilot-dir", &homes.copilotDirs, "COPILOT_HOME"}, std::tuple{"--qwen-dir", &homes.qwenDirs, "QWEN_DATA_DIR"},
+          std::tuple{"--amp-dir", &homes.ampDirs, "AMP_DATA_DIR"}, std::tuple{"--goose-dir", &homes.gooseDirs, "GOOSE_PATH_ROOT"},
+          std::tuple{"--kimi-dir", &homes.kimiDirs, "KIMI_SHARE_DIR"}, std::tuple{"--pi-dir", &homes.piDirs, "PI_CODING_AGENT_DIR"}}) {
         for (const auto& dir : *dirs) check(option, dir);
-        const char* value = std::getenv(variable);
+        const char* value = *variable ? std::getenv(variable) : nullptr;
         if (dirs->empty() && value && *value) check(std::string(variable) + "=", value);
     }
 }

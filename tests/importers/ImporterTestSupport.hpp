@@ -10,6 +10,7 @@
 #include <string>
 
 #include "StoreTestSupport.hpp"
+#include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/importers/QuotaLogScanner.hpp"
 #include "gaugepoint/platform/LocalCalendar.hpp"
 #include "gaugepoint/stores/QuotaUsageEntryStore.hpp"
@@ -19,7 +20,8 @@ namespace gaugepoint::testing {
 // A scratch copy of the sample tree ("claude", "codex", "gemini" homes) and a store directory.
 class LogTree {
 public:
-    LogTree() {
+    // A tree whose scans read the homes of `readTools` only.
+    explicit LogTree(std::vector<std::string> readTools = {"claude", "codex", "gemini"}) : tools(std::move(readTools)) {
         std::filesystem::copy(testData("logs"), dir / "homes", std::filesystem::copy_options::recursive);
         configuration.appGroupDirectory = dir / "group";
         configuration.sourceID = "test-machine";
@@ -31,7 +33,10 @@ public:
 
     QuotaScanOptions options(QuotaSessionContentCaptureMode capture = QuotaSessionContentCaptureMode::metadataOnly) const {
         QuotaScanOptions o;
-        for (const char* tool : {"claude", "codex", "gemini"}) o.homes[tool] = {home(tool)};
+        // Tools not in `tools` read no home at all (never the machine's own).
+        for (const auto& tool : codingTools()) o.homes[tool->provider().id] = {};
+        for (const auto& tool : tools) o.homes[tool] = {home(tool.c_str())};
+        if (o.homes.contains("kimi") && !o.homes["kimi"].empty()) o.homes["kimi"].push_back(home("kimi-code"));
         o.capture = capture;
         return o;
     }
@@ -40,6 +45,7 @@ public:
     }
     QuotaUsageEntryStore usage() const { return QuotaUsageEntryStore{QuotaSessionFileRegistry{configuration}}; }
 
+    std::vector<std::string> tools;
     ScratchDirectory dir;
     QuotaSyncConfiguration configuration;
 };

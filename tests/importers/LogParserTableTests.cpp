@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "TestSupport.hpp"
 #include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/importers/JsonLineParser.hpp"
@@ -140,6 +142,89 @@ TEST(GeminiDocuments, CountTheResponsesOfTheChat) {
     EXPECT_EQ(countsOf(read.entries[0]), (Counts{5020, 800, 4000, 0}));  // input - cached + tool; output + thoughts
     EXPECT_EQ(read.entries[0].sessionID, "g1");
     EXPECT_EQ(read.entries[0].model, "gemini-2.5-pro");
+}
+
+std::string copilotShutdown(const char* id, const char* model, int input, int output, int cacheRead) {
+    return std::string(R"({"type":"session.shutdown","id":")") + id + R"(","timestamp":"2026-11-05T10:00:00.000Z","data":{"modelMetrics":{")" +
+           model + R"(":{"requests":{"count":1,"cost":1},"usage":{"inputTokens":)" + std::to_string(input) + R"(,"outputTokens":)" +
+           std::to_string(output) + R"(,"cacheReadTokens":)" + std::to_string(cacheRead) + R"(,"cacheWriteTokens":0}}}}})" "\n";
+}
+
+// Copilot's shutdowns are running totals per session and model: each counts its growth, a
+// repeat nothing, and a smaller total (a restarted counter) a new interval, whole. The totals
+// carry over to the next read of the same file through the parser's state.
+TEST(CopilotLines, CountTheGrowthOfEachModelsTotalsAcrossReads) {
+    const auto copilot = makeCopilotLogs();
+    static JsonLineParser parser;
+    const LogFileContext file{"/c/session-state/s1/events.jsonl", QuotaSessionContentCaptureMode::metadataOnly, &parser};
+    std::string state;
+    const auto read = [&](std::string text) {
+        const std::size_t length = text.size();
+        text.resize(length + kJsonPadding);
+        Recorded sink;
+        const LogLine line{std::string_view(text.data(), length - 1), 0};
+        copilot->parseLines({&line, 1}, file, state, sink);
+        std::vector<Counts> counts;
+        for (const auto& e : sink.entries) {
+            EXPECT_EQ(e.model, "claude-opus-4.6");  // -1m names the same model
+            counts.push_back(countsOf(e));
+        }
+        return counts;
+    };
+    EXPECT_EQ(read(copilotShutdown("e1", "claude-opus-4.6-1m", 1000, 100, 600)), (std::vector<Counts>{{400, 100, 600, 0}}));
+    EXPECT_EQ(read(copilotShutdown("e1", "claude-opus-4.6-1m", 1000, 100, 600)), std::vector<Counts>{});  // repeated
+    EXPECT_EQ(read(copilotShutdown("e2", "claude-opus-4.6", 1500, 180, 900)), (std::vector<Counts>{{200, 80, 300, 0}}));
+    EXPECT_EQ(read(copilotShutdown("e3", "claude-opus-4.6", 400, 20, 0)), (std::vector<Counts>{{400, 20, 0, 0}}));  // restarted
+    EXPECT_EQ(read(copilotShutdown("e4", "claude-opus-4.6", 450, 20, 0)), (std::vector<Counts>{{50, 0, 0, 0}}));
+    EXPECT_EQ(read(copilotShutdown("e2", "claude-opus-4.6", 1500, 180, 900)), std::vector<Counts>{});  // copied later
+}
+
+// Qwen's prompt count holds its cached part, which is counted once, as cache read; one uuid in
+// two files is one response.
+TEST(QwenLines, TakeTheCacheOutOfTheInput) {
+    const auto qwen = makeQwenLogs();
+    const std::string line =
+        R"({"uuid":"q2","sessionId":"qa","timestamp":"2026-10-31T03:59:00.000Z","type":"assistant","cwd":"/a","model":"qwen3-coder-plus",)"
+        R"("usageMetadata":{"promptTokenCount":15000,"candidatesTokenCount":900,"thoughtsTokenCount":300,"cachedContentTokenCount":12000}})" "\n";
+    const auto a = readLines(*qwen, line, "/q/projects/-a/chats/qa.jsonl");
+    const auto b = readLines(*qwen, line, "/q/projects/-b/chats/qb.jsonl");
+    ASSERT_EQ(a.entries.size(), 1u);
+    EXPECT_EQ(countsOf(a.entries[0]), (Counts{3000, 1200, 12000, 0}));
+    EXPECT_EQ(a.entries[0].dedupKey, b.entries.at(0).dedupKey);
+    EXPECT_EQ(readLines(*qwen, R"({"uuid":"q3","type":"assistant","timestamp":"2026-10-31T03:59:00.000Z","usageMetadata":)"
+                               R"({"promptTokenCount":10,"cachedContentTokenCount":20}})" "\n", "/q/projects/-a/chats/qa.jsonl").badLines, 1);
+}
+
+// Gemini CLI's append-only chats: a message written again under its id counts once with its last
+// tokens; checkpoints ($set messages) and rewinds change the transcript, never take usage away.
+TEST(GeminiLines, TheAppendOnlyFormCountsEachResponseOnceWithItsLastTokens) {
+    const auto gemini = makeGeminiLogs();
+    const auto reply = [](const char* id, const std::string& tokens) {
+        return std::string(R"({"id":")") + id + R"(","timestamp":"2026-11-05T10:00:05Z","type":"gemini","model":"gemini-2.5-pro")" +
+               (tokens.empty() ? "" : R"(,"tokens":)" + tokens) + "}";
+    };
+    const std::string text =
+        R"({"sessionId":"g5","projectHash":"ab","startTime":"2026-11-05T10:00:00Z","lastUpdated":"2026-11-05T10:00:00Z","kind":"main"})" "\n"
+        R"({"id":"u1","timestamp":"2026-11-05T10:00:00Z","type":"user","content":[{"text":"hi"}]})" "\n" +
+        reply("a1", "") + "\n" +  // written before its tokens arrived
+        reply("a1", R"({"input":100,"output":10,"cached":40,"thoughts":5,"tool":0,"total":115})") + "\n" +
+        reply("a1", R"({"input":100,"output":30,"cached":40,"thoughts":5,"tool":2,"total":137})") + "\n" +
+        R"({"$set":{"lastUpdated":"2026-11-05T10:01:00Z","summary":"greeting"}})" "\n"
+        R"({"$set":{"messages":[)" + reply("a1", R"({"input":100,"output":30,"cached":40,"thoughts":5,"tool":2})") + "," +
+        reply("a2", R"({"input":7,"output":1})") + "]}}\n" +
+        R"({"$rewindTo":"a1"})" "\n" +
+        reply("a3", R"({"input":9,"output":-1})") + "\n" +  // an invalid count: skipped, reported
+        reply("a4", R"({"input":50,"output":5})") + "\n";
+    const auto read = readLines(*gemini, text, "/g/tmp/proj/chats/session-2026-11-05T10-00-g5.jsonl");
+    // The stores keep, per key, the copy with the most output: the last one, as tokens only grow.
+    std::map<std::string, Counts> counted;
+    for (const auto& e : read.entries) {
+        EXPECT_EQ(e.sessionID, "g5");
+        if (!counted.contains(e.dedupKey) || countsOf(e)[1] > counted[e.dedupKey][1]) counted[e.dedupKey] = countsOf(e);
+    }
+    EXPECT_EQ(counted, (std::map<std::string, Counts>{
+                           {"g5/a1", {62, 35, 40, 0}}, {"g5/a2", {7, 1, 0, 0}}, {"g5/a4", {50, 5, 0, 0}}}));
+    EXPECT_EQ(read.badLines, 1);
 }
 
 }  // namespace

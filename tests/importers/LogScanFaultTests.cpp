@@ -36,8 +36,8 @@ TEST(LogScanFaults, BadLinesAndFilesAreSkippedCountedAndTheRestImported) {
     testing::writeFile(tree.home("gemini") / "tmp" / "p" / "chats" / "session-x.json", "{\"sessionId\":\"g\",\"messages\":[{");
 
     const auto summary = tree.scan();
-    EXPECT_EQ(summary.linesSkipped, 2 + 7 + 1);  // the sample's own two, these seven, the chat document
-    EXPECT_EQ(summary.filesSkipped, 0);
+    EXPECT_EQ(summary.linesSkipped, 2 + 7);  // the sample's own two, these seven
+    EXPECT_EQ(summary.filesSkipped, 1);      // the chat document cut short
     std::int64_t tokens = 0;
     for (const auto& e : tree.usage().countedEntries("claude")) {
         if (e.sessionID == "bad-lines") tokens += e.tokens.totalTokens();
@@ -50,6 +50,40 @@ TEST(LogScanFaults, BadLinesAndFilesAreSkippedCountedAndTheRestImported) {
     EXPECT_TRUE(reasons.contains("a line longer than 32 MiB"));
     EXPECT_TRUE(reasons.contains("a token count that is negative, fractional or absurd"));
     EXPECT_EQ(tree.scan().linesSkipped, 0);  // skipped lines are not read again
+}
+
+// A chat document caught mid-write keeps what its session counted, and a message with an invalid
+// count is skipped (and counted as skipped) while the rest of the document counts.
+TEST(LogScanFaults, AHalfWrittenOrPartlyInvalidChatDocumentKeepsTheSessionsUsage) {
+    const LogTree tree;
+    const auto chat = tree.home("gemini") / "tmp" / "p" / "chats" / "session-2026-11-20T10-00-half.json";
+    fs::create_directories(chat.parent_path());
+    const auto message = [](const char* id, const char* input) {
+        return std::string(R"({"id":")") + id + R"(","timestamp":"2026-11-20T10:00:00Z","type":"gemini","model":"gemini-2.5-pro",)"
+               R"("tokens":{"input":)" + input + R"(,"output":10,"cached":0,"thoughts":0,"tool":0}})";
+    };
+    const auto document = [&](const std::string& messages) { return R"({"sessionId":"half","messages":[)" + messages + "]}"; };
+    const auto sessionTokens = [&] {
+        std::int64_t tokens = 0;
+        for (const auto& e : tree.usage().countedEntries("gemini")) tokens += e.sessionID == "half" ? e.tokens.totalTokens() : 0;
+        return tokens;
+    };
+    const std::string two = message("a1", "100") + "," + message("a2", "200");
+    testing::writeFile(chat, document(two));
+    tree.scan();
+    ASSERT_EQ(sessionTokens(), 320);
+
+    const std::string grown = document(two + "," + message("a3", "300"));
+    testing::writeFile(chat, grown.substr(0, grown.size() - 40));  // caught mid-write
+    const auto half = tree.scan();
+    EXPECT_EQ(half.filesSkipped, 1);
+    EXPECT_EQ(sessionTokens(), 320);
+
+    testing::writeFile(chat, document(two + "," + message("a3", "-300") + "," + message("a4", "400")));
+    const auto invalid = tree.scan();
+    EXPECT_EQ(invalid.linesSkipped, 1);
+    EXPECT_EQ(sessionTokens(), 320 + 410);
+    EXPECT_EQ(tree.scan().filesRead, 0);
 }
 
 // Every index of the registry file with its SQL, as the file holds it now.

@@ -227,5 +227,53 @@ TEST(LogScan, AResponseInSeveralFilesIsCountedOnceByItsLargestCopy) {
     EXPECT_EQ(entries()[0].tokens.outputTokens, 10);
 }
 
+// Claude Code's workflow subagents write one level deeper than other subagents; their usage
+// belongs to the parent session their lines name.
+TEST(LogScan, ClaudeWorkflowSubagentsCountTowardTheirParentSession) {
+    const LogTree tree;
+    const auto dir = tree.home("claude") / "projects" / "-home-dev-wf" / "parent-1" / "subagents" / "workflows" / "review";
+    fs::create_directories(dir);
+    testing::writeFile(dir / "agent-a1.jsonl",
+                       R"({"type":"assistant","sessionId":"parent-1","isSidechain":true,"agentId":"a1","cwd":"/home/dev/wf",)"
+                       R"("uuid":"w1","requestId":"req_w1","timestamp":"2026-11-20T10:00:00.000Z","message":{"id":"msg_w1",)"
+                       R"("role":"assistant","model":"claude-sonnet-4-5","usage":{"input_tokens":5,"output_tokens":7}}})" "\n");
+    tree.scan();
+    std::int64_t tokens = 0;
+    for (const auto& e : tree.usage().countedEntries("claude")) tokens += e.sessionID == "parent-1" ? e.tokens.totalTokens() : 0;
+    EXPECT_EQ(tokens, 12);
+}
+
+// Gemini CLI's current form beside the older one: one session written by both generations counts
+// once, a subagent chat under chats/<parent>/ is a session of its own, and the project's path
+// comes from .project_root.
+TEST(LogScan, BothGenerationsOfAGeminiChatCountOnce) {
+    const LogTree tree;
+    const auto project = tree.home("gemini") / "tmp" / "proj";
+    fs::create_directories(project / "chats" / "g6");
+    testing::writeFile(project / ".project_root", "/home/dev/src/proj\n");
+    const auto reply = [](const char* id, int input) {
+        return std::string(R"({"id":")") + id + R"(","timestamp":"2026-11-20T10:00:00Z","type":"gemini","model":"gemini-2.5-pro",)"
+               R"("tokens":{"input":)" + std::to_string(input) + R"(,"output":10}})";
+    };
+    testing::writeFile(project / "chats" / "session-2026-11-20T10-00-g6.json",
+                       R"({"sessionId":"g6","messages":[)" + reply("a1", 100) + "," + reply("a2", 200) + "]}");
+    testing::writeFile(project / "chats" / "session-2026-11-20T10-00-g6.jsonl",
+                       R"({"sessionId":"g6","projectHash":"x","startTime":"2026-11-20T10:00:00Z","kind":"main"})" "\n" +
+                           reply("a1", 100) + "\n" + reply("a2", 200) + "\n" + reply("a3", 300) + "\n");
+    testing::writeFile(project / "chats" / "g6" / "sub-1.jsonl",
+                       R"({"sessionId":"sub-1","projectHash":"x","startTime":"2026-11-20T10:00:00Z","kind":"subagent"})" "\n" +
+                           reply("s1", 1000) + "\n");
+    testing::writeFile(project / "chats" / "session-2026-11-20T10-00-g6.json.tmp-4242", "{");  // a writer's temporary file
+    const auto summary = tree.scan();
+    EXPECT_EQ(summary.filesSkipped, 0);
+    std::map<std::string, std::int64_t> tokens;
+    for (const auto& e : tree.usage().countedEntries("gemini")) tokens[e.sessionID] += e.tokens.totalTokens();
+    EXPECT_EQ(tokens["g6"], 110 + 210 + 310);
+    EXPECT_EQ(tokens["sub-1"], 1010);
+    const QuotaSessionCatalogStore catalog{tree.configuration};
+    EXPECT_EQ(catalog.loadDescriptor("test-machine", "g6")->projectPath, "/home/dev/src/proj");
+    EXPECT_EQ(catalog.loadDescriptor("test-machine", "sub-1")->projectPath, "/home/dev/src/proj");
+}
+
 }  // namespace
 }  // namespace gaugepoint

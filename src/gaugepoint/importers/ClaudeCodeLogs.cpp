@@ -166,7 +166,7 @@ public:
         }
     }
 
-    void parseDocument(std::string_view, const LogFileContext&, LogRecordSink&) const override {}
+    bool parseDocument(std::string_view, const LogFileContext&, LogRecordSink&) const override { return true; }
 
 private:
     void handle(Record& r, const LogLine& line, const LogFileContext& file, LogRecordSink& sink,

@@ -290,7 +290,7 @@ public:
         state = json::encode(parsed);
     }
 
-    void parseDocument(std::string_view, const LogFileContext&, LogRecordSink&) const override {}
+    bool parseDocument(std::string_view, const LogFileContext&, LogRecordSink&) const override { return true; }
 };
 
 }  // namespace

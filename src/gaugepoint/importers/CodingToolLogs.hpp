@@ -17,13 +17,17 @@
 #include "gaugepoint/model/QuotaSessionModes.hpp"
 #include "gaugepoint/model/QuotaUsageRecords.hpp"
 
+struct sqlite3;
+
 namespace gaugepoint {
 
 class JsonLineParser;
 
-// How a log file is read: appended line by line (read on from where the last scan stopped), or
-// rewritten whole (read again from the start whenever it changes).
-enum class LogLayout { appendedLines, wholeDocument };
+// How a log file is read: appended line by line (read on from where the last scan stopped),
+// rewritten whole (read again from the start whenever it changes), or a SQLite database the tool
+// keeps (opened read-only and read again whenever it or its write-ahead log changes; rows the
+// tool updates in place then replace what they gave).
+enum class LogLayout { appendedLines, wholeDocument, database };
 
 // One complete line of a file and where it starts (bytes from the start of the file). The
 // bytes after `text` are readable up to the parser's padding, as fast JSON parsers need.
@@ -69,6 +73,28 @@ private:
     std::optional<std::pair<std::int64_t, std::string>> bad_;
 };
 
+// Holds what a whole document gives until its end has been read, so that a document cut short
+// gives nothing; a bad part of a complete document is reported and skipped, the rest counts.
+class DocumentRecords final : public LogRecordSink {
+public:
+    void usage(QuotaUsageEntry entry) override { usage_.push_back(std::move(entry)); }
+    void message(QuotaImportedMessage message) override { messages_.push_back(std::move(message)); }
+    void session(const std::string& sessionID, const std::string& projectPath) override {
+        sessions_.emplace_back(sessionID, projectPath);
+    }
+    void rateLimits(QuotaObservedRateLimits limits) override { limits_.push_back(std::move(limits)); }
+    void badLine(std::int64_t offset, std::string reason) override { bad_.emplace_back(offset, std::move(reason)); }
+    // Passes everything on, bad parts included.
+    void flushTo(LogRecordSink& sink);
+
+private:
+    std::vector<QuotaUsageEntry> usage_;
+    std::vector<QuotaImportedMessage> messages_;
+    std::vector<std::pair<std::string, std::string>> sessions_;
+    std::vector<QuotaObservedRateLimits> limits_;
+    std::vector<std::pair<std::int64_t, std::string>> bad_;
+};
+
 // What a parser knows of the file at hand.
 struct LogFileContext {
     std::filesystem::path path;
@@ -88,6 +114,9 @@ public:
     virtual std::vector<std::filesystem::path> defaultHomes() const = 0;
     // The folders below a home that hold its logs ("projects").
     virtual std::vector<std::filesystem::path> logFolders() const = 0;
+    // Whether the walk looks into a directory below a log folder (path relative to the folder);
+    // a tool whose logs sit at known depths spares the walk the rest of its home.
+    virtual bool descendsInto(const std::filesystem::path&) const { return true; }
     // How a file found below a log folder is read; none when it is not a log.
     virtual std::optional<LogLayout> layoutOf(const std::filesystem::path& file) const = 0;
 
@@ -95,15 +124,36 @@ public:
     // the same file left ("" at its start); the parser updates it.
     virtual void parseLines(std::span<const LogLine> lines, const LogFileContext& file, std::string& state,
                             LogRecordSink& sink) const = 0;
-    // Reads a whole document (padded as LogLine says).
-    virtual void parseDocument(std::string_view text, const LogFileContext& file, LogRecordSink& sink) const = 0;
+    // Reads a whole document (padded as LogLine says). False, with nothing given to `sink`, when
+    // the document cannot be read as a whole (cut short while being written): the file then keeps
+    // what it gave before and is read again when it next changes.
+    virtual bool parseDocument(std::string_view text, const LogFileContext& file, LogRecordSink& sink) const = 0;
+    // Reads a database the tool keeps, opened read-only (LogLayout::database). Throws
+    // gaugepoint::Error when it cannot be read; the file then keeps what it gave before.
+    virtual void readDatabase(sqlite3* database, const LogFileContext& file, LogRecordSink& sink) const;
 };
 
-// Every tool the scan reads: Claude Code, Codex CLI, Gemini CLI.
+// Every tool the scan reads: Claude Code, Codex CLI, Gemini CLI, OpenCode, Copilot CLI, Qwen
+// Code, Amp, Goose, Kimi, pi.
 const std::vector<std::unique_ptr<CodingToolLogs>>& codingTools();
 std::unique_ptr<CodingToolLogs> makeClaudeCodeLogs();
 std::unique_ptr<CodingToolLogs> makeCodexLogs();
 std::unique_ptr<CodingToolLogs> makeGeminiLogs();
+std::unique_ptr<CodingToolLogs> makeOpenCodeLogs();
+std::unique_ptr<CodingToolLogs> makeCopilotLogs();
+std::unique_ptr<CodingToolLogs> makeQwenLogs();
+std::unique_ptr<CodingToolLogs> makeAmpLogs();
+std::unique_ptr<CodingToolLogs> makeGooseLogs();
+std::unique_ptr<CodingToolLogs> makeKimiLogs();
+std::unique_ptr<CodingToolLogs> makePiLogs();
+
+// The home directories named by a comma-separated list in environment variable `name`; none
+// when it is unset or empty.
+std::vector<std::filesystem::path> homesFromEnvironment(const char* name);
+// `relative` below $HOME; none when HOME is unset.
+std::optional<std::filesystem::path> belowHome(const std::filesystem::path& relative);
+// `relative` below $XDG_DATA_HOME, else ~/.local/share; none when neither can be resolved.
+std::optional<std::filesystem::path> belowDataHome(const std::filesystem::path& relative);
 
 // Whether a message of this role keeps its text under the capture mode: prompts from
 // promptsOnly on, answers from promptsAndAnswers on, everything else with fullTranscript.

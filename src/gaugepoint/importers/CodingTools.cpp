@@ -1,5 +1,9 @@
 #include "gaugepoint/importers/CodingToolLogs.hpp"
 
+#include <cstdlib>
+
+#include "gaugepoint/platform/Text.hpp"
+
 namespace gaugepoint {
 
 const std::vector<std::unique_ptr<CodingToolLogs>>& codingTools() {
@@ -8,6 +12,13 @@ const std::vector<std::unique_ptr<CodingToolLogs>>& codingTools() {
         list.push_back(makeClaudeCodeLogs());
         list.push_back(makeCodexLogs());
         list.push_back(makeGeminiLogs());
+        list.push_back(makeOpenCodeLogs());
+        list.push_back(makeCopilotLogs());
+        list.push_back(makeQwenLogs());
+        list.push_back(makeAmpLogs());
+        list.push_back(makeGooseLogs());
+        list.push_back(makeKimiLogs());
+        list.push_back(makePiLogs());
         return list;
     }();
     return tools;
@@ -27,6 +38,46 @@ void PendingRecords::flushTo(LogRecordSink& sink) {
     sessions_.clear();
     limits_.clear();
     bad_.reset();
+}
+
+void DocumentRecords::flushTo(LogRecordSink& sink) {
+    for (auto& e : usage_) sink.usage(std::move(e));
+    for (auto& m : messages_) sink.message(std::move(m));
+    for (const auto& [session, project] : sessions_) sink.session(session, project);
+    for (auto& l : limits_) sink.rateLimits(std::move(l));
+    for (auto& [offset, reason] : bad_) sink.badLine(offset, std::move(reason));
+    usage_.clear();
+    messages_.clear();
+    sessions_.clear();
+    limits_.clear();
+    bad_.clear();
+}
+
+void CodingToolLogs::readDatabase(sqlite3*, const LogFileContext&, LogRecordSink&) const {}
+
+std::vector<std::filesystem::path> homesFromEnvironment(const char* name) {
+    std::vector<std::filesystem::path> homes;
+    const char* value = std::getenv(name);
+    if (!value) return homes;
+    std::string_view rest = value;
+    while (!rest.empty()) {
+        const auto comma = rest.find(',');
+        const auto part = trimmed(rest.substr(0, comma));
+        if (!part.empty()) homes.emplace_back(part);
+        rest = comma == std::string_view::npos ? std::string_view{} : rest.substr(comma + 1);
+    }
+    return homes;
+}
+
+std::optional<std::filesystem::path> belowHome(const std::filesystem::path& relative) {
+    const char* home = std::getenv("HOME");
+    if (!home || !*home) return std::nullopt;
+    return std::filesystem::path(home) / relative;
+}
+
+std::optional<std::filesystem::path> belowDataHome(const std::filesystem::path& relative) {
+    if (const char* data = std::getenv("XDG_DATA_HOME"); data && *data) return std::filesystem::path(data) / relative;
+    return belowHome(std::filesystem::path(".local") / "share" / relative);
 }
 
 bool keepsText(QuotaSessionContentCaptureMode capture, QuotaSessionRole role, bool isPrompt) {

@@ -1,6 +1,7 @@
-// Gemini CLI chats: tmp/<project hash>/chats/session-*.json under the home, one JSON document per
+// Gemini CLI chats: tmp/<project>/chats/session-*.json under the home, one JSON document per
 // session, rewritten as the chat grows (read again whole when it changes), and the newer
-// append-only session-*.jsonl form (one message per line, read on from where the scan stopped).
+// append-only session-*.jsonl form (a header, then one message per line, read on from where the
+// scan stopped), with subagent chats in chats/<parent session>/<session>.jsonl.
 //
 // A "gemini" message with a "tokens" object is one response: input is the prompt without its
 // cached part plus the tool-use prompt, output is the answer plus the reasoning ("thoughts"),
@@ -8,9 +9,11 @@
 // and message id, so a grown document or a copied line counts each message once.
 
 #include <cstdlib>
+#include <fstream>
 
 #include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/importers/JsonLineParser.hpp"
+#include "gaugepoint/platform/Text.hpp"
 
 namespace gaugepoint {
 namespace {
@@ -46,8 +49,11 @@ std::optional<Tokens> readTokens(object tokens) {
     return t;
 }
 
-// Reads one message object of session `sessionID` into `sink`.
-void readMessage(object message, const std::string& sessionID, std::int64_t offset, const LogFileContext& file,
+enum class Read { counted, invalid, malformed };
+
+// Reads one message object of session `sessionID` into `sink`: `invalid` (reported to `sink`)
+// when its own fields are wrong, `malformed` (nothing reported) when the JSON around it breaks.
+Read readMessage(object message, const std::string& sessionID, std::int64_t offset, const LogFileContext& file,
                  LogRecordSink& sink) {
     std::string id, type, model, text;
     std::optional<Date> timestamp;
@@ -56,7 +62,7 @@ void readMessage(object message, const std::string& sessionID, std::int64_t offs
     const bool wantText = file.capture != QuotaSessionContentCaptureMode::metadataOnly;
     for (auto field : message) {
         std::string_view key;
-        if (field.unescaped_key().get(key)) return sink.badLine(offset, "malformed JSON");
+        if (field.unescaped_key().get(key)) return Read::malformed;
         value v = field.value();
         if (key == "id") {
             id = std::string(jsonline::text(v).value_or(""));
@@ -77,12 +83,20 @@ void readMessage(object message, const std::string& sessionID, std::int64_t offs
             badTokens = !tokens;
         }
     }
-    if (type.empty()) return;
-    if (badTokens) return sink.badLine(offset, "a token count that is negative, fractional or absurd");
+    if (type.empty()) return Read::counted;
+    if (badTokens) {
+        sink.badLine(offset, "a token count that is negative, fractional or absurd");
+        return Read::invalid;
+    }
+    // Messages are keyed by session and id: a message written again (its tokens arrived or grew)
+    // and the same session in both generations of file count once.
     const std::string key = sessionID + "/" + (id.empty() ? "@" + std::to_string(offset) : id);
     std::optional<QuotaSessionTokenUsage> counted;
     if (type == "gemini" && tokens) {
-        if (!timestamp) return sink.badLine(offset, "no timestamp");
+        if (!timestamp) {
+            sink.badLine(offset, "no timestamp");
+            return Read::invalid;
+        }
         QuotaUsageEntry entry;
         entry.providerID = "gemini";
         entry.sessionID = sessionID;
@@ -104,35 +118,66 @@ void readMessage(object message, const std::string& sessionID, std::int64_t offs
     m.tokenUsage = counted;
     if (keepsText(file.capture, m.role, m.isPrompt) && !text.empty()) m.text = std::move(text);
     sink.message(std::move(m));
+    return Read::counted;
 }
 
-// A document {"sessionId", "messages": [...]}: its messages in order.
-void readDocumentObject(object document, std::int64_t offset, const LogFileContext& file, std::string& sessionID,
+// Reads a list of messages; false when the list itself is broken. A message with a wrong field is
+// reported and skipped, the others count.
+bool readMessages(value list, const std::string& sessionID, std::int64_t offset, const LogFileContext& file,
+                  LogRecordSink& sink) {
+    simdjson::ondemand::array messages;
+    if (list.get_array().get(messages)) return false;
+    for (auto element : messages) {
+        object message;
+        if (element.get_object().get(message)) return false;
+        PendingRecords one;
+        if (readMessage(message, sessionID, offset, file, one) == Read::malformed) return false;
+        one.flushTo(sink);
+    }
+    return true;
+}
+
+// The project a chat file belongs to: newer versions write its absolute path into
+// tmp/<slug>/.project_root; older ones keep only a hash of it ("" then).
+std::string projectRootOf(const fs::path& chatFile) {
+    for (fs::path dir = chatFile.parent_path(); dir.has_relative_path() && dir != dir.parent_path(); dir = dir.parent_path()) {
+        if (dir.filename() != "chats") continue;
+        std::ifstream in(dir.parent_path() / ".project_root");
+        std::string root;
+        std::getline(in, root);
+        return std::string(trimmed(root));
+    }
+    return "";
+}
+
+// A document {"sessionId", "messages": [...]}: its messages in order. False when it is not whole.
+bool readDocumentObject(object document, std::int64_t offset, const LogFileContext& file, std::string& sessionID,
                         LogRecordSink& sink) {
     for (auto field : document) {
         std::string_view key;
-        if (field.unescaped_key().get(key)) return sink.badLine(offset, "malformed JSON");
+        if (field.unescaped_key().get(key)) return false;
         value v = field.value();
         if (key == "sessionId") {
             if (const auto id = jsonline::text(v)) sessionID = std::string(*id);
         } else if (key == "messages") {
-            simdjson::ondemand::array messages;
-            if (v.get_array().get(messages)) return sink.badLine(offset, "messages that are not a list");
             if (sessionID.empty()) sessionID = file.path.stem().string();  // the id comes first in every version seen
-            for (auto element : messages) {
-                object message;
-                if (element.get_object().get(message)) return sink.badLine(offset, "malformed JSON");
-                readMessage(message, sessionID, offset, file, sink);
-            }
+            if (!readMessages(v, sessionID, offset, file, sink)) return false;
         }
     }
-    if (!sessionID.empty()) sink.session(sessionID, "");  // the log keeps only a hash of the project's path
+    if (!sessionID.empty()) sink.session(sessionID, projectRootOf(file.path));
+    return true;
 }
+
+// What a line of the append-only form is, from its top-level keys.
+struct LineKind {
+    std::string sessionID;
+    bool message = false, document = false, patch = false, rewind = false;
+};
 
 class GeminiLogs final : public CodingToolLogs {
 public:
     QuotaSessionProviderIdentity provider() const override { return {"gemini", "Gemini"}; }
-    std::int64_t parserVersion() const override { return 1; }
+    std::int64_t parserVersion() const override { return 2; }
 
     std::vector<fs::path> defaultHomes() const override {
         if (const char* home = std::getenv("GEMINI_CLI_HOME"); home && *home) return {fs::path(home) / ".gemini"};
@@ -143,27 +188,32 @@ public:
 
     std::vector<fs::path> logFolders() const override { return {"tmp"}; }
 
+    // tmp/<project>/chats/session-*.json(l), and subagent chats tmp/<project>/chats/<parent>/<id>.jsonl.
+    // Temporary files (.tmp-<pid>) and backups (.unreadable-*) have other extensions.
     std::optional<LogLayout> layoutOf(const fs::path& file) const override {
-        if (file.parent_path().filename() != "chats" || !file.filename().string().starts_with("session-")) return std::nullopt;
-        if (file.extension() == ".json") return LogLayout::wholeDocument;
-        if (file.extension() == ".jsonl") return LogLayout::appendedLines;
+        const fs::path parent = file.parent_path();
+        const bool chat = parent.filename() == "chats" && file.filename().string().starts_with("session-");
+        const bool subagent = parent.parent_path().filename() == "chats";
+        if (chat && file.extension() == ".json") return LogLayout::wholeDocument;
+        if ((chat || subagent) && file.extension() == ".jsonl") return LogLayout::appendedLines;
         return std::nullopt;
     }
 
-    void parseDocument(std::string_view text, const LogFileContext& file, LogRecordSink& sink) const override {
-        PendingRecords pending;
+    bool parseDocument(std::string_view text, const LogFileContext& file, LogRecordSink& sink) const override {
         const auto object = file.parser->object(text);
-        if (!object) {
-            sink.badLine(0, "not a complete JSON object");
-            return;
-        }
+        if (!object) return false;
+        DocumentRecords whole;
         std::string sessionID;
-        readDocumentObject(*object, 0, file, sessionID, pending);
-        pending.flushTo(sink);
+        if (!readDocumentObject(*object, 0, file, sessionID, whole)) return false;
+        whole.flushTo(sink);
+        return true;
     }
 
-    // The .jsonl form: a line holding "messages" is a whole document; a line with a "type" is
-    // one message; any other line names the session the following messages belong to.
+    // The append-only form: a header line names the session; a line with a "type" is one
+    // message (written again under its id when it changes); "$set" patches the header, and with
+    // "messages" replaces the transcript; "$rewindTo" cuts the transcript back. Responses that
+    // left the transcript were still billed, so no line takes usage away. A line holding a whole
+    // document (older writers) is read as one.
     void parseLines(std::span<const LogLine> lines, const LogFileContext& file, std::string& state,
                     LogRecordSink& sink) const override {
         PendingRecords pending;
@@ -181,30 +231,48 @@ public:
 private:
     static void readLine(object record, std::int64_t offset, const LogFileContext& file, std::string& sessionID,
                          LogRecordSink& sink) {
-        // A message line carries "type"; find out what kind of line this is without a second
-        // parse by reading its session id and type first when they lead.
-        std::string lineSession;
+        LineKind kind;
         for (auto field : record) {
             std::string_view key;
             if (field.unescaped_key().get(key)) return sink.badLine(offset, "malformed JSON");
             if (key == "sessionId") {
-                if (const auto id = jsonline::text(field.value())) lineSession = std::string(*id);
+                if (const auto id = jsonline::text(field.value())) kind.sessionID = std::string(*id);
             }
+            kind.message = kind.message || key == "type";
+            kind.document = kind.document || key == "messages";
+            kind.patch = kind.patch || key == "$set";
+            kind.rewind = kind.rewind || key == "$rewindTo";
         }
-        if (!lineSession.empty()) sessionID = lineSession;
+        // A message's own "sessionId" (some writers add it) names the same session as the header.
+        if (!kind.sessionID.empty() && !kind.message) sessionID = kind.sessionID;
         if (sessionID.empty()) sessionID = file.path.stem().string();
         record.reset();
-        bool isMessage = false, isDocument = false;
-        for (auto field : record) {
-            std::string_view key;
-            if (field.unescaped_key().get(key)) return sink.badLine(offset, "malformed JSON");
-            if (key == "type") isMessage = true;
-            if (key == "messages") isDocument = true;
+        if (kind.rewind) return;
+        if (kind.patch) {
+            for (auto field : record) {
+                std::string_view key;
+                if (field.unescaped_key().get(key)) return sink.badLine(offset, "malformed JSON");
+                object patch;
+                if (key != "$set" || field.value().get_object().get(patch)) continue;
+                for (auto set : patch) {
+                    std::string_view name;
+                    if (set.unescaped_key().get(name)) return sink.badLine(offset, "malformed JSON");
+                    if (name == "messages" && !readMessages(set.value(), sessionID, offset, file, sink)) {
+                        return sink.badLine(offset, "a message list that is not whole");
+                    }
+                }
+            }
+            return;
         }
-        record.reset();
-        if (isDocument) return readDocumentObject(record, offset, file, sessionID, sink);
-        if (isMessage) return readMessage(record, sessionID, offset, file, sink);
-        sink.session(sessionID, "");
+        if (kind.document) {
+            if (!readDocumentObject(record, offset, file, sessionID, sink)) sink.badLine(offset, "malformed JSON");
+            return;
+        }
+        if (kind.message) {
+            if (readMessage(record, sessionID, offset, file, sink) == Read::malformed) sink.badLine(offset, "malformed JSON");
+            return;
+        }
+        sink.session(sessionID, projectRootOf(file.path));
     }
 };
 

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "gaugepoint/importers/JsonLineParser.hpp"
+#include "gaugepoint/importers/ToolDatabase.hpp"
 #include "gaugepoint/platform/InputFile.hpp"
 
 namespace gaugepoint::scanning {
@@ -163,6 +164,7 @@ private:
                        entry->lastOffset <= std::int64_t(info.st_size);
         ++tally_.filesRead;
         if (file.layout == LogLayout::wholeDocument) return readDocument(opened, std::move(piece));
+        if (file.layout == LogLayout::database) return readDatabase(file, std::move(piece));
         PrefixDigest digest;
         if (readsOn && entry->lastOffset > 0) {
             const auto resume = files.states.find(path);
@@ -200,7 +202,12 @@ private:
         text.resize(size + kJsonPadding);
         piece.records = std::make_unique<Collected>(piece.entry.path, options_.capture);
         const LogFileContext context{piece.entry.path, options_.capture, &parser_};
-        piece.tool->parseDocument(std::string_view(text.data(), size), context, *piece.records);
+        if (!piece.tool->parseDocument(std::string_view(text.data(), size), context, *piece.records)) {
+            // Caught mid-write: what the document gave before stands until it reads whole.
+            --tally_.filesRead;
+            skipped(piece.entry.path, "not a complete document (being written?)");
+            return true;
+        }
         struct stat info {};
         ::fstat(opened.fd(), &info);
         piece.entry.lastOffset = std::int64_t(size);
@@ -208,6 +215,28 @@ private:
         piece.entry.size = std::int64_t(info.st_size);
         piece.entry.modifiedAt = fileModificationTime(info);
         piece.forgetFirst = true;  // a document is read whole: what it gave before is replaced
+        return queue_.push(std::move(piece));
+    }
+
+    // A tool's database, read whole: its figures are as the walk saw them before the read, so a
+    // write during the read is read again at the next scan.
+    bool readDatabase(const LogFileCandidate& file, Piece piece) {
+        piece.records = std::make_unique<Collected>(piece.entry.path, options_.capture);
+        const LogFileContext context{piece.entry.path, options_.capture, &parser_};
+        try {
+            readToolDatabase(*piece.tool, file.path, context, *piece.records);
+        } catch (const Error& e) {
+            --tally_.filesRead;
+            skipped(piece.entry.path, e.what());
+            return true;
+        }
+        tally_.bytesRead += file.size;
+        piece.entry.lastOffset = file.size;
+        piece.bytes = file.size;
+        piece.entry.size = file.size;
+        piece.entry.modifiedAt = file.modifiedAt;
+        piece.entry.fileIdentifier = file.identity;
+        piece.forgetFirst = true;  // rows updated in place: what the database gave before is replaced
         return queue_.push(std::move(piece));
     }
 

@@ -48,7 +48,7 @@ struct Walk {
         for (const auto& [name, child] : entries) {
             const fs::path childPath = path / name;
             if (S_ISDIR(child.st_mode)) {
-                enter(childPath, child, depth + 1);
+                if (tool.descendsInto(childPath.lexically_relative(folder))) enter(childPath, child, depth + 1);
             } else if (S_ISREG(child.st_mode)) {
                 file(childPath, child);
             }
@@ -58,7 +58,16 @@ struct Walk {
     void file(const fs::path& path, const struct stat& info) {
         const auto layout = tool.layoutOf(path.lexically_relative(folder));
         if (!layout) return;
-        found.push_back({path, *layout, std::int64_t(info.st_size), fileModificationTime(info), fileIdentity(info)});
+        std::int64_t size = std::int64_t(info.st_size);
+        Date modified = fileModificationTime(info);
+        // A database in WAL mode takes its writes into "-wal" until a checkpoint: the pair changes
+        // together. Its size counts toward the database's, so a changed log is a changed file.
+        struct stat wal {};
+        if (*layout == LogLayout::database && ::stat((path.string() + "-wal").c_str(), &wal) == 0) {
+            size += std::int64_t(wal.st_size);
+            modified = std::max(modified, fileModificationTime(wal));
+        }
+        found.push_back({path, *layout, size, modified, fileIdentity(info)});
     }
 };
 
@@ -83,7 +92,7 @@ std::vector<LogFileCandidate> findLogFiles(const CodingToolLogs& tool, const std
     std::set<std::pair<dev_t, ino_t>> visited;  // shared by all homes: one folder reached twice is read once
     for (const auto& home : homes) {
         for (const auto& folder : tool.logFolders()) {
-            const fs::path root = home / folder;
+            const fs::path root = folder == "." ? home : home / folder;
             Walk walk{tool, root, found, problems, std::move(visited)};
             walk.directory(root, 0);
             visited = std::move(walk.visited);

@@ -8,7 +8,7 @@
 namespace gaugepoint::QuotaProductCatalog {
 namespace {
 
-constexpr std::array<std::pair<std::string_view, std::string_view>, 22> kDisplayNames{{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 27> kDisplayNames{{
     {"claude", "Claude"},       {"claude-code", "Claude"}, {"codex", "Codex"},
     {"gemini", "Gemini"},       {"cursor", "Cursor"},      {"openrouter", "OpenRouter"},
     {"copilot", "Copilot"},     {"warp", "Warp"},          {"kiro", "Kiro"},
@@ -16,7 +16,8 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 22> kDisplay
     {"zai", "z.ai"},            {"z-ai", "z.ai"},          {"factory", "Factory"},
     {"droid", "Droid"},         {"amp", "Amp"},            {"augment", "Augment"},
     {"windsurf", "Windsurf"},   {"vertex", "Vertex AI"},   {"ollama", "Ollama"},
-    {"minimax", "MiniMax"},
+    {"minimax", "MiniMax"},     {"opencode", "OpenCode"},  {"qwen", "Qwen Code"},
+    {"goose", "Goose"},         {"kimi", "Kimi"},          {"pi", "pi"},
 }};
 
 // "my-provider" -> "My Provider".

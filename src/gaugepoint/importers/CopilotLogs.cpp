@@ -1,0 +1,226 @@
+// GitHub Copilot CLI: session-state/<session id>/events.jsonl under ${COPILOT_HOME:-~/.copilot},
+// one event per line. Usage is only on `session.shutdown` events, as running totals per model
+// (data.modelMetrics.<model>.usage) since the session began. Each shutdown counts what grew since
+// the previous one of the same session and model, dated at the later shutdown; a total smaller
+// than before is a counter that restarted (older builds restart on resume), so it starts a new
+// interval and counts whole. A shutdown repeated under its id adds nothing, wherever it lands. The totals seen are the parser's
+// state, so a scan that reads on from the end of the file goes on from them.
+//
+// Copilot's input count holds the cached tokens (read and written), which are taken out of it;
+// reasoning is already inside output. Premium requests and AIU are not US dollars and are not
+// turned into a cost.
+
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "gaugepoint/importers/CodingToolLogs.hpp"
+#include "gaugepoint/importers/JsonLineParser.hpp"
+#include "gaugepoint/platform/Text.hpp"
+
+namespace gaugepoint {
+namespace {
+
+namespace fs = std::filesystem;
+using simdjson::ondemand::object;
+using simdjson::ondemand::value;
+
+struct Totals {
+    std::int64_t input = 0, output = 0, cacheRead = 0, cacheWrite = 0;
+    bool operator==(const Totals&) const = default;
+};
+
+// Marks the id of a shutdown already counted, among the models of the state.
+constexpr std::string_view kSeenEvent = "\x01event:";
+
+// The running totals per model, as the state text keeps them: "model\tin\tout\tread\twrite\n".
+std::map<std::string, Totals> decodeState(std::string_view state) {
+    std::map<std::string, Totals> totals;
+    std::istringstream in{std::string(state)};
+    std::string model;
+    Totals t;
+    while (std::getline(in, model, '\t') && in >> t.input >> t.output >> t.cacheRead >> t.cacheWrite) {
+        totals[model] = t;
+        in.ignore(1);
+    }
+    return totals;
+}
+
+std::string encodeState(const std::map<std::string, Totals>& totals) {
+    std::string state;
+    for (const auto& [model, t] : totals) {
+        state += model + "\t" + std::to_string(t.input) + " " + std::to_string(t.output) + " " + std::to_string(t.cacheRead) +
+                 " " + std::to_string(t.cacheWrite) + "\n";
+    }
+    return state;
+}
+
+// `-1m` and `-1m-internal` name the same model with a larger context window.
+std::string modelName(std::string_view key) {
+    for (const std::string_view suffix : {"-1m-internal", "-1m"}) {
+        if (key.ends_with(suffix)) return std::string(key.substr(0, key.size() - suffix.size()));
+    }
+    return std::string(key);
+}
+
+std::optional<Totals> readUsage(object usage) {
+    Totals t;
+    for (auto field : usage) {
+        std::string_view key;
+        if (field.unescaped_key().get(key)) return std::nullopt;
+        std::int64_t* slot = key == "inputTokens"       ? &t.input
+                             : key == "outputTokens"    ? &t.output
+                             : key == "cacheReadTokens" ? &t.cacheRead
+                             : key == "cacheWriteTokens" ? &t.cacheWrite
+                                                         : nullptr;
+        if (!slot) continue;
+        value v = field.value();
+        if (jsonline::isNull(v)) continue;
+        const auto n = jsonline::integer(v);
+        if (!n || !isPlausibleTokenCount(*n)) return std::nullopt;
+        *slot = *n;
+    }
+    return t;
+}
+
+// The working directory of workspace.yaml beside the events ("" when it has none).
+std::string workspaceDirectory(const fs::path& events) {
+    std::ifstream in(events.parent_path() / "workspace.yaml");
+    std::string line;
+    while (std::getline(in, line)) {
+        if (!line.starts_with("cwd:")) continue;
+        std::string_view value = trimmed(std::string_view(line).substr(4));
+        if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') && value.back() == value.front()) {
+            value = value.substr(1, value.size() - 2);
+        }
+        return std::string(value);
+    }
+    return "";
+}
+
+class CopilotLogs final : public CodingToolLogs {
+public:
+    QuotaSessionProviderIdentity provider() const override { return {"copilot", "Copilot"}; }
+    std::int64_t parserVersion() const override { return 1; }
+
+    std::vector<fs::path> defaultHomes() const override {
+        if (const char* home = std::getenv("COPILOT_HOME"); home && *home) return {fs::path(home)};
+        if (const auto home = belowHome(".copilot")) return {*home};
+        return {};
+    }
+    std::vector<fs::path> logFolders() const override { return {"session-state"}; }
+
+    std::optional<LogLayout> layoutOf(const fs::path& file) const override {
+        if (file.filename() == "events.jsonl" && std::distance(file.begin(), file.end()) == 2) return LogLayout::appendedLines;
+        return std::nullopt;
+    }
+
+    void parseLines(std::span<const LogLine> lines, const LogFileContext& file, std::string& state,
+                    LogRecordSink& sink) const override {
+        const std::string sessionID = file.path.parent_path().filename().string();
+        auto totals = decodeState(state);
+        bool announced = false;
+        for (const auto& line : lines) {
+            const auto record = file.parser->object(line.text);
+            if (!record) {
+                sink.badLine(line.offset, "not a complete JSON object");
+                continue;
+            }
+            PendingRecords pending;
+            auto seen = totals;
+            readEvent(*record, line.offset, sessionID, seen, pending);
+            if (!pending.isBad()) totals = std::move(seen);
+            if (!announced) {
+                announced = true;
+                pending.session(sessionID, workspaceDirectory(file.path));
+            }
+            pending.flushTo(sink);
+        }
+        state = encodeState(totals);
+    }
+    bool parseDocument(std::string_view, const LogFileContext&, LogRecordSink&) const override { return true; }
+
+private:
+    static void readEvent(object event, std::int64_t offset, const std::string& sessionID, std::map<std::string, Totals>& totals,
+                          LogRecordSink& sink) {
+        std::string type, id;
+        std::optional<Date> timestamp;
+        for (auto field : event) {
+            std::string_view key;
+            if (field.unescaped_key().get(key)) return sink.badLine(offset, "malformed JSON");
+            value v = field.value();
+            if (key == "type") type = std::string(jsonline::text(v).value_or(""));
+            if (key == "id") id = std::string(jsonline::text(v).value_or(""));
+            if (key == "timestamp") timestamp = jsonline::date(v);
+        }
+        if (type != "session.shutdown") return;
+        if (!timestamp) return sink.badLine(offset, "no timestamp");
+        // A shutdown seen before (a copied line, wherever it lands) adds nothing; its id is kept
+        // beside the totals, under a key no model has.
+        if (!id.empty() && !totals.try_emplace(std::string(kSeenEvent) + id).second) return;
+        event.reset();
+        for (auto field : event) {
+            std::string_view key;
+            object data, metrics;
+            if (field.unescaped_key().get(key)) return sink.badLine(offset, "malformed JSON");
+            if (key != "data" || field.value().get_object().get(data)) continue;
+            for (auto d : data) {
+                std::string_view name;
+                if (d.unescaped_key().get(name)) return sink.badLine(offset, "malformed JSON");
+                if (name != "modelMetrics" || d.value().get_object().get(metrics)) continue;
+                for (auto m : metrics) {
+                    std::string_view rawModel;
+                    object perModel;
+                    if (m.unescaped_key().get(rawModel) || m.value().get_object().get(perModel)) {
+                        return sink.badLine(offset, "malformed JSON");
+                    }
+                    const std::string model = modelName(rawModel);
+                    for (auto u : perModel) {
+                        std::string_view part;
+                        object usage;
+                        if (u.unescaped_key().get(part)) return sink.badLine(offset, "malformed JSON");
+                        if (part != "usage" || u.value().get_object().get(usage)) continue;
+                        const auto now = readUsage(usage);
+                        if (!now) return sink.badLine(offset, "a token count that is negative, fractional or absurd");
+                        count(*now, model, id.empty() ? std::to_string(offset) : id, *timestamp, sessionID, totals, sink);
+                    }
+                }
+            }
+        }
+    }
+
+    static void count(const Totals& now, const std::string& model, const std::string& eventID, Date at,
+                      const std::string& sessionID, std::map<std::string, Totals>& totals, LogRecordSink& sink) {
+        const Totals before = totals[model];
+        const bool restarted = now.input < before.input || now.output < before.output || now.cacheRead < before.cacheRead ||
+                               now.cacheWrite < before.cacheWrite;
+        const Totals from = restarted ? Totals{} : before;
+        totals[model] = now;
+        const Totals grew{now.input - from.input, now.output - from.output, now.cacheRead - from.cacheRead,
+                          now.cacheWrite - from.cacheWrite};
+        if (grew == Totals{}) return;
+        QuotaUsageEntry entry;
+        entry.providerID = "copilot";
+        entry.sessionID = sessionID;
+        entry.dedupKey = sessionID + "/" + eventID + "/" + model;
+        entry.timestamp = at;
+        entry.model = model;
+        entry.tokens = {std::max<std::int64_t>(0, grew.input - grew.cacheRead - grew.cacheWrite), grew.output, grew.cacheRead,
+                        grew.cacheWrite, std::nullopt};
+        QuotaImportedMessage m;
+        m.sessionID = sessionID;
+        m.messageKey = entry.dedupKey;
+        m.timestamp = at;
+        m.role = QuotaSessionRole::assistant;
+        m.model = model;
+        m.tokenUsage = entry.tokens;
+        sink.usage(std::move(entry));
+        sink.message(std::move(m));
+    }
+};
+
+}  // namespace
+
+std::unique_ptr<CodingToolLogs> makeCopilotLogs() { return std::make_unique<CopilotLogs>(); }
+
+}  // namespace gaugepoint
