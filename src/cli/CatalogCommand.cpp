@@ -20,8 +20,7 @@ struct CatalogOptions {
 };
 
 // The catalogue of this invocation: cached copies from --app-group-dir (or the default).
-std::shared_ptr<const QuotaMetadataCatalogStore> loadCatalog(const GlobalOptions& globals) {
-    QuotaMetadataCatalog::useConfiguration(resolveConfiguration(globals));
+std::shared_ptr<const QuotaMetadataCatalogStore> loadCatalog(const GlobalOptions&) {
     return QuotaMetadataCatalogCoordinator::shared().snapshot();
 }
 

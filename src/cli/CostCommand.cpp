@@ -16,12 +16,9 @@ struct CostOptions {
     std::optional<std::int64_t> monthlyLimit;
 };
 
-void useCatalog(const GlobalOptions& globals) { QuotaMetadataCatalog::useConfiguration(resolveConfiguration(globals)); }
-
 std::string optionalUSD(const std::optional<double>& value) { return value ? usdText(*value) : "-"; }
 
 void priceUsage(const CostOptions& options, const GlobalOptions& globals) {
-    useCatalog(globals);
     // A name people type ("sonnet") stands for a model as `catalog resolve` says.
     std::string modelID = options.model;
     if (!options.displayName) {
@@ -86,7 +83,6 @@ void priceSession(const CostOptions& options, const GlobalOptions& globals) {
             throw Error("cannot decode " + inputName(options.file) + ": " + e.what());
         }
     };
-    useCatalog(globals);
     bool aggregate = false;
     try {
         aggregate = isAggregate(json::parse(text));

@@ -460,9 +460,6 @@ void run(ReportKind kind, const ReportOptions& options, const GlobalOptions& glo
     const Date now = resolveNow(globals);
     const LocalCalendar calendar = reportCalendar(options);
     const UsageReportFilter filter = reportFilter(options, kind, calendar, now);
-    // Estimated costs are priced with the catalogue in force now, a refreshed one included
-    // (the scan puts it in force itself).
-    if (options.noScan) QuotaMetadataCatalog::useConfiguration(resolveConfiguration(globals));
     if (!options.noScan) {
         QuotaScanOptions scanOptions;
         options.homes.applyTo(scanOptions);

@@ -159,9 +159,6 @@ void warnAboutMissingHomes(const LogHomesOptions& homes) {
 
 QuotaScanSummary scanAndPublish(QuotaScanOptions options, const GlobalOptions& globals, bool quiet) {
     const QuotaSyncConfiguration configuration = resolveConfiguration(globals);
-    // The snapshot's costs, and those of a report that scans first, come from this directory's
-    // catalogue (a refreshed one included).
-    QuotaMetadataCatalog::useConfiguration(configuration);
     systemCalendar();  // a TZ the time-zone database does not know is refused before anything is read
     // A pinned clock is for looking: a snapshot dated by it would put a false reading in the
     // stores (faces make this machine's snapshot for that moment themselves).

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Commands.hpp"
+#include "gaugepoint/pricing/QuotaMetadataCatalog.hpp"
 #include "TextTable.hpp"
 #include "UsageErrors.hpp"
 #include "gaugepoint/Version.hpp"
@@ -53,7 +54,11 @@ int main(int argc, char** argv) {
         ->group("Global options");
     root.add_flag("--no-color", globals.noColor, "No colour, even on a terminal (also: NO_COLOR=1)")->group("Global options");
     // Callbacks run inside parse(), after every option was read: the style is set first.
-    root.parse_complete_callback([&globals] { OutputStyle::configure(globals); });
+    // The catalogue that prices anything is that of the stores' directory (loaded when first used).
+    root.parse_complete_callback([&globals] {
+        OutputStyle::configure(globals);
+        gaugepoint::QuotaMetadataCatalog::useConfiguration(resolveConfiguration(globals));
+    });
 
     registerWidgetCommand(root, globals);
     registerLzfseCommand(root, globals);

@@ -1,5 +1,8 @@
 #include "gaugepoint/pricing/QuotaMetadataCatalog.hpp"
 
+#include <mutex>
+#include <optional>
+
 #include <algorithm>
 
 #include <cstdlib>
@@ -100,7 +103,22 @@ std::size_t ModelLookupCacheKeyHash::operator()(const ModelLookupCacheKeyView& k
     return a ^ (b + 0x9e3779b97f4a7c15ULL + (a << 6) + (a >> 2));
 }
 
+namespace {
+
+// Where the catalogue will look once it is first used: a command names its directory before
+// anything is priced, and a command that prices nothing loads nothing.
+std::mutex pendingLock;
+std::optional<QuotaSyncConfiguration> pendingConfiguration;
+bool coordinatorMade = false;
+
+}  // namespace
+
 QuotaMetadataCatalogCoordinator::QuotaMetadataCatalogCoordinator() {
+    {
+        std::lock_guard guard{pendingLock};
+        if (pendingConfiguration) configuration = *pendingConfiguration;
+        coordinatorMade = true;
+    }
     current = std::make_shared<const QuotaMetadataCatalogStore>(QuotaMetadataCatalog::loadStore(configuration));
 }
 
@@ -241,6 +259,13 @@ void reload() {
 }
 
 void useConfiguration(const QuotaSyncConfiguration& configuration) {
+    {
+        std::lock_guard guard{pendingLock};
+        if (!coordinatorMade) {
+            pendingConfiguration = configuration;
+            return;
+        }
+    }
     auto& coordinator = QuotaMetadataCatalogCoordinator::shared();
     {
         std::lock_guard guard{coordinator.lock};

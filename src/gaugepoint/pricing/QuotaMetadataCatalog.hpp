@@ -129,8 +129,8 @@ QuotaModelMetadataRef modelForTypedName(std::string_view name);
 // both caches, all under the coordinator's lock.
 void reload();
 
-// Looks for cached documents in the App Group directory of `configuration` from now on, and
-// reloads.
+// Looks for cached documents in the App Group directory of `configuration` from now on: reloads
+// when the catalogue was loaded already, else only says where its first use will look.
 void useConfiguration(const QuotaSyncConfiguration& configuration);
 
 // The two documents as loaded from their places for `configuration`, none where no place
