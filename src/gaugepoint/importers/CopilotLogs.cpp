@@ -65,20 +65,11 @@ std::string modelName(std::string_view key) {
 
 std::optional<Totals> readUsage(object usage) {
     Totals t;
-    for (auto field : usage) {
-        std::string_view key;
-        if (field.unescaped_key().get(key)) return std::nullopt;
-        std::int64_t* slot = key == "inputTokens"       ? &t.input
-                             : key == "outputTokens"    ? &t.output
-                             : key == "cacheReadTokens" ? &t.cacheRead
-                             : key == "cacheWriteTokens" ? &t.cacheWrite
-                                                         : nullptr;
-        if (!slot) continue;
-        value v = field.value();
-        if (jsonline::isNull(v)) continue;
-        const auto n = jsonline::integer(v);
-        if (!n || !isPlausibleTokenCount(*n)) return std::nullopt;
-        *slot = *n;
+    if (!jsonline::tokenCounts(usage, {{"inputTokens", {}, &t.input},
+                                       {"outputTokens", {}, &t.output},
+                                       {"cacheReadTokens", {}, &t.cacheRead},
+                                       {"cacheWriteTokens", {}, &t.cacheWrite}})) {
+        return std::nullopt;
     }
     return t;
 }

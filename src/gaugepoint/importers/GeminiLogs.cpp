@@ -29,21 +29,12 @@ struct Tokens {
 // The counts of a "tokens" object; none when one is not a plausible whole number.
 std::optional<Tokens> readTokens(object tokens) {
     Tokens t;
-    for (auto field : tokens) {
-        std::string_view key;
-        if (field.unescaped_key().get(key)) return std::nullopt;
-        std::int64_t* slot = key == "input"      ? &t.input
-                             : key == "output"   ? &t.output
-                             : key == "cached"   ? &t.cached
-                             : key == "thoughts" ? &t.thoughts
-                             : key == "tool"     ? &t.tool
-                                                 : nullptr;
-        if (!slot) continue;
-        value v = field.value();
-        if (jsonline::isNull(v)) continue;
-        const auto n = jsonline::integer(v);
-        if (!n || !isPlausibleTokenCount(*n)) return std::nullopt;
-        *slot = *n;
+    if (!jsonline::tokenCounts(tokens, {{"input", {}, &t.input},
+                                        {"output", {}, &t.output},
+                                        {"cached", {}, &t.cached},
+                                        {"thoughts", {}, &t.thoughts},
+                                        {"tool", {}, &t.tool}})) {
+        return std::nullopt;
     }
     if (t.cached > t.input) return std::nullopt;
     return t;

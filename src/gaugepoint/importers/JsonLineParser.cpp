@@ -1,7 +1,9 @@
 #include "gaugepoint/importers/JsonLineParser.hpp"
 
+#include <algorithm>
 #include <cmath>
 
+#include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/platform/Text.hpp"
 
 namespace gaugepoint {
@@ -57,6 +59,27 @@ std::optional<Date> date(simdjson::ondemand::value value) {
 bool isNull(simdjson::ondemand::value value) {
     bool null = false;
     return !value.is_null().get(null) && null;
+}
+
+bool tokenCounts(simdjson::ondemand::object usage, std::initializer_list<CountField> fields,
+                 const std::function<bool(std::string_view key, simdjson::ondemand::value value)>& other) {
+    for (auto field : usage) {
+        std::string_view key;
+        if (field.unescaped_key().get(key)) return false;
+        const auto named = std::find_if(fields.begin(), fields.end(), [&](const CountField& f) {
+            return key == f.key || (!f.otherKey.empty() && key == f.otherKey);
+        });
+        simdjson::ondemand::value value = field.value();
+        if (named == fields.end()) {
+            if (other && !other(key, value)) return false;
+            continue;
+        }
+        if (isNull(value)) continue;
+        const auto count = integer(value);
+        if (!count || !isPlausibleTokenCount(*count)) return false;
+        *named->into = *count;
+    }
+    return true;
 }
 
 ContentSummary content(simdjson::ondemand::value content, std::string_view lookFor, bool collectText) {

@@ -7,6 +7,8 @@
 #include <simdjson.h>
 
 #include <cstdint>
+#include <functional>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -41,6 +43,18 @@ std::optional<bool> boolean(simdjson::ondemand::value value);
 // An ISO 8601 text ("2026-10-20T13:00:00.000Z").
 std::optional<Date> date(simdjson::ondemand::value value);
 bool isNull(simdjson::ondemand::value value);
+
+// A token count of a usage object: its key, another spelling of it (or empty), and its slot.
+struct CountField {
+    std::string_view key;
+    std::string_view otherKey;
+    std::int64_t* into;
+};
+// Reads the `fields` of `usage` into their slots; a null count leaves its slot, and another key
+// goes to `other` (false from it fails the read) when given. False when a key cannot be read or a
+// count is not a plausible token count; the slots then hold what was read before.
+bool tokenCounts(simdjson::ondemand::object usage, std::initializer_list<CountField> fields,
+                 const std::function<bool(std::string_view key, simdjson::ondemand::value value)>& other = {});
 
 // A message's content: a string, or an array of parts with a "type" and maybe a "text".
 struct ContentSummary {

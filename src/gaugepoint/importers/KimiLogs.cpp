@@ -29,24 +29,10 @@ struct Usage {
 };
 
 void readUsage(object usage, Usage& u) {
-    for (auto field : usage) {
-        std::string_view key;
-        if (field.unescaped_key().get(key)) {
-            u.bad = true;
-            return;
-        }
-        std::int64_t* slot = key == "input_other" || key == "inputOther"                   ? &u.input
-                             : key == "output"                                            ? &u.output
-                             : key == "input_cache_read" || key == "inputCacheRead"         ? &u.cacheRead
-                             : key == "input_cache_creation" || key == "inputCacheCreation" ? &u.cacheWrite
-                                                                                            : nullptr;
-        if (!slot) continue;
-        value v = field.value();
-        if (jsonline::isNull(v)) continue;
-        const auto n = jsonline::integer(v);
-        if (!n || !isPlausibleTokenCount(*n)) u.bad = true;
-        *slot = n.value_or(0);
-    }
+    u.bad = !jsonline::tokenCounts(usage, {{"input_other", "inputOther", &u.input},
+                                           {"output", {}, &u.output},
+                                           {"input_cache_read", "inputCacheRead", &u.cacheRead},
+                                           {"input_cache_creation", "inputCacheCreation", &u.cacheWrite}});
 }
 
 // The session a wire file belongs to: its folder, or the one above agents/<name>/.

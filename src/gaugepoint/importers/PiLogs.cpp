@@ -25,36 +25,22 @@ struct Usage {
 };
 
 void readUsage(object usage, Usage& u) {
-    for (auto field : usage) {
-        std::string_view key;
-        if (field.unescaped_key().get(key)) {
-            u.bad = true;
-            return;
+    // The dollars pi recorded for the response: "cost": {"total": ...} beside the counts.
+    const auto cost = [&u](std::string_view key, value v) {
+        object parts;
+        if (key != "cost" || v.get_object().get(parts)) return true;
+        for (auto part : parts) {
+            std::string_view name;
+            if (part.unescaped_key().get(name)) return false;
+            if (name == "total") u.cost = jsonline::number(part.value());
         }
-        value v = field.value();
-        std::int64_t* slot = key == "input"        ? &u.input
-                             : key == "output"     ? &u.output
-                             : key == "cacheRead"  ? &u.cacheRead
-                             : key == "cacheWrite" ? &u.cacheWrite
-                                                   : nullptr;
-        if (slot) {
-            if (jsonline::isNull(v)) continue;
-            const auto n = jsonline::integer(v);
-            if (!n || !isPlausibleTokenCount(*n)) u.bad = true;
-            *slot = n.value_or(0);
-        } else if (key == "cost") {
-            object cost;
-            if (v.get_object().get(cost)) continue;
-            for (auto c : cost) {
-                std::string_view name;
-                if (c.unescaped_key().get(name)) {
-                    u.bad = true;
-                    return;
-                }
-                if (name == "total") u.cost = jsonline::number(c.value());
-            }
-        }
-    }
+        return true;
+    };
+    u.bad = !jsonline::tokenCounts(usage, {{"input", {}, &u.input},
+                                           {"output", {}, &u.output},
+                                           {"cacheRead", {}, &u.cacheRead},
+                                           {"cacheWrite", {}, &u.cacheWrite}},
+                                   cost);
 }
 
 class PiLogs final : public CodingToolLogs {

@@ -22,20 +22,11 @@ struct Usage {
 
 std::optional<Usage> readUsage(object usage) {
     Usage u;
-    for (auto field : usage) {
-        std::string_view key;
-        if (field.unescaped_key().get(key)) return std::nullopt;
-        std::int64_t* slot = key == "promptTokenCount"          ? &u.prompt
-                             : key == "candidatesTokenCount"    ? &u.candidates
-                             : key == "thoughtsTokenCount"      ? &u.thoughts
-                             : key == "cachedContentTokenCount" ? &u.cached
-                                                                : nullptr;
-        if (!slot) continue;
-        value v = field.value();
-        if (jsonline::isNull(v)) continue;
-        const auto n = jsonline::integer(v);
-        if (!n || !isPlausibleTokenCount(*n)) return std::nullopt;
-        *slot = *n;
+    if (!jsonline::tokenCounts(usage, {{"promptTokenCount", {}, &u.prompt},
+                                       {"candidatesTokenCount", {}, &u.candidates},
+                                       {"thoughtsTokenCount", {}, &u.thoughts},
+                                       {"cachedContentTokenCount", {}, &u.cached}})) {
+        return std::nullopt;
     }
     if (u.cached > u.prompt) return std::nullopt;
     return u;
