@@ -151,19 +151,14 @@ public:
                     LogRecordSink& sink) const override {
         const bool anyText = file.capture != QuotaSessionContentCaptureMode::metadataOnly;
         std::set<std::string> projectsSeen;
-        for (const auto& line : lines) {
-            const auto object = file.parser->object(line.text);
-            if (!object) {
-                sink.badLine(line.offset, "not a complete JSON object");
-                continue;
-            }
-            auto record = readRecord(*object, anyText);
+        jsonline::forEachObject(lines, file, sink, [&](simdjson::ondemand::object object, const LogLine& line) {
+            auto record = readRecord(object, anyText);
             if (!record) {
                 sink.badLine(line.offset, "malformed JSON");
-                continue;
+                return;
             }
             handle(*record, line, file, sink, projectsSeen);
-        }
+        });
     }
 
     bool parseDocument(std::string_view, const LogFileContext&, LogRecordSink&) const override { return true; }

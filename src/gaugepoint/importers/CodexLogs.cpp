@@ -276,17 +276,12 @@ public:
             }
         }
         PendingRecords pending;
-        for (const auto& line : lines) {
-            const auto object = file.parser->object(line.text);
-            if (!object) {
-                sink.badLine(line.offset, "not a complete JSON object");
-                continue;
-            }
+        jsonline::forEachObject(lines, file, sink, [&](simdjson::ondemand::object object, const LogLine& line) {
             const CodexFileState before = parsed;
-            LineReader{line, file, parsed, pending}.read(*object);
+            LineReader{line, file, parsed, pending}.read(object);
             if (pending.isBad()) parsed = before;  // a bad line leaves the running totals alone
             pending.flushTo(sink);
-        }
+        });
         state = json::encode(parsed);
     }
 

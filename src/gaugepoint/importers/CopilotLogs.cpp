@@ -111,22 +111,17 @@ public:
         const std::string sessionID = file.path.parent_path().filename().string();
         auto totals = decodeState(state);
         bool announced = false;
-        for (const auto& line : lines) {
-            const auto record = file.parser->object(line.text);
-            if (!record) {
-                sink.badLine(line.offset, "not a complete JSON object");
-                continue;
-            }
+        jsonline::forEachObject(lines, file, sink, [&](simdjson::ondemand::object record, const LogLine& line) {
             PendingRecords pending;
             auto seen = totals;
-            readEvent(*record, line.offset, sessionID, seen, pending);
+            readEvent(record, line.offset, sessionID, seen, pending);
             if (!pending.isBad()) totals = std::move(seen);
             if (!announced) {
                 announced = true;
                 pending.session(sessionID, workspaceDirectory(file.path));
             }
             pending.flushTo(sink);
-        }
+        });
         state = encodeState(totals);
     }
     bool parseDocument(std::string_view, const LogFileContext&, LogRecordSink&) const override { return true; }

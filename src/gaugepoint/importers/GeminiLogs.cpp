@@ -208,15 +208,10 @@ public:
     void parseLines(std::span<const LogLine> lines, const LogFileContext& file, std::string& state,
                     LogRecordSink& sink) const override {
         PendingRecords pending;
-        for (const auto& line : lines) {
-            const auto object = file.parser->object(line.text);
-            if (!object) {
-                sink.badLine(line.offset, "not a complete JSON object");
-                continue;
-            }
-            readLine(*object, line.offset, file, state, pending);
+        jsonline::forEachObject(lines, file, sink, [&](simdjson::ondemand::object object, const LogLine& line) {
+            readLine(object, line.offset, file, state, pending);
             pending.flushTo(sink);
-        }
+        });
     }
 
 private:

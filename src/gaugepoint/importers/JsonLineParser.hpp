@@ -10,9 +10,11 @@
 #include <functional>
 #include <initializer_list>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
+#include "gaugepoint/importers/CodingToolLogs.hpp"
 #include "gaugepoint/platform/Date.hpp"
 
 namespace gaugepoint {
@@ -34,6 +36,20 @@ private:
 };
 
 namespace jsonline {
+
+// Calls `read(object, line)` for each line of `lines` that is one whole JSON object, in order;
+// every other line is reported to `sink` as a bad line.
+template <class Read>
+void forEachObject(std::span<const LogLine> lines, const LogFileContext& file, LogRecordSink& sink, Read&& read) {
+    for (const auto& line : lines) {
+        auto object = file.parser->object(line.text);
+        if (!object) {
+            sink.badLine(line.offset, "not a complete JSON object");
+            continue;
+        }
+        read(*object, line);
+    }
+}
 
 // Values of a field, each none when absent, null, of another type or malformed.
 std::optional<std::string_view> text(simdjson::ondemand::value value);

@@ -100,15 +100,10 @@ public:
         const std::string model = configuredModel(file.path);
         sink.session(sessionID, "");
         PendingRecords pending;
-        for (const auto& line : lines) {
-            const auto record = file.parser->object(line.text);
-            if (!record) {
-                sink.badLine(line.offset, "not a complete JSON object");
-                continue;
-            }
-            readLine(*record, line.offset, sessionID, model, pending);
+        jsonline::forEachObject(lines, file, sink, [&](simdjson::ondemand::object record, const LogLine& line) {
+            readLine(record, line.offset, sessionID, model, pending);
             pending.flushTo(sink);
-        }
+        });
     }
     bool parseDocument(std::string_view, const LogFileContext&, LogRecordSink&) const override { return true; }
 

@@ -69,15 +69,10 @@ public:
             state = underscore == std::string::npos ? stem : stem.substr(underscore + 1);
         }
         PendingRecords pending;
-        for (const auto& line : lines) {
-            const auto record = file.parser->object(line.text);
-            if (!record) {
-                sink.badLine(line.offset, "not a complete JSON object");
-                continue;
-            }
-            readEntry(*record, line.offset, state, pending);
+        jsonline::forEachObject(lines, file, sink, [&](simdjson::ondemand::object record, const LogLine& line) {
+            readEntry(record, line.offset, state, pending);
             pending.flushTo(sink);
-        }
+        });
     }
     bool parseDocument(std::string_view, const LogFileContext&, LogRecordSink&) const override { return true; }
 

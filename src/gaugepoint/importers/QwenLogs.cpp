@@ -53,15 +53,10 @@ public:
     void parseLines(std::span<const LogLine> lines, const LogFileContext& file, std::string& announced,
                     LogRecordSink& sink) const override {
         PendingRecords pending;
-        for (const auto& line : lines) {
-            const auto record = file.parser->object(line.text);
-            if (!record) {
-                sink.badLine(line.offset, "not a complete JSON object");
-                continue;
-            }
-            readRecord(*record, line.offset, file, announced, pending);
+        jsonline::forEachObject(lines, file, sink, [&](simdjson::ondemand::object record, const LogLine& line) {
+            readRecord(record, line.offset, file, announced, pending);
             pending.flushTo(sink);
-        }
+        });
     }
     bool parseDocument(std::string_view, const LogFileContext&, LogRecordSink&) const override { return true; }
 
