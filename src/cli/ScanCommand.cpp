@@ -1,4 +1,4 @@
-// gaugepoint scan: import the local logs of Claude Code, Codex CLI and Gemini CLI.
+// gaugepoint scan: import the local logs of the coding tools.
 
 #include <charconv>
 #include <cstdio>
@@ -180,7 +180,7 @@ QuotaScanSummary scanAndPublish(QuotaScanOptions options, const GlobalOptions& g
 
 void registerScanCommand(CLI::App& root, GlobalOptions& globals) {
     auto options = std::make_shared<ScanCommandOptions>();
-    CLI::App* command = addGroup(root, "scan", "Import the local logs of Claude Code, Codex CLI and Gemini CLI");
+    CLI::App* command = addGroup(root, "scan", "Import the local logs of the coding tools (Claude Code, Codex, Gemini, OpenCode, Copilot, Qwen, Amp, Goose, Kimi, pi)");
     options->homes.addOptions(*command);
     command->add_option("--capture", options->capture,
                         "How much message text to keep: metadataOnly (default: none), promptsOnly, promptsAndAnswers, "
