@@ -8,7 +8,10 @@ GP := build/release/gaugepoint
 DEMO_HOME := build/demo
 DEMO_GP := XDG_CONFIG_HOME=$(DEMO_HOME)/config XDG_DATA_HOME=$(DEMO_HOME)/data $(GP) --app-group-dir $(DEMO_HOME)/group
 LOGS_NOW := 2026-11-06T21:00:00Z
-LOGS := --claude-dir examples/logs/claude --codex-dir examples/logs/codex --gemini-dir examples/logs/gemini
+LOGS := --claude-dir examples/logs/claude --codex-dir examples/logs/codex --gemini-dir examples/logs/gemini \
+	--opencode-dir examples/logs/opencode --copilot-dir examples/logs/copilot --qwen-dir examples/logs/qwen \
+	--amp-dir examples/logs/amp --goose-dir examples/logs/goose --kimi-dir examples/logs/kimi \
+	--kimi-dir examples/logs/kimi-code --pi-dir examples/logs/pi
 
 .PHONY: demo test build asan tsan fuzz bench bootstrap clean install
 
