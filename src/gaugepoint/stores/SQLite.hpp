@@ -17,10 +17,19 @@ struct sqlite3_stmt;
 
 namespace gaugepoint::sqlite {
 
-// A failed SQLite step: what() is the step's label, ": ", then SQLite's message.
+// A failed SQLite step: what() is the step's label, ": ", then SQLite's message. code() is
+// SQLite's primary result code (SQLITE_FULL, SQLITE_NOTADB, ...), 0 when none applies (a row
+// that cannot be bound), or Failure::foreignFile for a database that holds none of the store's
+// tables but tables of another program.
 class Failure : public Error {
 public:
-    using Error::Error;
+    static constexpr int foreignFile = -1;
+
+    explicit Failure(const std::string& message, int code = 0) : Error(message), code_(code) {}
+    int code() const { return code_; }
+
+private:
+    int code_;
 };
 
 // A borrowed open connection (the holder owns it).
