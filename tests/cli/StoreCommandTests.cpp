@@ -58,6 +58,28 @@ TEST(HistoryCommand, RejectsBadInputWithOneLine) {
         << hostile.err;
 }
 
+TEST(SnapshotTexts, ControlCharactersFromTheDataNeverReachTheTerminal) {
+    ScratchDirectory dir;
+    const std::string hostile =
+        R"({"version":1,"generatedAt":"2026-11-21T09:00:00Z","source":{"sourceID":"mac\u001b[2J",)"
+        R"("sourceName":"St\u202Eudio\u0000","hostName":"h","platformLabel":"mac\u009bOS"},"providers":[{"id":"claude",)"
+        R"("displayName":"Cl\u001b[31maude","quotaStrategy":"multiWindow","windows":[{"id":"primary",)"
+        R"("label":"Se\u001bssion","usedPercent":42,"windowMinutes":300,"importance":0,"semantic":"rollingSession"}]}]})";
+    ASSERT_EQ(run(dir, {"sources", "upsert", "--snapshot", "-"}, hostile).exitCode, 0);
+    ASSERT_EQ(run(dir, {"history", "append", "--snapshot", "-"}, hostile).exitCode, 0);
+    const std::vector<std::vector<std::string>> commands{
+        {"sources", "list"}, {"sources", "show", "mac\x1b[2J"}, {"history", "list"}, {"history", "latest"}};
+    for (const auto& command : commands) {
+        const auto result = run(dir, command);
+        SCOPED_TRACE(command[0] + " " + command[1 % command.size()]);
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_NE(result.out.find("Cl [31maude"), std::string::npos) << result.out;
+        for (const std::string& bad : {std::string("\x1b"), std::string(1, '\0'), std::string("\u202E"), std::string("\u009b")}) {
+            EXPECT_EQ(result.out.find(bad), std::string::npos) << result.out;
+        }
+    }
+}
+
 TEST(SourcesCommand, UpsertsShowsRemovesAndFeedsTheWidget) {
     ScratchDirectory dir;
     EXPECT_EQ(run(dir, {"sources", "upsert", "--snapshot", "-"}, kSnapshot).out, "stored mac-studio (Studio) received by kvs\n");
