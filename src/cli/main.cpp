@@ -11,6 +11,7 @@
 #include "TextTable.hpp"
 #include "UsageErrors.hpp"
 #include "gaugepoint/Version.hpp"
+#include "gaugepoint/platform/Files.hpp"
 #include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/stores/SQLiteConnectionHolder.hpp"
 
@@ -95,7 +96,17 @@ std::string failureMessage(const std::exception& failure, const gaugepoint::cli:
 
 }  // namespace
 
+// Says which unreadable side files were set aside (on stderr, after the command's output).
+struct SetAsideNotices {
+    ~SetAsideNotices() {
+        for (const auto& notice : gaugepoint::takeSetAsideNotices()) {
+            std::cerr << "gaugepoint: " << gaugepoint::singleLine(notice) << "\n";
+        }
+    }
+};
+
 int main(int argc, char** argv) {
+    const SetAsideNotices notices;
     using namespace gaugepoint::cli;
     CLI::App root{"gaugepoint: quota texts and local stores of the AI coding-assistant quota monitor",
                   "gaugepoint"};
