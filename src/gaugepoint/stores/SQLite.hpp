@@ -72,6 +72,10 @@ class Statement {
 public:
     // Prepares `sql` (NUL-terminated, length -1). Throws Failure(prepareLabel).
     Statement(Connection& connection, const char* sql, std::string_view prepareLabel, std::string executeLabel);
+    // The same with the labels made from one operation name: "prepare <operation>" and
+    // "execute <operation>", the form every store's failures take.
+    Statement(Connection& connection, const char* sql, std::string_view operation)
+        : Statement(connection, sql, "prepare " + std::string(operation), "execute " + std::string(operation)) {}
     ~Statement();
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
