@@ -80,6 +80,21 @@ TEST(SnapshotTexts, ControlCharactersFromTheDataNeverReachTheTerminal) {
     }
 }
 
+TEST(SnapshotTexts, NumbersNoProviderReportsAreRefusedWithOneLine) {
+    ScratchDirectory dir;
+    std::string negative = kSnapshot;
+    negative.replace(negative.find("\"usedPercent\":42"), 16, "\"usedPercent\":-50");
+    EXPECT_EQ(run(dir, {"history", "append", "--snapshot", "-"}, negative).err,
+              "gaugepoint: standard input: providers[0].windows[0].usedPercent -50 is below 0; a window's use is 0 or "
+              "more percent\n");
+    std::string rich = kSnapshot;
+    rich.replace(rich.find("\"quotaStrategy\""), 0, "\"creditsRemaining\":1e308,");
+    const auto result = run(dir, {"sources", "upsert", "--snapshot", "-"}, rich);
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_NE(result.err.find("creditsRemaining 1e+308 is not a balance"), std::string::npos) << result.err;
+    EXPECT_EQ(run(dir, {"history", "list", "--json"}).out.find("providers"), std::string::npos);
+}
+
 TEST(SourcesCommand, UpsertsShowsRemovesAndFeedsTheWidget) {
     ScratchDirectory dir;
     EXPECT_EQ(run(dir, {"sources", "upsert", "--snapshot", "-"}, kSnapshot).out, "stored mac-studio (Studio) received by kvs\n");
