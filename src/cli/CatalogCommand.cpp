@@ -2,6 +2,7 @@
 
 #include "Commands.hpp"
 #include "TextTable.hpp"
+#include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/platform/UrlFetch.hpp"
 #include "gaugepoint/pricing/QuotaMetadataCatalog.hpp"
 #include "gaugepoint/pricing/QuotaMetadataRefreshService.hpp"
@@ -112,7 +113,7 @@ std::string changeText(std::string_view noun, const QuotaMetadataCatalogChange& 
     text += " (" + std::to_string(change.added.size()) + " added, " + std::to_string(change.removed.size()) +
             " removed, " + std::to_string(change.changed.size()) + " changed)";
     const auto list = [&](std::string_view label, const std::vector<std::string>& ids) {
-        if (!ids.empty()) text += "\n  " + std::string(label) + ": " + joined(ids);
+        if (!ids.empty()) text += "\n  " + std::string(label) + ": " + singleLine(joined(ids));
     };
     list("added", change.added);
     list("removed", change.removed);

@@ -31,7 +31,14 @@ void addStreamOptions(CLI::App& command, StreamOptions& options) {
 
 Date resolveNow(const GlobalOptions& globals) {
     if (globals.now.empty()) return Date{std::chrono::system_clock::now()};
-    if (auto date = parseISO8601(globals.now)) return *date;
+    if (auto date = parseISO8601(globals.now)) {
+        // Usage, resets and blocks are measured from this moment: one decades away from any
+        // stored data gives durations of hundreds of thousands of hours, not an answer.
+        if (secondsSince1970(*date) < 946684800.0 || secondsSince1970(*date) >= 4102444800.0) {
+            throw UsageError("--now: expected a moment between 2000 and 2099, got \"" + globals.now + "\"");
+        }
+        return *date;
+    }
     throw UsageError("--now: expected an ISO 8601 date such as 2026-11-21T13:19:00Z, got \"" + globals.now + "\"");
 }
 

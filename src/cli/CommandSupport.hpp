@@ -56,7 +56,8 @@ void addStreamOptions(CLI::App& command, StreamOptions& options);
 // Adds a command group or verb that inherits the global options and prints help when incomplete.
 CLI::App* addGroup(CLI::App& parent, const std::string& name, const std::string& description);
 
-// The reference time: --now when given (UsageError when malformed), else the system clock.
+// The reference time: --now when given (UsageError when malformed or outside 2000-2099), else
+// the system clock.
 Date resolveNow(const GlobalOptions& globals);
 
 // The Gregorian calendar of the system's time zone. Throws UsageError when TZ names a zone the

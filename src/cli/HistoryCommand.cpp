@@ -2,6 +2,7 @@
 
 #include "Commands.hpp"
 #include "SnapshotOutput.hpp"
+#include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/stores/QuotaHistoryStore.hpp"
 
 namespace gaugepoint::cli {
@@ -18,7 +19,7 @@ QuotaHistoryStore openStore(const GlobalOptions& globals) { return QuotaHistoryS
 
 std::string sourceLabel(const QuotaSnapshot& snapshot) {
     if (!snapshot.source) return "unknown";
-    return snapshot.source->sourceID + " (" + snapshot.source->sourceName + ")";
+    return singleLine(snapshot.source->sourceID + " (" + snapshot.source->sourceName + ")");
 }
 
 void printTimeline(const QuotaHistoryTimeline& timeline, const GlobalOptions& globals) {

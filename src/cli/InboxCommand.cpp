@@ -1,5 +1,7 @@
 // gaugepoint inbox: the notification inbox in quota-notify-inbox.sqlite.
 
+#include <map>
+
 #include "Commands.hpp"
 #include "gaugepoint/notify/QuotaNotifyInboxStore.hpp"
 #include "gaugepoint/platform/Text.hpp"
@@ -42,16 +44,38 @@ void printCount(std::string_view key, std::int64_t count, const std::string& tex
 // The one place `inbox add` reads its document; it moves to the bounded reader with the rest.
 std::string readEntryDocument(const std::string& path) { return readInput(path, InputLimit::document("an inbox document")); }
 
+// Every entry names itself by a non-empty envelope id, and no id twice: the store keeps one row
+// per id, so a second entry would silently replace the first while "stored 2" was printed.
+void checkEnvelopeIDs(const std::vector<QuotaNotifyArchiveEntry>& entries, const std::string& path) {
+    std::map<std::string_view, std::size_t> seen;
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        const std::string& id = entries[i].envelopeID;
+        if (trimmed(id).empty()) {
+            throw Error(inputName(path) + ": [" + std::to_string(i) + "].envelopeID is empty; every entry needs an id");
+        }
+        if (const auto [at, fresh] = seen.emplace(id, i); !fresh) {
+            throw Error(inputName(path) + ": envelopeID \"" + singleLine(id) + "\" is given twice ([" +
+                        std::to_string(at->second) + "] and [" + std::to_string(i) + "]); nothing was stored");
+        }
+    }
+}
+
 // One entry (an object) or a list of entries (an array).
 std::vector<QuotaNotifyArchiveEntry> decodeEntries(const std::string& path) {
     const std::string text = readEntryDocument(path);
+    std::vector<QuotaNotifyArchiveEntry> entries;
     try {
         const auto document = json::parse(text);
-        if (document.is_array()) return json::fromValue<std::vector<QuotaNotifyArchiveEntry>>(document);
-        return {json::fromValue<QuotaNotifyArchiveEntry>(document)};
+        if (document.is_array()) {
+            entries = json::fromValue<std::vector<QuotaNotifyArchiveEntry>>(document);
+        } else {
+            entries = {json::fromValue<QuotaNotifyArchiveEntry>(document)};
+        }
     } catch (const json::DecodingError& e) {
         throw Error("cannot decode " + inputName(path) + ": " + e.what());
     }
+    checkEnvelopeIDs(entries, path);
+    return entries;
 }
 
 void list(const InboxOptions& options, const GlobalOptions& globals) {

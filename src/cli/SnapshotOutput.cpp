@@ -1,5 +1,7 @@
 #include "SnapshotOutput.hpp"
 
+#include <cmath>
+
 #include "gaugepoint/model/QuotaFormatting.hpp"
 #include "gaugepoint/platform/Files.hpp"
 #include "gaugepoint/platform/Text.hpp"
@@ -9,8 +11,38 @@
 
 namespace gaugepoint::cli {
 
+namespace {
+
+// The largest credit balance taken in: beyond it the number is a fault of the writer, and its
+// text would run to hundreds of digits.
+constexpr double kMaxCredits = 1e12;
+
+// A snapshot whose numbers no provider can report is refused at the door, so that no view
+// shows "150% left" or a balance of 309 digits. Throws Error naming the value's key path.
+void checkSnapshotNumbers(const QuotaSnapshot& snapshot, const std::string& path) {
+    for (std::size_t p = 0; p < snapshot.providers.size(); ++p) {
+        const auto& provider = snapshot.providers[p];
+        const std::string where = inputName(path) + ": providers[" + std::to_string(p) + "]";
+        if (provider.creditsRemaining && !(std::abs(*provider.creditsRemaining) <= kMaxCredits)) {
+            throw Error(where + ".creditsRemaining " + numberText(*provider.creditsRemaining) +
+                        " is not a balance (at most 1e12 either way)");
+        }
+        for (std::size_t w = 0; w < provider.windows.size(); ++w) {
+            const double used = provider.windows[w].usedPercent;
+            if (!(used >= 0)) {
+                throw Error(where + ".windows[" + std::to_string(w) + "].usedPercent " + numberText(used) +
+                            " is below 0; a window's use is 0 or more percent");
+            }
+        }
+    }
+}
+
+}  // namespace
+
 QuotaSnapshot readSnapshotDocument(const std::string& path) {
-    return readDocument<QuotaSnapshot>(path, InputLimit::document("a snapshot document"));
+    auto snapshot = readDocument<QuotaSnapshot>(path, InputLimit::document("a snapshot document"));
+    checkSnapshotNumbers(snapshot, path);
+    return snapshot;
 }
 
 QuotaSnapshot readSiblingSnapshot(const std::string& path) {

@@ -2,6 +2,7 @@
 
 #include "Commands.hpp"
 #include "SnapshotOutput.hpp"
+#include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/stores/QuotaSourceSnapshotStore.hpp"
 
 namespace gaugepoint::cli {
@@ -25,7 +26,7 @@ void upsert(const SourcesOptions& options, const GlobalOptions& globals) {
     const auto channel = options.channel == "pairing" ? QuotaSourceSyncChannel::pairing : QuotaSourceSyncChannel::kvs;
     const auto record = openStore(globals).upsert(snapshot, options.pairingToken, channel);
     if (globals.json) return printJson(record);
-    writeOutput("-", "stored " + record.id + " (" + record.sourceName + ") received by " +
+    writeOutput("-", "stored " + singleLine(record.id) + " (" + singleLine(record.sourceName) + ") received by " +
                          std::string(json::rawValue(record.channel)) + "\n");
 }
 
@@ -50,7 +51,7 @@ void show(const SourcesOptions& options, const GlobalOptions& globals) {
     std::string header = record->id + " · " + record->sourceName;
     if (record->platformLabel) header += " · " + *record->platformLabel;
     header += " · received " + timeText(record->receivedAt) + " by " + std::string(json::rawValue(record->channel));
-    writeOutput("-", header + "\n");
+    writeOutput("-", singleLine(header) + "\n");
     printWidget(record->snapshot, "text", globals);
 }
 

@@ -10,10 +10,8 @@
 
 namespace gaugepoint::cli {
 
-// The user default that names the server (a libpq connection string without a password).
-inline constexpr std::string_view kSyncURLKey = "quota.sync.url";
-
-// --url when given, else GAUGEPOINT_SYNC_URL, else the user default; none: sync is off.
+// --url when given, else the configuration's sync server (QuotaSyncConfiguration::syncServer);
+// none: sync is off.
 std::optional<std::string> resolveSyncURL(const std::string& urlOption, const GlobalOptions& globals);
 
 // The sync of this machine's stores with the server at `url`, retrying a failure that may pass

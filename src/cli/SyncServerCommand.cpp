@@ -1,6 +1,5 @@
 // gaugepoint sync setup|connect|push|pull|status: same-account sync through a PostgreSQL server.
 
-#include <cstdlib>
 #include <iostream>
 
 #include <boost/json.hpp>
@@ -14,10 +13,7 @@ namespace gaugepoint::cli {
 
 std::optional<std::string> resolveSyncURL(const std::string& urlOption, const GlobalOptions& globals) {
     if (!urlOption.empty()) return urlOption;
-    if (const char* env = std::getenv("GAUGEPOINT_SYNC_URL"); env && *env) return std::string(env);
-    const auto stored = resolveConfiguration(globals).userDefaults->value(kSyncURLKey);
-    if (stored && stored->is_string() && !stored->as_string().empty()) return std::string(stored->as_string());
-    return std::nullopt;
+    return resolveConfiguration(globals).syncServer();
 }
 
 SameAccountSync syncWith(const std::string& url, const GlobalOptions& globals, std::optional<std::int64_t> retries) {
@@ -59,9 +55,9 @@ void setup(const ServerOptions& options, const GlobalOptions& globals) {
 
 // Checks the server by connecting, then keeps its connection string (never one with a password).
 void connect(const ServerOptions& options, const GlobalOptions& globals) {
-    auto defaults = resolveConfiguration(globals).userDefaults;
+    const auto configuration = resolveConfiguration(globals);
     if (options.clear) {
-        defaults->removeValue(kSyncURLKey);
+        configuration.setSyncServer(std::nullopt);
         return writeOutput("-", "sync is off\n");
     }
     if (options.url.empty()) throw UsageError("sync connect needs --url or --clear");
@@ -69,7 +65,7 @@ void connect(const ServerOptions& options, const GlobalOptions& globals) {
         throw UsageError("--url: a password would be stored in plain text; keep it in ~/.pgpass or a service file");
     }
     const auto connection = PostgresConnection::open(options.url);
-    defaults->setValue(kSyncURLKey, boost::json::value(options.url));
+    configuration.setSyncServer(options.url);
     writeOutput("-", "sync server: " + connection.description() + "\n");
 }
 

@@ -106,7 +106,7 @@ std::string renderTable(const std::vector<std::vector<std::string>>& rows, const
     for (const auto& row : rows) columns = std::max(columns, row.size());
     std::vector<std::size_t> widths(columns, 0);
     for (const auto& row : rows) {
-        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], displayWidth(row[i]));
+        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], displayWidth(singleLine(row[i])));
     }
     const auto shown = shownColumns(columns, format, style.compact && !style.wide);
     if (style.width && !style.wide) shrinkToFit(widths, shown, format, *style.width);
@@ -116,7 +116,7 @@ std::string renderTable(const std::vector<std::vector<std::string>>& rows, const
         std::string line;
         for (std::size_t n = 0; n < shown.size(); ++n) {
             const std::size_t i = shown[n];
-            std::string cell = i < row.size() ? row[i] : "";
+            std::string cell = i < row.size() ? singleLine(row[i]) : "";
             if (displayWidth(cell) > widths[i]) cell = truncatedToWidth(cell, widths[i]);
             const std::size_t fill = widths[i] - displayWidth(cell);
             const bool right = flag(format.rightAligned, i);

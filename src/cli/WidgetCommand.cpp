@@ -8,6 +8,7 @@
 #include "Commands.hpp"
 #include "SnapshotOutput.hpp"
 #include "gaugepoint/stores/QuotaSourceSnapshotStore.hpp"
+#include "gaugepoint/stores/SQLiteConnectionHolder.hpp"
 #include "gaugepoint/widgets/QuotaWidgetSnapshots.hpp"
 #include "gaugepoint/widgets/TallybarSnapshotImporter.hpp"
 
@@ -76,7 +77,8 @@ void run(const WidgetOptions& options, const GlobalOptions& globals) {
                    : options.snapshotPath.empty() ? defaultSnapshot(globals)
                                                   : readSiblingSnapshot(options.snapshotPath);
     } catch (const NoSnapshot& e) {
-        if (options.strict) throw;
+        // A store that could not be read is not "no snapshot yet": the command names it instead.
+        if (options.strict || SQLiteConnectionHolder::lastFailure()) throw;
         return printPlaceholder(format, globals, e.what());
     }
     keepProviders(snapshot, options.providers);

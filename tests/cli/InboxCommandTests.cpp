@@ -56,8 +56,19 @@ TEST(InboxCommand, BadInputFailsWithOneLineAndWritesNothing) {
     EXPECT_EQ(run(dir, {"inbox", "count", "--json"}).out, "{\"count\":0}\n");
     EXPECT_EQ(run(dir, {"inbox", "delete", "e1", "--category", "quota"}).exitCode, 2);
     EXPECT_EQ(run(dir, {"inbox", "list", "--before", "yesterday"}).exitCode, 2);
+    std::string twice = entriesDocument(2);
+    twice.replace(twice.find("\"e1\""), 4, "\"e0\"");
+    const auto duplicate = run(dir, {"inbox", "add", "-"}, twice);
+    EXPECT_EQ(duplicate.err, "gaugepoint: standard input: envelopeID \"e0\" is given twice ([0] and [1]); nothing was stored\n");
+    std::string unnamed = entriesDocument(1);
+    unnamed.replace(unnamed.find("\"e0\""), 4, "\" \"");
+    EXPECT_EQ(run(dir, {"inbox", "add", "-"}, unnamed).err,
+              "gaugepoint: standard input: [0].envelopeID is empty; every entry needs an id\n");
+    EXPECT_EQ(run(dir, {"inbox", "count", "--json"}).out, "{\"count\":0}\n");
     testing::writeFile(dir / "group" / "quota-notify-inbox.sqlite", std::string(4096, 'x'));
-    EXPECT_EQ(run(dir, {"inbox", "list"}).err, "gaugepoint: set journal mode: file is not a database\n");
+    EXPECT_TRUE(run(dir, {"inbox", "list"})
+                    .err.starts_with("gaugepoint: " + (dir / "group" / "quota-notify-inbox.sqlite").string() +
+                                     ": set journal mode: file is not a database; "));
 }
 
 }  // namespace

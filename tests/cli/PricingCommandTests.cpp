@@ -56,6 +56,18 @@ TEST_F(PricingCommands, RefreshFromFilesReportsChangesAndStatus) {
     EXPECT_NE(refreshed.out.find("2 models (0 added, "), std::string::npos) << refreshed.out;
     EXPECT_EQ(json::parse(run({"catalog", "models", "--json"}).out).at("models").as_array().size(), 2u);
 
+    // One impossible price refuses the whole catalogue; the one in force stays.
+    for (const double price : {-3.0, 1e300}) {
+        auto impossible = models;
+        impossible.as_object()["models"].as_array()[0].as_object()["outputCostPerMillionUSD"] = price;
+        impossible.as_object()["models"].as_array().resize(1);
+        testing::writeFile(directory / "m.json", boost::json::serialize(impossible));
+        const auto refused = run({"catalog", "refresh", "--provider-url", "file://" + (directory / "p.json").string(),
+                                  "--model-url", "file://" + (directory / "m.json").string()});
+        EXPECT_EQ(refused.err, "gaugepoint: Model metadata catalog is invalid.\n");
+        EXPECT_EQ(json::parse(run({"catalog", "models", "--json"}).out).at("models").as_array().size(), 2u);
+    }
+
     const auto failed = run({"catalog", "refresh", "--provider-url", "file:///proc/gaugepoint-nonexistent", "--model-url", "x"});
     EXPECT_EQ(failed.exitCode, 1);
     EXPECT_EQ(failed.err, "gaugepoint: Failed to fetch metadata from file:///proc/gaugepoint-nonexistent.\n");

@@ -52,7 +52,47 @@ TEST(HistoryCommand, RejectsBadInputWithOneLine) {
     std::filesystem::rename(dir / "junk.sqlite", dir / "group" / "quota-history.sqlite");
     const auto hostile = run(dir, {"history", "append", "--snapshot", "-"}, kSnapshot);
     EXPECT_EQ(hostile.exitCode, 1);
-    EXPECT_EQ(hostile.err, "gaugepoint: set journal mode: file is not a database\n");
+    // The store's own description, after the file it is about.
+    EXPECT_TRUE(hostile.err.starts_with("gaugepoint: " + (dir / "group" / "quota-history.sqlite").string() +
+                                        ": set journal mode: file is not a database; "))
+        << hostile.err;
+}
+
+TEST(SnapshotTexts, ControlCharactersFromTheDataNeverReachTheTerminal) {
+    ScratchDirectory dir;
+    const std::string hostile =
+        R"({"version":1,"generatedAt":"2026-11-21T09:00:00Z","source":{"sourceID":"mac\u001b[2J",)"
+        R"("sourceName":"St\u202Eudio\u0000","hostName":"h","platformLabel":"mac\u009bOS"},"providers":[{"id":"claude",)"
+        R"("displayName":"Cl\u001b[31maude","quotaStrategy":"multiWindow","windows":[{"id":"primary",)"
+        R"("label":"Se\u001bssion","usedPercent":42,"windowMinutes":300,"importance":0,"semantic":"rollingSession"}]}]})";
+    ASSERT_EQ(run(dir, {"sources", "upsert", "--snapshot", "-"}, hostile).exitCode, 0);
+    ASSERT_EQ(run(dir, {"history", "append", "--snapshot", "-"}, hostile).exitCode, 0);
+    const std::vector<std::vector<std::string>> commands{
+        {"sources", "list"}, {"sources", "show", "mac\x1b[2J"}, {"history", "list"}, {"history", "latest"}};
+    for (const auto& command : commands) {
+        const auto result = run(dir, command);
+        SCOPED_TRACE(command[0] + " " + command[1 % command.size()]);
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_NE(result.out.find("Cl [31maude"), std::string::npos) << result.out;
+        for (const std::string& bad : {std::string("\x1b"), std::string(1, '\0'), std::string("\u202E"), std::string("\u009b")}) {
+            EXPECT_EQ(result.out.find(bad), std::string::npos) << result.out;
+        }
+    }
+}
+
+TEST(SnapshotTexts, NumbersNoProviderReportsAreRefusedWithOneLine) {
+    ScratchDirectory dir;
+    std::string negative = kSnapshot;
+    negative.replace(negative.find("\"usedPercent\":42"), 16, "\"usedPercent\":-50");
+    EXPECT_EQ(run(dir, {"history", "append", "--snapshot", "-"}, negative).err,
+              "gaugepoint: standard input: providers[0].windows[0].usedPercent -50 is below 0; a window's use is 0 or "
+              "more percent\n");
+    std::string rich = kSnapshot;
+    rich.replace(rich.find("\"quotaStrategy\""), 0, "\"creditsRemaining\":1e308,");
+    const auto result = run(dir, {"sources", "upsert", "--snapshot", "-"}, rich);
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_NE(result.err.find("creditsRemaining 1e+308 is not a balance"), std::string::npos) << result.err;
+    EXPECT_EQ(run(dir, {"history", "list", "--json"}).out.find("providers"), std::string::npos);
 }
 
 TEST(SourcesCommand, UpsertsShowsRemovesAndFeedsTheWidget) {

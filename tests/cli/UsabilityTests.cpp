@@ -97,6 +97,8 @@ TEST_F(Usability, UsageErrorsAreOneLineInOurWordsWithAnExample) {
          "--since takes a day: YYYY-MM-DD, YYYYMMDD, today or yesterday (got \"2026-13-01\"), e.g. --since 2026-11-01"},
         {{"report", "daily", "--timezone", ""},
          "--timezone takes a time zone such as UTC or Europe/Berlin (got \"\"), e.g. --timezone UTC"},
+        {{"report", "blocks", "--no-scan", "--now", "1970-01-01T00:00:00Z"},
+         "--now: expected a moment between 2000 and 2099, got \"1970-01-01T00:00:00Z\""},
     };
     for (const auto& [args, message] : cases) {
         const auto result = gaugepoint(args);

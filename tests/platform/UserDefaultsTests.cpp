@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "TestSupport.hpp"
+#include "gaugepoint/platform/Files.hpp"
 #include "gaugepoint/platform/QuotaSyncConfiguration.hpp"
 #include "gaugepoint/platform/UbiquitousKeyValueStore.hpp"
 #include "gaugepoint/platform/UserDefaults.hpp"
@@ -33,12 +34,34 @@ TEST(FileUserDefaults, TwoProcessesWritingDifferentKeysKeepBoth) {
     }
 }
 
-TEST(FileUserDefaults, ADamagedFileReadsAsEmptyAndIsReplacedOnWrite) {
+// What could not be read is never lost: the first write moves it aside and says so.
+std::vector<std::filesystem::path> setAsideCopies(const ScratchDirectory& dir) {
+    std::vector<std::filesystem::path> copies;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+        if (entry.path().filename().string().find(".corrupt-") != std::string::npos) copies.push_back(entry.path());
+    }
+    return copies;
+}
+
+TEST(FileUserDefaults, ADamagedFileReadsAsEmptyAndIsSetAsideOnWrite) {
     ScratchDirectory dir;
+    takeSetAsideNotices();
     testing::writeFile(dir / "defaults.json", "{\"quota.marker\": tru");
     FileUserDefaults defaults{dir / "defaults.json"};
     EXPECT_FALSE(defaults.boolValue("quota.marker"));
+    EXPECT_TRUE(setAsideCopies(dir).empty());  // reading changes nothing
     defaults.setBool("quota.marker", true);
+    const auto copies = setAsideCopies(dir);
+    ASSERT_EQ(copies.size(), 1u);
+    EXPECT_EQ(testing::readFile(copies[0]), "{\"quota.marker\": tru");
+    const auto notices = takeSetAsideNotices();
+    ASSERT_EQ(notices.size(), 1u);
+    EXPECT_NE(notices[0].find(copies[0].string()), std::string::npos) << notices[0];
+    // Another program's JSON (not an object) is not ours to overwrite either.
+    testing::writeFile(dir / "kvs.json", "[1, 2, 3]");
+    FileUserDefaults{dir / "kvs.json"}.setBool("quota.marker", true);
+    EXPECT_EQ(setAsideCopies(dir).size(), 2u);
+    EXPECT_EQ(takeSetAsideNotices().size(), 1u);
     EXPECT_TRUE(FileUserDefaults{dir / "defaults.json"}.boolValue("quota.marker"));
     defaults.removeValue("quota.marker");
     EXPECT_FALSE(defaults.value("quota.marker"));

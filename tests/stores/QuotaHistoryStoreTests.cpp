@@ -172,5 +172,23 @@ TEST(HistoryStore, ASnapshotJsonCannotHoldFailsAsThisStoresErrorAndWritesNothing
     EXPECT_TRUE(store.loadTimeline().snapshots.empty());
 }
 
+// Control characters grow six-fold in JSON: a document that fits the input limit may not fit
+// the read limit once stored, and must then leave the row it would replace as it was.
+TEST(HistoryStore, ASnapshotTooLargeToReadBackIsRefusedAndKeepsTheRowItWouldReplace) {
+    ScratchDirectory dir;
+    const QuotaHistoryStore store{configurationIn(dir)};
+    const auto kept = snapshotOf("a", at("2026-11-21T00:00:00Z"));
+    store.append(kept, 1);
+    auto huge = kept;
+    huge.providers[0].displayName = std::string(11u << 20, '\x01');
+    try {
+        store.append(huge, 1);
+        FAIL();
+    } catch (const QuotaHistoryStoreError& e) {
+        EXPECT_NE(std::string(e.what()).find("read back; nothing was stored"), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(store.loadTimeline().snapshots, std::vector<QuotaSnapshot>{kept});
+}
+
 }  // namespace
 }  // namespace gaugepoint

@@ -136,6 +136,16 @@ TEST(SessionImportStateStore, CheckpointsArePerSourceAndProvider) {
     EXPECT_EQ(states.documentURL().filename(), "quota-session-import-checkpoints.json");
     testing::writeFile(states.documentURL(), "{\"version\":1,");
     EXPECT_TRUE(states.load().entries.empty());
+    states.upsert(claude);  // the damaged document is kept beside the new one
+    EXPECT_EQ(states.load().entries.size(), 1u);
+    std::size_t copies = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(states.documentURL().parent_path())) {
+        if (entry.path().filename().string().starts_with("quota-session-import-checkpoints.json.corrupt-")) {
+            EXPECT_EQ(testing::readFile(entry.path()), "{\"version\":1,");
+            ++copies;
+        }
+    }
+    EXPECT_EQ(copies, 1u);
 }
 
 }  // namespace

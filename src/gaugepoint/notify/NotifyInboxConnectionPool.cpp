@@ -13,8 +13,7 @@ NotifyStmtCache::Lease NotifyStmtCache::statement(sqlite::Connection connection,
     auto& slot = stmts_[sql];
     if (!slot) {
         try {
-            slot = std::make_unique<sqlite::Statement>(connection, sql.c_str(), "prepare " + std::string(operation),
-                                                       "execute " + std::string(operation));
+            slot = std::make_unique<sqlite::Statement>(connection, sql.c_str(), operation);
         } catch (...) {
             stmts_.erase(sql);
             throw;

@@ -269,7 +269,7 @@ QuotaNotifyInboxStore::QuotaNotifyInboxStore(QuotaSyncConfiguration configuratio
     file_ = *directory / defaultFilename;
     pool_ = sharedPerFile<NotifyInboxConnectionPool>(*file_, [&] {
         return std::make_shared<NotifyInboxConnectionPool>(
-            *file_, SQLiteStoreSetup{"Unable to open inbox database at ", nullptr, ensureSchema});
+            *file_, SQLiteStoreSetup{"Unable to open inbox database at ", nullptr, ensureSchema, {"notify_inbox"}});
     });
     cache_ = sharedPerFile<NotifyInboxPageCache>(*file_, [] { return std::make_shared<NotifyInboxPageCache>(); });
 }

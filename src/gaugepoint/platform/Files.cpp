@@ -5,8 +5,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <ctime>
+#include <mutex>
 #include <string>
+#include <utility>
 
 #include "gaugepoint/platform/Error.hpp"
 
@@ -78,6 +82,36 @@ FileContents readFileNoticingRewrites(const std::filesystem::path& path, const I
     const bool sizeChanged = !statted || std::size_t(now.st_size) != contents.bytes.size();
     contents.inFlux = contents.bytes.empty() || sizeChanged;
     return contents;
+}
+
+namespace {
+std::mutex setAsideLock;
+std::vector<std::string> setAsideNotices;
+}  // namespace
+
+std::filesystem::path setAsideUnreadableFile(const std::filesystem::path& file) {
+    const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+    std::tm utc{};
+    ::gmtime_r(&now, &utc);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &utc);
+    std::filesystem::path copy = file.string() + ".corrupt-" + stamp;
+    for (int n = 2; std::filesystem::exists(copy); ++n) copy = file.string() + ".corrupt-" + stamp + "-" + std::to_string(n);
+    std::error_code error;
+    std::filesystem::rename(file, copy, error);
+    if (error) {
+        throw Error("cannot set aside " + file.string() + ", which could not be read, before replacing it: " +
+                    error.message() + "; nothing was written");
+    }
+    std::lock_guard guard{setAsideLock};
+    setAsideNotices.push_back(file.string() + " could not be read; it was kept as " + copy.string() +
+                              " and a new one was started");
+    return copy;
+}
+
+std::vector<std::string> takeSetAsideNotices() {
+    std::lock_guard guard{setAsideLock};
+    return std::exchange(setAsideNotices, {});
 }
 
 }  // namespace gaugepoint

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "gaugepoint/platform/InputFile.hpp"
 
@@ -46,5 +47,14 @@ struct FileContents {
 // Throws gaugepoint::Error naming the file and the system's reason, InputTooLargeError past
 // the limit.
 FileContents readFileNoticingRewrites(const std::filesystem::path& path, const InputLimit& limit);
+
+// Before a writer replaces `file`, which it could not read (damaged, or not a document of
+// ours): moves it to "<file>.corrupt-<UTC time, yyyyMMdd'T'HHmmss'Z'>" beside it, so nothing that
+// was in it is lost, and keeps a notice naming both for the command to print. Returns the copy's
+// path. Throws gaugepoint::Error naming the file when it cannot be moved (then nothing is written).
+std::filesystem::path setAsideUnreadableFile(const std::filesystem::path& file);
+
+// The notices kept by setAsideUnreadableFile() since the last call, oldest first. Thread-safe.
+std::vector<std::string> takeSetAsideNotices();
 
 }  // namespace gaugepoint

@@ -34,13 +34,17 @@ void InMemoryJsonValues::update(std::string_view key, const std::optional<boost:
 
 namespace {
 
-boost::json::object readObject(const std::filesystem::path& file) {
+// The file's object; empty when it is missing. `unreadable` (when given) tells whether a file
+// was there that is not a JSON object within the document limit.
+boost::json::object readObject(const std::filesystem::path& file, bool* unreadable = nullptr) {
+    std::error_code missing;
+    if (!std::filesystem::exists(file, missing)) return {};
     try {
         auto document = json::parse(readInputFile(file, InputLimit::document("a defaults file")));
         if (document.is_object()) return std::move(document.get_object());
     } catch (const Error&) {
-        // A missing or damaged file holds no values; the next write replaces it whole.
     }
+    if (unreadable) *unreadable = true;
     return {};
 }
 
@@ -77,7 +81,10 @@ void JsonObjectFile::update(std::string_view key, const std::optional<boost::jso
     std::error_code ignored;
     std::filesystem::create_directories(file_.parent_path(), ignored);
     FileLock lock{file_};
-    auto object = readObject(file_);
+    bool unreadable = false;
+    auto object = readObject(file_, &unreadable);
+    // A damaged file, or another program's, reads as empty but is never overwritten.
+    if (unreadable) setAsideUnreadableFile(file_);
     if (value) {
         object[key] = *value;
     } else {

@@ -31,8 +31,9 @@ private:
 // JSON values under text keys, kept as one JSON object in `file`. Every change re-reads the
 // file under an exclusive lock on "<file>.lock" and replaces it atomically, so a second
 // process's changes are kept and a reader never sees half a file. A missing, damaged or
-// non-object file reads as empty; the next change replaces it whole. Safe to use from several
-// threads and processes.
+// non-object file reads as empty; the next change first sets a damaged one aside
+// (setAsideUnreadableFile) and then starts a new one. Safe to use from several threads and
+// processes.
 class JsonObjectFile {
 public:
     explicit JsonObjectFile(std::filesystem::path file) : file_(std::move(file)) {}

@@ -109,4 +109,19 @@ std::string QuotaSyncConfiguration::localSourceName() const {
     return host.empty() ? "This machine" : host;
 }
 
+std::optional<std::string> QuotaSyncConfiguration::syncServer() const {
+    if (const char* env = std::getenv("GAUGEPOINT_SYNC_URL"); env && *env) return std::string(env);
+    const auto stored = userDefaults->value(syncServerKey);
+    if (stored && stored->is_string() && !stored->as_string().empty()) return std::string(stored->as_string());
+    return std::nullopt;
+}
+
+void QuotaSyncConfiguration::setSyncServer(const std::optional<std::string>& connectionString) const {
+    if (connectionString) {
+        userDefaults->setValue(syncServerKey, boost::json::value(*connectionString));
+    } else {
+        userDefaults->removeValue(syncServerKey);
+    }
+}
+
 }  // namespace gaugepoint

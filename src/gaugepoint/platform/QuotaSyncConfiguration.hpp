@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "gaugepoint/platform/Clock.hpp"
 #include "gaugepoint/platform/UbiquitousKeyValueStore.hpp"
@@ -58,6 +59,15 @@ struct QuotaSyncConfiguration {
     std::string localSourceName() const;
     // The host name as the system reports it; "" when it has none.
     static std::string hostName();
+
+    // The user default that names the sync server (a libpq connection string, never one with
+    // a password).
+    static constexpr std::string_view syncServerKey = "quota.sync.url";
+    // The sync server of this user: GAUGEPOINT_SYNC_URL when set and not empty, else the user
+    // default syncServerKey; none: sync is off.
+    std::optional<std::string> syncServer() const;
+    // Keeps `connectionString` as the sync server, or forgets it (sync off) for none.
+    void setSyncServer(const std::optional<std::string>& connectionString) const;
 };
 
 }  // namespace gaugepoint

@@ -115,9 +115,15 @@ std::string singleLine(std::string_view text) {
         const int32_t start = i;
         UChar32 c;
         U8_NEXT(text.data(), i, length, c);
-        const bool breaks = c >= 0 && (u_iscntrl(c) || c == 0x2028 || c == 0x2029);
+        // Bidirectional embeddings, overrides and isolates would reorder the rest of the line
+        // (a name could display as another); bytes that are not UTF-8 show as U+FFFD.
+        const bool reorders = (c >= 0x202A && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069) || c == 0x200E ||
+                              c == 0x200F || c == 0x061C;
+        const bool breaks = c >= 0 && (u_iscntrl(c) || c == 0x2028 || c == 0x2029 || reorders);
         if (breaks) {
             line += ' ';
+        } else if (c < 0) {
+            line += "\xEF\xBF\xBD";
         } else {
             line.append(text.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(i - start)));
         }

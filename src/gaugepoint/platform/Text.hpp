@@ -18,8 +18,10 @@ std::string normalizedLookupKey(std::string_view name);
 // The same key written into `key`, reusing its storage (for hot lookups).
 void assignNormalizedLookupKey(std::string& key, std::string_view name);
 
-// `text` fit for one line of a terminal: every control character (C0, DEL, C1) and line or
-// paragraph separator becomes a space, so a name read from a file cannot break a line.
+// `text` fit for one line of a terminal: every control character (C0 with ESC, DEL, C1), line or
+// paragraph separator and bidirectional override becomes a space, and a byte that is not UTF-8
+// becomes U+FFFD, so a name read from a file can neither break a line nor drive the terminal.
+// Every text printed for people passes through it (tables do so cell by cell).
 std::string singleLine(std::string_view text);
 
 // Terminal columns `text` occupies: East Asian wide and full-width characters count two,

@@ -93,6 +93,25 @@ void QuotaMetadataRefreshService::recordFailure(const std::string& description) 
     }
 }
 
+namespace {
+
+// The most a million tokens of any kind may cost, in US dollars: well above any model sold, and
+// low enough that a report never adds up to a figure no one could be billed.
+constexpr double kMaxPricePerMillionUSD = 100000;
+
+// Whether every price the model has is one a seller could ask: known prices are finite, not
+// negative and at most kMaxPricePerMillionUSD. A catalogue with one impossible price is refused
+// whole, so the catalogue in force stays as it was.
+bool pricesPossible(const QuotaModelMetadata& model) {
+    for (const auto& price : {model.inputCostPerMillionUSD, model.outputCostPerMillionUSD,
+                              model.cacheReadCostPerMillionUSD, model.cacheWriteCostPerMillionUSD}) {
+        if (price && !(*price >= 0 && *price <= kMaxPricePerMillionUSD)) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 QuotaMetadataRefreshResult QuotaMetadataRefreshService::refresh() const {
     const auto current = settings();
     return refresh(current.providerCatalogURL, current.modelCatalogURL);
@@ -115,7 +134,9 @@ QuotaMetadataRefreshResult QuotaMetadataRefreshService::refresh(const std::strin
     const auto modelBody = fetchURL(modelCatalogURL, fetchOptions_);
     if (!modelBody) throw fail(QuotaMetadataRefreshError::invalidResponse(modelCatalogURL));
     const auto models = decodeListing<QuotaModelMetadataPayload>(*modelBody);
-    if (!models || models->models.empty()) throw fail(QuotaMetadataRefreshError::invalidModelCatalog());
+    if (!models || models->models.empty() || !std::all_of(models->models.begin(), models->models.end(), pricesPossible)) {
+        throw fail(QuotaMetadataRefreshError::invalidModelCatalog());
+    }
 
     const QuotaMetadataCatalogStore before = QuotaMetadataCatalog::loadStore(configuration_);
     QuotaMetadataRefreshResult result;

@@ -78,7 +78,7 @@ void bindRow(sqlite::Statement& insert, const QuotaSnapshot& snapshot) {
 
 void insertAll(sqlite::Connection& connection, const std::vector<QuotaSnapshot>& snapshots, std::string_view operation) {
     sqlite::Transaction transaction{connection, operation};
-    sqlite::Statement insert{connection, kInsert, "prepare " + std::string(operation), "execute " + std::string(operation)};
+    sqlite::Statement insert{connection, kInsert, operation};
     for (const auto& snapshot : snapshots) {
         insert.reset();
         bindRow(insert, snapshot);
@@ -103,7 +103,7 @@ QuotaHistoryTimeline selectAll(sqlite::Connection& connection) {
 }
 
 std::int64_t deleteOlderThan(sqlite::Connection& connection, Date cutoff, std::string_view operation) {
-    sqlite::Statement trim{connection, kRetention, "prepare " + std::string(operation), "execute " + std::string(operation)};
+    sqlite::Statement trim{connection, kRetention, operation};
     trim.bind(1, secondsSince1970(cutoff)).run();
     return connection.changes();
 }

@@ -347,12 +347,22 @@ QuotaSessionImportCheckpointCatalog QuotaSessionImportStateStore::load() const {
     try {
         return json::decode<QuotaSessionImportCheckpointCatalog>(readInputFile(file, InputLimit::document("a checkpoint document")));
     } catch (const Error&) {
-        return {};  // a damaged document is replaced whole by the next save
+        return {};  // a damaged document is set aside by the next save
     }
 }
 
 void QuotaSessionImportStateStore::save(const QuotaSessionImportCheckpointCatalog& catalog) const {
-    writeFileAtomically(documentURL(), json::encode(catalog, true) + "\n");
+    const auto file = documentURL();
+    std::error_code error;
+    if (std::filesystem::is_regular_file(file, error)) {
+        try {
+            (void)json::decode<QuotaSessionImportCheckpointCatalog>(
+                readInputFile(file, InputLimit::document("a checkpoint document")));
+        } catch (const Error&) {
+            setAsideUnreadableFile(file);  // load() read it as empty; what it held is kept beside it
+        }
+    }
+    writeFileAtomically(file, json::encode(catalog, true) + "\n");
 }
 
 std::optional<QuotaSessionImportCheckpoint> QuotaSessionImportStateStore::checkpoint(std::string_view sourceID,

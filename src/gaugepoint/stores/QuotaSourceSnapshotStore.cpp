@@ -79,7 +79,7 @@ void bindRecord(sqlite::Statement& insert, const QuotaSourceSnapshotRecord& reco
 }
 
 std::int64_t deleteWhere(sqlite::Connection& connection, const char* sql, std::string_view value, std::string_view name) {
-    sqlite::Statement remove{connection, sql, "prepare " + std::string(name), "execute " + std::string(name)};
+    sqlite::Statement remove{connection, sql, name};
     remove.bind(1, value).run();
     return connection.changes();
 }

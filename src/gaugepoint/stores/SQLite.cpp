@@ -10,7 +10,7 @@ void Connection::fail(std::string_view label) const {
     std::string message{label};
     message += ": ";
     message += sqlite3_errmsg(db_);
-    throw Failure(message);
+    throw Failure(message, sqlite3_errcode(db_) & 0xff);
 }
 
 void Connection::exec(const char* sql, std::string_view label) {

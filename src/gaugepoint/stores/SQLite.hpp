@@ -17,10 +17,19 @@ struct sqlite3_stmt;
 
 namespace gaugepoint::sqlite {
 
-// A failed SQLite step: what() is the step's label, ": ", then SQLite's message.
+// A failed SQLite step: what() is the step's label, ": ", then SQLite's message. code() is
+// SQLite's primary result code (SQLITE_FULL, SQLITE_NOTADB, ...), 0 when none applies (a row
+// that cannot be bound), or Failure::foreignFile for a database that holds none of the store's
+// tables but tables of another program.
 class Failure : public Error {
 public:
-    using Error::Error;
+    static constexpr int foreignFile = -1;
+
+    explicit Failure(const std::string& message, int code = 0) : Error(message), code_(code) {}
+    int code() const { return code_; }
+
+private:
+    int code_;
 };
 
 // A borrowed open connection (the holder owns it).
@@ -63,6 +72,10 @@ class Statement {
 public:
     // Prepares `sql` (NUL-terminated, length -1). Throws Failure(prepareLabel).
     Statement(Connection& connection, const char* sql, std::string_view prepareLabel, std::string executeLabel);
+    // The same with the labels made from one operation name: "prepare <operation>" and
+    // "execute <operation>", the form every store's failures take.
+    Statement(Connection& connection, const char* sql, std::string_view operation)
+        : Statement(connection, sql, "prepare " + std::string(operation), "execute " + std::string(operation)) {}
     ~Statement();
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;

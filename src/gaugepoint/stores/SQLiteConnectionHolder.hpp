@@ -7,7 +7,9 @@
 #include <memory>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "gaugepoint/stores/SQLite.hpp"
 
@@ -21,6 +23,18 @@ struct SQLiteStoreSetup {
     const char* schemaScript;       // CREATE ... IF NOT EXISTS, run as one multi-statement execution;
                                     // null when `migrate` builds the schema itself
     std::function<void(sqlite::Connection&)> migrate;  // after the schema; may be empty
+    // The tables that make a database file ours. Empty: those the schema script creates. A file
+    // that has tables but none of these belongs to another program and is never written to.
+    std::vector<std::string> ownTables = {};
+};
+
+// A store failure as the command layer reports it: which file, what SQLite said (the store
+// error's description), and SQLite's primary result code (sqlite::Failure::code()).
+struct SQLiteStoreFailure {
+    std::filesystem::path file;
+    std::string message;
+    int code = 0;
+    std::string detail;  // for a foreign file: the tables it holds ("accounts, events")
 };
 
 // The lock, connection and set-up flag shared by every copy of one store (one holder per
@@ -48,17 +62,37 @@ public:
     // not open, first runs `beforeOpen` (under the lock), then opens (read-write, create,
     // full mutex), sets the busy timeout (above), the WAL journal, synchronous NORMAL and a
     // 256 MiB memory map, ensures the schema and migrates. Throws sqlite::Failure.
+    //
+    // When the file exists but this process may not write it or its directory, the file is
+    // opened read-only and left as it is (no journal-mode change, no -wal or -shm file made);
+    // a file that does not exist in such a directory reads as an empty store in memory that
+    // refuses writes. A file holding other tables than the store's (setup.ownTables) fails
+    // with code sqlite::Failure::foreignFile before anything is written to it.
+    // Every failure that leaves this function is also kept as lastFailure().
     template <class Operation>
     auto withConnection(const SQLiteStoreSetup& setup, Operation&& operation,
                         const std::function<void(SQLiteConnectionHolder&)>& beforeOpen = {}) {
         std::lock_guard guard{dbLock_};
-        if (!db_ || !didSetup_) {
-            if (beforeOpen) beforeOpen(*this);
-            open(setup);
+        try {
+            if (!db_ || !didSetup_) {
+                if (beforeOpen) beforeOpen(*this);
+                open(setup);
+            }
+            sqlite::Connection connection{db_};
+            return operation(connection);
+        } catch (const sqlite::Failure& failure) {
+            remember(failure);
+            throw;
         }
-        sqlite::Connection connection{db_};
-        return operation(connection);
     }
+
+    // The most recent SQLite failure of any store of this process that was not a wait for
+    // another process's lock (those pass), whether or not its caller let it through: readers
+    // that feed widgets swallow failures and return empty, and the command layer uses this to
+    // report a damaged or unreadable store instead of showing it as empty. Thread-safe.
+    static std::optional<SQLiteStoreFailure> lastFailure();
+    // Forgets the kept failure (for tests and long-running faces).
+    static void clearLastFailure();
 
     const std::filesystem::path& file() const { return file_; }
 
@@ -70,6 +104,11 @@ public:
 private:
     void open(const SQLiteStoreSetup& setup);
     void close();
+    void remember(const sqlite::Failure& failure) const;
+    // Throws Failure(foreignFile) when the open file has tables and none of `setup`'s own.
+    void refuseForeignFile(const SQLiteStoreSetup& setup);
+
+    std::string foreignTables_;  // set by refuseForeignFile for remember()
 
     std::mutex dbLock_;
     sqlite3* db_ = nullptr;

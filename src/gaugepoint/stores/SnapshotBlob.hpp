@@ -26,7 +26,8 @@ struct SnapshotBlob {
 };
 
 // The stored form of `snapshot`: LZFSE-compressed JSON, or the JSON itself when compression
-// fails. Throws json::EncodingError when the snapshot holds a value JSON cannot (infinity).
+// fails. Throws json::EncodingError when the snapshot holds a value JSON cannot (infinity), or
+// when its JSON is longer than a reader accepts (lzfse::kDefaultMaxOutputBytes).
 SnapshotBlob encodeSnapshotBlob(const QuotaSnapshot& snapshot);
 
 // The JSON text of a stored BLOB: decompressed when `encoding` is "lzfse" (any other name, or
