@@ -13,40 +13,30 @@
 namespace gaugepoint {
 namespace {
 
-constexpr const char* kSchema =
-    "CREATE TABLE IF NOT EXISTS session_file_registry (\n"
-    "    path TEXT NOT NULL,\n"
-    "    source_id TEXT NOT NULL DEFAULT '',\n"
-    "    provider_id TEXT NOT NULL,\n"
-    "    capture_mode TEXT NOT NULL,\n"
-    "    session_id TEXT,\n"
-    "    file_identifier TEXT,\n"
-    "    size INTEGER,\n"
-    "    modified_at REAL,\n"
-    "    last_offset INTEGER NOT NULL,\n"
-    "    parser_version INTEGER NOT NULL,\n"
-    "    updated_at REAL NOT NULL,\n"
-    "    PRIMARY KEY (path, source_id, provider_id, capture_mode)\n"
-    ");";
+// The registry's columns, the one definition of the table (created, and the target of the
+// migration below).
+#define GAUGEPOINT_REGISTRY_COLUMNS \
+    "    path TEXT NOT NULL,\n" \
+    "    source_id TEXT NOT NULL DEFAULT '',\n" \
+    "    provider_id TEXT NOT NULL,\n" \
+    "    capture_mode TEXT NOT NULL,\n" \
+    "    session_id TEXT,\n" \
+    "    file_identifier TEXT,\n" \
+    "    size INTEGER,\n" \
+    "    modified_at REAL,\n" \
+    "    last_offset INTEGER NOT NULL,\n" \
+    "    parser_version INTEGER NOT NULL,\n" \
+    "    updated_at REAL NOT NULL,\n" \
+    "    PRIMARY KEY (path, source_id, provider_id, capture_mode)\n" \
+    ")"
+
+constexpr const char* kSchema = "CREATE TABLE IF NOT EXISTS session_file_registry (\n" GAUGEPOINT_REGISTRY_COLUMNS ";";
 
 // The table as it was before entries were scoped by source is rebuilt in one transaction,
 // keeping every row.
 constexpr const char* kMigrateSourceScoped =
     "BEGIN IMMEDIATE;\n"
-    "CREATE TABLE session_file_registry_v2 (\n"
-    "    path TEXT NOT NULL,\n"
-    "    source_id TEXT NOT NULL DEFAULT '',\n"
-    "    provider_id TEXT NOT NULL,\n"
-    "    capture_mode TEXT NOT NULL,\n"
-    "    session_id TEXT,\n"
-    "    file_identifier TEXT,\n"
-    "    size INTEGER,\n"
-    "    modified_at REAL,\n"
-    "    last_offset INTEGER NOT NULL,\n"
-    "    parser_version INTEGER NOT NULL,\n"
-    "    updated_at REAL NOT NULL,\n"
-    "    PRIMARY KEY (path, source_id, provider_id, capture_mode)\n"
-    ");\n"
+    "CREATE TABLE session_file_registry_v2 (\n" GAUGEPOINT_REGISTRY_COLUMNS ";\n"
     "INSERT INTO session_file_registry_v2 (\n"
     "    path, source_id, provider_id, capture_mode, session_id, file_identifier, size, modified_at,\n"
     "    last_offset, parser_version, updated_at\n"
@@ -57,6 +47,7 @@ constexpr const char* kMigrateSourceScoped =
     "DROP TABLE session_file_registry;\n"
     "ALTER TABLE session_file_registry_v2 RENAME TO session_file_registry;\n"
     "COMMIT;";
+#undef GAUGEPOINT_REGISTRY_COLUMNS
 
 constexpr const char* kColumns =
     "SELECT path, source_id, session_id, file_identifier, size, modified_at, last_offset, provider_id, capture_mode, "
