@@ -2,6 +2,7 @@
 // an evaluation on demand whose exit status scripts can act on.
 
 #include "Commands.hpp"
+#include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/alerts/QuotaAlerts.hpp"
 
 namespace gaugepoint::cli {
@@ -48,7 +49,7 @@ void set(const AlertsOptions& options, const GlobalOptions& globals) {
     } catch (const AlertSettingsError& e) {
         throw UsageError(e.what());
     }
-    if (!globals.json) writeOutput("-", options.key + " = " + options.value + "\n");
+    if (!globals.json) writeOutput("-", singleLine(options.key) + " = " + singleLine(options.value) + "\n");
     else printJson(AlertSettings::changed(*resolveConfiguration(globals).userDefaults));
 }
 
@@ -85,7 +86,9 @@ void check(const GlobalOptions& globals) {
     } else {
         std::string text;
         if (result.firstEvaluation) text += "first evaluation: what is already crossed is recorded without alerts\n";
-        for (const auto& f : result.fired) text += f.title + " · " + f.body + " (desktop: " + f.desktop + ")\n";
+        for (const auto& f : result.fired) {
+            text += singleLine(f.title) + " · " + singleLine(f.body) + " (desktop: " + singleLine(f.desktop) + ")\n";
+        }
         text += "highest window: " + numberText(result.highestUsedPercent) + " % used\n";
         writeOutput("-", text);
     }

@@ -202,8 +202,8 @@ private:
 
 std::string titleLine(const char* title, const LocalCalendar& calendar, const UsageReportFilter& filter,
                       const Words& words) {
-    return Ansi::bold(std::string(title)) + " · " + calendar.timeZoneID() + " · " +
-           filter.providerID.value_or(words.allProviders) + "\n\n";
+    return Ansi::bold(std::string(title)) + " · " + singleLine(calendar.timeZoneID()) + " · " +
+           singleLine(filter.providerID.value_or(words.allProviders)) + "\n\n";
 }
 
 // What every printer needs to know of the invocation.

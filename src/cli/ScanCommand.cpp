@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "Commands.hpp"
+#include "gaugepoint/platform/Text.hpp"
 #include "LogScan.hpp"
 #include "ScanProgress.hpp"
 #include "SyncServer.hpp"
@@ -72,7 +73,8 @@ void scan(const ScanCommandOptions& options, const GlobalOptions& globals) {
     std::string text = summaryLine(summary) + "\n";
     if (options.verbose) {
         for (const auto& p : summary.problems) {
-            text += "  " + p.path + (p.offset ? " at byte " + std::to_string(*p.offset) : "") + ": " + p.reason + "\n";
+            text += "  " + singleLine(p.path) + (p.offset ? " at byte " + std::to_string(*p.offset) : "") + ": " +
+                    singleLine(p.reason) + "\n";
         }
     }
     if (pushed) text += pushSummaryLine(*pushed) + "\n";

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 
 #include "CommandRunner.hpp"
@@ -45,6 +46,16 @@ TEST(ScanCommand, SummarisesEachScanInOneLine) {
                   .out,
               "0 files read, 0 unchanged · 0 new sessions, 0 updated · 0 tokens · 0 lines skipped\n");
     EXPECT_EQ(gaugepoint({"scan", "--capture", "everything"}).exitCode, 2);
+
+    // A file name with terminal controls is named in --verbose without them reaching the terminal.
+    const auto project = dir / "c" / "projects" / "p";
+    std::filesystem::create_directories(project);
+    std::ofstream(project / "bad\x1b[2J\u202e.jsonl") << "{not json\n";
+    const auto named = gaugepoint({"scan", "--app-group-dir", (dir / "i").string(), "--claude-dir", (dir / "c").string(),
+                                   "--codex-dir", "/nonexistent", "--gemini-dir", "/nonexistent", "--verbose"});
+    EXPECT_NE(named.out.find("bad"), std::string::npos) << named.out;
+    EXPECT_EQ(named.out.find('\x1b'), std::string::npos) << named.out;
+    EXPECT_EQ(named.out.find("\u202e"), std::string::npos) << named.out;
 }
 
 // Every file of the App Group directory: its bytes and its modification time.
