@@ -175,6 +175,7 @@ TEST_F(SampleReports, ABlockLimitMakesTheActiveClaudeBlockAWindow) {
     EXPECT_EQ(claude->windows[0].resetsAt, at("2026-11-05T19:00:00Z"));
     EXPECT_TRUE(QuotaReadingOrigin::isEstimated(claude->windows[0]));
     EXPECT_EQ(claude->tokenUsage->sessionTokens, 220235);
+    EXPECT_FALSE(claude->tokenUsage->sessionCostUSD);  // the block's model has no price: unknown, not $0
     // Between blocks the window is there, unused.
     const auto idle = LocalQuotaSnapshot::make(configuration, at("2026-11-20T00:00:00Z"), zone("UTC"));
     EXPECT_EQ(providerOf(idle, "claude")->windows.at(0).usedPercent, 0);

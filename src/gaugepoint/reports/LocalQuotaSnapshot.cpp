@@ -111,11 +111,16 @@ bool applyClaudeWindows(ProviderQuota& provider, const std::optional<OfficialRea
 // Usage of the last 30 days and of the active block; false when the provider has none.
 bool applyUsage(ProviderQuota& provider, const UsagePeriodReport& days, const std::optional<UsageBlock>& block) {
     if (days.rows.empty() && !block) return false;
+    // A cost of nothing but unpriced tokens is unknown, not $0: it is left out.
+    const auto knownCost = [](const UsageTotals& totals) {
+        const bool nonePriced = totals.unpricedTokens > 0 && totals.unpricedTokens >= totals.tokens.totalTokens();
+        return nonePriced ? std::nullopt : std::optional(totals.totalCost);
+    };
     QuotaTokenUsageSummary usage;
     usage.sessionTokens = block ? block->totals.tokens.totalTokens() : 0;
-    usage.sessionCostUSD = block ? block->totals.totalCost : 0.0;
+    usage.sessionCostUSD = block ? knownCost(block->totals) : std::optional(0.0);
     usage.last30DaysTokens = days.totals.tokens.totalTokens();
-    usage.last30DaysCostUSD = days.totals.totalCost;
+    usage.last30DaysCostUSD = knownCost(days.totals);
     provider.tokenUsage = usage;
     std::vector<QuotaDailyTokenEntry> daily;
     for (const auto& row : days.rows) daily.push_back({row.period, row.totals.totalCost, row.totals.tokens.totalTokens()});
