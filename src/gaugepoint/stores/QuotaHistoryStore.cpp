@@ -111,9 +111,7 @@ std::int64_t deleteOlderThan(sqlite::Connection& connection, Date cutoff, std::s
 }  // namespace
 
 QuotaHistoryStore::QuotaHistoryStore(QuotaSyncConfiguration configuration)
-    : configuration_(std::move(configuration)), file_(databaseURL(configuration_)) {
-    if (file_) connectionHolder_ = SQLiteConnectionHolder::shared(*file_);
-}
+    : SQLiteStore(std::move(configuration), std::nullopt, defaultHistoryFilename) {}
 
 std::optional<std::filesystem::path> QuotaHistoryStore::databaseURL(const QuotaSyncConfiguration& configuration) {
     const auto directory = configuration.resolvedAppGroupDirectory();
@@ -122,8 +120,7 @@ std::optional<std::filesystem::path> QuotaHistoryStore::databaseURL(const QuotaS
 }
 
 std::filesystem::path QuotaHistoryStore::historyURL() const {
-    if (!file_) throw QuotaHistoryStoreError::missingLocalStorageContainer();
-    return *file_;
+    return SQLiteStore::databaseURL();
 }
 
 // Opens on first use (bringing the earlier cloud document over once), runs `operation`, and
@@ -152,11 +149,7 @@ auto QuotaHistoryStore::run(Operation&& operation) const {
                                      insertAll(connection, legacy->snapshots, "legacy import");
                                      migration.finish(*connectionHolder_, configuration_);
                                  }};
-    try {
-        return connectionHolder_->withConnection(setup, operation, beforeOpen);
-    } catch (const sqlite::Failure& failure) {
-        throw QuotaHistoryStoreError::sqliteFailure(failure.what());
-    }
+    return SQLiteStore::run(setup, operation, beforeOpen);
 }
 
 QuotaHistoryTimeline QuotaHistoryStore::loadTimeline() const { return run(selectAll); }

@@ -11,6 +11,7 @@
 #include "gaugepoint/platform/Error.hpp"
 #include "gaugepoint/platform/QuotaSyncConfiguration.hpp"
 #include "gaugepoint/stores/SQLiteConnectionHolder.hpp"
+#include "gaugepoint/stores/SQLiteStore.hpp"
 
 namespace gaugepoint {
 
@@ -24,6 +25,8 @@ public:
     static QuotaHistoryStoreError missingLocalStorageContainer() {
         return {Kind::missingLocalStorageContainer, "The local storage container is unavailable."};
     }
+    // What the shared store base throws without a directory: the history's own missing container.
+    static QuotaHistoryStoreError missingAppGroupContainer(const std::string&) { return missingLocalStorageContainer(); }
     Kind kind() const noexcept { return kind_; }
 
 private:
@@ -37,7 +40,7 @@ private:
 //
 // Loads skip a row whose bytes do not decompress or decode: the rest of the timeline is worth
 // more to a widget than a complete failure, and the row stays in the file untouched.
-class QuotaHistoryStore {
+class QuotaHistoryStore : public SQLiteStore<QuotaHistoryStoreError> {
 public:
     static constexpr std::string_view defaultHistoryFilename = "quota-history.sqlite";
     static constexpr std::string_view legacyHistoryFilename = "quota-history.json";
@@ -75,16 +78,10 @@ public:
     // Checkpoints the write-ahead log (passive: never waits for the other process).
     void walCheckpoint() const noexcept;
 
-    const QuotaSyncConfiguration& configuration() const { return configuration_; }
-
 private:
     template <class Operation>
     auto run(Operation&& operation) const;
     void insertAndTrim(sqlite::Connection& connection, const QuotaSnapshot& snapshot, double retentionDays) const;
-
-    QuotaSyncConfiguration configuration_;
-    std::optional<std::filesystem::path> file_;
-    std::shared_ptr<SQLiteConnectionHolder> connectionHolder_;
 };
 
 }  // namespace gaugepoint
