@@ -19,21 +19,19 @@
 
 namespace gaugepoint {
 
-class QuotaNotifyInboxStoreError : public Error {
-public:
-    enum class Kind { missingAppGroupContainer, sqliteFailure };
+enum class QuotaNotifyInboxStoreErrorKind { missingAppGroupContainer, sqliteFailure };
 
+class QuotaNotifyInboxStoreError : public KindedError<QuotaNotifyInboxStoreErrorKind> {
+public:
     // No App Group directory; carries the App Group identifier.
     static QuotaNotifyInboxStoreError missingAppGroupContainer(const std::string& identifier) {
         return {Kind::missingAppGroupContainer, "The App Group container is unavailable: " + identifier + "."};
     }
     // The step's label, ": " and SQLite's message ("execute trimOldEntries: database is locked").
     static QuotaNotifyInboxStoreError sqliteFailure(const std::string& message) { return {Kind::sqliteFailure, message}; }
-    Kind kind() const noexcept { return kind_; }
 
 private:
-    QuotaNotifyInboxStoreError(Kind kind, const std::string& message) : Error(message), kind_(kind) {}
-    Kind kind_;
+    using KindedError::KindedError;
 };
 
 // Where a keyset page starts: the entries strictly after this one in list order (created_at

@@ -15,10 +15,10 @@
 
 namespace gaugepoint {
 
-class QuotaHistoryStoreError : public Error {
-public:
-    enum class Kind { sqliteFailure, missingLocalStorageContainer };
+enum class QuotaHistoryStoreErrorKind { sqliteFailure, missingLocalStorageContainer };
 
+class QuotaHistoryStoreError : public KindedError<QuotaHistoryStoreErrorKind> {
+public:
     // The step's label, ": " and SQLite's message ("prepare append: no such table: ...").
     static QuotaHistoryStoreError sqliteFailure(const std::string& message) { return {Kind::sqliteFailure, message}; }
     // The App Group directory cannot be resolved or created.
@@ -27,11 +27,9 @@ public:
     }
     // What the shared store base throws without a directory: the history's own missing container.
     static QuotaHistoryStoreError missingAppGroupContainer(const std::string&) { return missingLocalStorageContainer(); }
-    Kind kind() const noexcept { return kind_; }
 
 private:
-    QuotaHistoryStoreError(Kind kind, const std::string& message) : Error(message), kind_(kind) {}
-    Kind kind_;
+    using KindedError::KindedError;
 };
 
 // The time series of published snapshots in "quota-history.sqlite", LZFSE-compressed, one row per

@@ -15,20 +15,18 @@
 
 namespace gaugepoint {
 
-class QuotaSessionCatalogStoreError : public Error {
-public:
-    enum class Kind { missingAppGroupContainer, sqliteFailure, encodeFailure };
+enum class QuotaSessionCatalogStoreErrorKind { missingAppGroupContainer, sqliteFailure, encodeFailure };
 
+class QuotaSessionCatalogStoreError : public KindedError<QuotaSessionCatalogStoreErrorKind> {
+public:
     static QuotaSessionCatalogStoreError missingAppGroupContainer(const std::string& identifier) {
         return {Kind::missingAppGroupContainer, "The App Group container is unavailable: " + identifier + "."};
     }
     static QuotaSessionCatalogStoreError sqliteFailure(const std::string& message) { return {Kind::sqliteFailure, message}; }
     static QuotaSessionCatalogStoreError encodeFailure(const std::string& message) { return {Kind::encodeFailure, message}; }
-    Kind kind() const noexcept { return kind_; }
 
 private:
-    QuotaSessionCatalogStoreError(Kind kind, const std::string& message) : Error(message), kind_(kind) {}
-    Kind kind_;
+    using KindedError::KindedError;
 };
 
 // The catalogue of coding sessions and their messages in "quota-session-catalog.sqlite": one

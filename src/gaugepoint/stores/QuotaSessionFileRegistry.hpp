@@ -16,19 +16,17 @@
 
 namespace gaugepoint {
 
-class QuotaSessionFileRegistryError : public Error {
-public:
-    enum class Kind { missingAppGroupContainer, sqliteFailure };
+enum class QuotaSessionFileRegistryErrorKind { missingAppGroupContainer, sqliteFailure };
 
+class QuotaSessionFileRegistryError : public KindedError<QuotaSessionFileRegistryErrorKind> {
+public:
     static QuotaSessionFileRegistryError missingAppGroupContainer(const std::string& identifier) {
         return {Kind::missingAppGroupContainer, "The App Group container is unavailable: " + identifier + "."};
     }
     static QuotaSessionFileRegistryError sqliteFailure(const std::string& message) { return {Kind::sqliteFailure, message}; }
-    Kind kind() const noexcept { return kind_; }
 
 private:
-    QuotaSessionFileRegistryError(Kind kind, const std::string& message) : Error(message), kind_(kind) {}
-    Kind kind_;
+    using KindedError::KindedError;
 };
 
 // How far each session file has been imported, per (path, source, provider, capture mode), in

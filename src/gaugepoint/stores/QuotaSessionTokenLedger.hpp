@@ -15,19 +15,17 @@
 
 namespace gaugepoint {
 
-class QuotaSessionTokenLedgerError : public Error {
-public:
-    enum class Kind { missingAppGroupContainer, sqliteFailure };
+enum class QuotaSessionTokenLedgerErrorKind { missingAppGroupContainer, sqliteFailure };
 
+class QuotaSessionTokenLedgerError : public KindedError<QuotaSessionTokenLedgerErrorKind> {
+public:
     static QuotaSessionTokenLedgerError missingAppGroupContainer(const std::string& identifier) {
         return {Kind::missingAppGroupContainer, "The App Group container is unavailable: " + identifier + "."};
     }
     static QuotaSessionTokenLedgerError sqliteFailure(const std::string& message) { return {Kind::sqliteFailure, message}; }
-    Kind kind() const noexcept { return kind_; }
 
 private:
-    QuotaSessionTokenLedgerError(Kind kind, const std::string& message) : Error(message), kind_(kind) {}
-    Kind kind_;
+    using KindedError::KindedError;
 };
 
 // One row of the ledger, as the earlier cloud document listed them.

@@ -15,21 +15,19 @@
 
 namespace gaugepoint {
 
-class QuotaSourceSnapshotStoreError : public Error {
-public:
-    enum class Kind { missingAppGroupContainer, sqliteFailure, encodeFailure };
+enum class QuotaSourceSnapshotStoreErrorKind { missingAppGroupContainer, sqliteFailure, encodeFailure };
 
+class QuotaSourceSnapshotStoreError : public KindedError<QuotaSourceSnapshotStoreErrorKind> {
+public:
     // No App Group directory and no override; carries the App Group identifier.
     static QuotaSourceSnapshotStoreError missingAppGroupContainer(const std::string& identifier) {
         return {Kind::missingAppGroupContainer, "The App Group container is unavailable: " + identifier + "."};
     }
     static QuotaSourceSnapshotStoreError sqliteFailure(const std::string& message) { return {Kind::sqliteFailure, message}; }
     static QuotaSourceSnapshotStoreError encodeFailure(const std::string& message) { return {Kind::encodeFailure, message}; }
-    Kind kind() const noexcept { return kind_; }
 
 private:
-    QuotaSourceSnapshotStoreError(Kind kind, const std::string& message) : Error(message), kind_(kind) {}
-    Kind kind_;
+    using KindedError::KindedError;
 };
 
 // The latest snapshot of every publishing source in "quota-source-snapshots.sqlite", with the
