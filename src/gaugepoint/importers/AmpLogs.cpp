@@ -37,14 +37,6 @@ struct Usage {
     bool bad = false;
 };
 
-bool readCount(value v, std::int64_t& slot) {
-    if (jsonline::isNull(v)) return true;
-    const auto n = jsonline::integer(v);
-    if (!n || !isPlausibleTokenCount(*n)) return false;
-    slot = *n;
-    return true;
-}
-
 // A message's `usage` or a ledger event: the same names where they overlap. False when the JSON
 // breaks.
 bool readUsage(object usage, Usage& u) {
@@ -57,13 +49,13 @@ bool readUsage(object usage, Usage& u) {
         } else if (key == "timestamp") {
             u.timestamp = jsonline::date(v);
         } else if (key == "inputTokens" || key == "input") {
-            u.bad |= !readCount(v, u.input);
+            u.bad |= !jsonline::tokenCount(v, u.input);
         } else if (key == "outputTokens" || key == "output") {
-            u.bad |= !readCount(v, u.output);
+            u.bad |= !jsonline::tokenCount(v, u.output);
         } else if (key == "cacheCreationInputTokens") {
-            u.bad |= !readCount(v, u.cacheWrite);
+            u.bad |= !jsonline::tokenCount(v, u.cacheWrite);
         } else if (key == "cacheReadInputTokens") {
-            u.bad |= !readCount(v, u.cacheRead);
+            u.bad |= !jsonline::tokenCount(v, u.cacheRead);
         } else if (key == "tokens") {
             object tokens;
             if (!v.get_object().get(tokens) && !readUsage(tokens, u)) return false;
@@ -241,15 +233,7 @@ private:
         entry.model = u.model.empty() ? "unknown" : u.model;
         entry.tokens = {u.input, u.output, u.cacheRead, u.cacheWrite, std::nullopt};
         if (entry.tokens.totalTokens() == 0) return;
-        QuotaImportedMessage m;
-        m.sessionID = thread.id;
-        m.messageKey = entry.dedupKey;
-        m.timestamp = u.timestamp;
-        m.role = QuotaSessionRole::assistant;
-        m.model = entry.model;
-        m.tokenUsage = entry.tokens;
-        sink.usage(std::move(entry));
-        sink.message(std::move(m));
+        recordResponse(sink, std::move(entry));
     }
 };
 

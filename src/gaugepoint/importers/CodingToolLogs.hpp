@@ -159,6 +159,10 @@ std::optional<std::filesystem::path> belowDataHome(const std::filesystem::path& 
 // promptsOnly on, answers from promptsAndAnswers on, everything else with fullTranscript.
 bool keepsText(QuotaSessionContentCaptureMode capture, QuotaSessionRole role, bool isPrompt);
 
+// Passes on one counted response: `entry`, and the assistant message that carries its tokens
+// (same session, key, time and model), as every tool without a transcript of its own records it.
+void recordResponse(LogRecordSink& sink, QuotaUsageEntry entry);
+
 // A token count as logs write it: a whole number from 0 to 10^12 (more is no real response).
 bool isPlausibleTokenCount(std::int64_t count);
 

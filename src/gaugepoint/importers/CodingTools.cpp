@@ -91,6 +91,18 @@ bool keepsText(QuotaSessionContentCaptureMode capture, QuotaSessionRole role, bo
     return false;
 }
 
+void recordResponse(LogRecordSink& sink, QuotaUsageEntry entry) {
+    QuotaImportedMessage m;
+    m.sessionID = entry.sessionID;
+    m.messageKey = entry.dedupKey;
+    m.timestamp = entry.timestamp;
+    m.role = QuotaSessionRole::assistant;
+    m.model = entry.model;
+    m.tokenUsage = entry.tokens;
+    sink.usage(std::move(entry));
+    sink.message(std::move(m));
+}
+
 bool isPlausibleTokenCount(std::int64_t count) { return count >= 0 && count <= 1'000'000'000'000; }
 
 }  // namespace gaugepoint

@@ -193,15 +193,7 @@ private:
         entry.model = model;
         entry.tokens = {std::max<std::int64_t>(0, grew.input - grew.cacheRead - grew.cacheWrite), grew.output, grew.cacheRead,
                         grew.cacheWrite, std::nullopt};
-        QuotaImportedMessage m;
-        m.sessionID = sessionID;
-        m.messageKey = entry.dedupKey;
-        m.timestamp = at;
-        m.role = QuotaSessionRole::assistant;
-        m.model = model;
-        m.tokenUsage = entry.tokens;
-        sink.usage(std::move(entry));
-        sink.message(std::move(m));
+        recordResponse(sink, std::move(entry));
     }
 };
 

@@ -90,15 +90,7 @@ public:
             entry.model = model;
             entry.tokens = {input, output + std::max<std::int64_t>(0, total - input - output), 0, 0, std::nullopt};
             if (!rows.isNull(7) && rows.real(7) > 0) entry.tokens.exactCostUSD = rows.real(7);
-            QuotaImportedMessage m;
-            m.sessionID = id;
-            m.messageKey = "session:" + id;
-            m.timestamp = created;
-            m.role = QuotaSessionRole::assistant;
-            m.model = model;
-            m.tokenUsage = entry.tokens;
-            sink.usage(std::move(entry));
-            sink.message(std::move(m));
+            recordResponse(sink, std::move(entry));
         }
     }
 };

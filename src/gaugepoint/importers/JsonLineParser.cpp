@@ -74,11 +74,16 @@ bool tokenCounts(simdjson::ondemand::object usage, std::initializer_list<CountFi
             if (other && !other(key, value)) return false;
             continue;
         }
-        if (isNull(value)) continue;
-        const auto count = integer(value);
-        if (!count || !isPlausibleTokenCount(*count)) return false;
-        *named->into = *count;
+        if (!tokenCount(value, *named->into)) return false;
     }
+    return true;
+}
+
+bool tokenCount(simdjson::ondemand::value value, std::int64_t& slot) {
+    if (isNull(value)) return true;
+    const auto count = integer(value);
+    if (!count || !isPlausibleTokenCount(*count)) return false;
+    slot = *count;
     return true;
 }
 

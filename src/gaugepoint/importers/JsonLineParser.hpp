@@ -60,6 +60,9 @@ std::optional<bool> boolean(simdjson::ondemand::value value);
 std::optional<Date> date(simdjson::ondemand::value value);
 bool isNull(simdjson::ondemand::value value);
 
+// A token count into `slot`: null leaves it; false when the value is not a plausible count.
+bool tokenCount(simdjson::ondemand::value value, std::int64_t& slot);
+
 // A token count of a usage object: its key, another spelling of it (or empty), and its slot.
 struct CountField {
     std::string_view key;

@@ -167,15 +167,7 @@ private:
                                          : std::to_string(secondsSince1970(*timestamp)) + "/" + e.model + "/" +
                                                std::to_string(usage->input) + "/" + std::to_string(usage->output) + "/" +
                                                std::to_string(usage->cacheRead) + "/" + std::to_string(usage->cacheWrite));
-        QuotaImportedMessage m;
-        m.sessionID = sessionID;
-        m.messageKey = e.dedupKey;
-        m.timestamp = timestamp;
-        m.role = QuotaSessionRole::assistant;
-        m.model = e.model;
-        m.tokenUsage = e.tokens;
-        sink.usage(std::move(e));
-        sink.message(std::move(m));
+        recordResponse(sink, std::move(e));
     }
 };
 

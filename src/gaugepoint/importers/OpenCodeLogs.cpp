@@ -32,14 +32,6 @@ struct Fields {
     bool bad = false;
 };
 
-bool readCount(value v, std::int64_t& slot) {
-    if (jsonline::isNull(v)) return true;
-    const auto n = jsonline::integer(v);
-    if (!n || !isPlausibleTokenCount(*n)) return false;
-    slot = *n;
-    return true;
-}
-
 void readTokens(object tokens, Fields& f) {
     for (auto field : tokens) {
         std::string_view key;
@@ -49,11 +41,11 @@ void readTokens(object tokens, Fields& f) {
         }
         value v = field.value();
         if (key == "input") {
-            f.bad |= !readCount(v, f.input);
+            f.bad |= !jsonline::tokenCount(v, f.input);
         } else if (key == "output") {
-            f.bad |= !readCount(v, f.output);
+            f.bad |= !jsonline::tokenCount(v, f.output);
         } else if (key == "reasoning") {
-            f.bad |= !readCount(v, f.reasoning);
+            f.bad |= !jsonline::tokenCount(v, f.reasoning);
         } else if (key == "cache") {
             object cache;
             if (v.get_object().get(cache)) continue;
@@ -63,8 +55,8 @@ void readTokens(object tokens, Fields& f) {
                     f.bad = true;
                     return;
                 }
-                if (name == "read") f.bad |= !readCount(c.value(), f.cacheRead);
-                if (name == "write") f.bad |= !readCount(c.value(), f.cacheWrite);
+                if (name == "read") f.bad |= !jsonline::tokenCount(c.value(), f.cacheRead);
+                if (name == "write") f.bad |= !jsonline::tokenCount(c.value(), f.cacheWrite);
             }
         }
     }
