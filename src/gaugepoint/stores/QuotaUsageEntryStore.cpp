@@ -31,6 +31,7 @@ constexpr const char* kSchema =
     "    provider_id TEXT NOT NULL,\n"
     "    capture_mode TEXT NOT NULL,\n"
     "    parser_state TEXT NOT NULL DEFAULT '',\n"
+    "    prefix_digest INTEGER,\n"
     "    UNIQUE (path, source_id, provider_id, capture_mode)\n"
     ");\n"
     "CREATE TABLE IF NOT EXISTS usage_entries (\n"
@@ -338,8 +339,15 @@ void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
     connection.exec(kSchema, "ensure import tables");
     // Files read before the prefix digest was kept have none: they are read on as before, and
     // get one with their next read.
-    if (!sqlite::tableColumns(connection, "import_files", "inspect import files").contains("prefix_digest")) {
-        connection.exec("ALTER TABLE import_files ADD COLUMN prefix_digest INTEGER", "add column prefix_digest");
+    const auto hasDigest = [&] {
+        return sqlite::tableColumns(connection, "import_files", "inspect import files").contains("prefix_digest");
+    };
+    if (!hasDigest()) {
+        try {
+            connection.exec("ALTER TABLE import_files ADD COLUMN prefix_digest INTEGER", "add column prefix_digest");
+        } catch (const sqlite::Failure&) {
+            if (!hasDigest()) throw;  // else another process added it between the look and the change
+        }
     }
     {
         sqlite::Statement count{connection,
