@@ -184,12 +184,21 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
             updateCheckpoints(states, tools, sourceID, options.capture, configuration_.clock.now());
         });
     }
-    if (deferredIndexes) QuotaUsageEntryStore{registry}.buildDeferredIndexes();
-    // A catalogue deleted or emptied since (by a person, a disk clean-up) is written anew from
-    // the usage already stored: the logs it came from may be gone.
-    if (catalog.totalCount(sourceID) == 0) QuotaUsageEntryStore{registry}.markEverySessionBehind();
-    QuotaUsageEntryStore{registry}.refreshUsageQuarters();
-    const auto published = publishDirtySessions(QuotaUsageEntryStore{registry}, catalog, options.capture);
+    const QuotaUsageEntryStore usage{registry};
+    const auto registryWork = [&] {  // the registry's file only: beside the catalogue's work
+        if (deferredIndexes) usage.buildDeferredIndexes();
+        usage.refreshUsageQuarters();
+    };
+    PublishTally published;
+    // After a first import every session is new. A catalogue deleted or emptied since (by a
+    // person, a disk clean-up) is written anew from the usage already stored: the logs it came
+    // from may be gone.
+    if (deferredIndexes || catalog.totalCount(sourceID) == 0) {
+        published = publishEverySession(usage, catalog, options.capture, registryWork);
+    } else {
+        registryWork();
+        published = publishDirtySessions(usage, catalog, options.capture);
+    }
     if (checkpoints.valid()) checkpoints.get();
     summary.newSessions = published.newSessions;
     summary.updatedSessions = published.updatedSessions;

@@ -97,14 +97,76 @@ bool isEmpty(const QuotaUsageEntryStore::SessionContent& content) {
     return content.usage.models.empty() && content.prompts == 0 && content.messages.empty() && !content.firstMessage;
 }
 
+// What one batch of sessions changes in the catalogue.
+struct CatalogChanges {
+    std::vector<QuotaSessionDescriptor> changed;
+    std::vector<std::pair<std::string, std::vector<QuotaSessionMessage>>> messages;
+    std::vector<QuotaSessionDescriptorKey> gone;
+};
+
+class Publisher {
+public:
+    Publisher(const QuotaSessionCatalogStore& catalog, QuotaSessionContentCaptureMode capture)
+        : catalog_(catalog),
+          capture_(capture),
+          sourceID_(catalog.configuration().localSourceID()),
+          sourceName_(catalog.configuration().localSourceName()) {}
+
+    // Compares a batch of sessions with what the catalogue holds and counts what is new.
+    CatalogChanges compare(const std::vector<QuotaUsageEntryStore::SessionKey>& batch,
+                           const std::vector<const QuotaUsageEntryStore::SessionContent*>& contents) {
+        std::vector<std::string> ids;
+        for (const auto& key : batch) ids.push_back(key.sessionID);
+        const auto stored = catalog_.loadDescriptorsByID(sourceID_, ids);
+        CatalogChanges out;
+        for (std::size_t i = 0; i < batch.size(); ++i) {
+            // Nothing of the session is left (its logs were cut short or replaced): the catalogue
+            // keeps no empty session for it, as a scan of the logs as they are would not make one.
+            if (isEmpty(*contents[i])) {
+                if (stored[i]) out.gone.push_back({sourceID_, batch[i].sessionID});
+                continue;
+            }
+            auto published = build(batch[i], *contents[i], sourceID_, sourceName_, capture_);
+            const bool differs = !stored[i] || !(*stored[i] == published.descriptor);
+            if (!stored[i]) {
+                ++tally.newSessions;
+            } else if (differs) {
+                ++tally.updatedSessions;
+            }
+            if (differs) out.changed.push_back(std::move(published.descriptor));
+            // Under metadataOnly a session new to the catalogue has no messages to replace.
+            if (capture_ != QuotaSessionContentCaptureMode::metadataOnly || stored[i]) {
+                out.messages.emplace_back(batch[i].sessionID, std::move(published.messages));
+            }
+        }
+        return out;
+    }
+
+    void write(const CatalogChanges& changes) const {
+        if (!changes.changed.empty()) catalog_.upsertBatch(changes.changed, sourceID_);
+        if (!changes.messages.empty()) catalog_.replaceMessagesForSessions(sourceID_, changes.messages);
+        if (!changes.gone.empty()) {
+            std::vector<std::string> ids;
+            for (const auto& key : changes.gone) ids.push_back(key.id);
+            catalog_.removeMessagesForSessions(sourceID_, ids);
+            catalog_.removeDescriptors(changes.gone);
+        }
+    }
+
+    PublishTally tally;
+
+private:
+    const QuotaSessionCatalogStore& catalog_;
+    QuotaSessionContentCaptureMode capture_;
+    std::string sourceID_, sourceName_;
+};
+
 }  // namespace
 
 PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog,
                                   QuotaSessionContentCaptureMode capture) {
-    PublishTally tally;
+    Publisher publisher{catalog, capture};
     const auto dirty = usage.dirtySessions();
-    const std::string sourceID = catalog.configuration().localSourceID();
-    const std::string sourceName = catalog.configuration().localSourceName();
     // A batch is written to the catalogue on a thread of its own while the next one is read from
     // the registry (another file, another connection). A batch's marks are cleared only once its
     // writes are in, so a publish stopped in between is finished by the next.
@@ -118,47 +180,46 @@ PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const Quota
     for (std::size_t first = 0; first < dirty.size(); first += kBatch) {
         std::vector batch(dirty.begin() + long(first), dirty.begin() + long(std::min(first + kBatch, dirty.size())));
         const auto contents = usage.sessionContents(batch, capture != QuotaSessionContentCaptureMode::metadataOnly);
-        std::vector<std::string> ids;
-        for (const auto& key : batch) ids.push_back(key.sessionID);
-        const auto stored = catalog.loadDescriptorsByID(sourceID, ids);
-        std::vector<QuotaSessionDescriptor> changed;
-        std::vector<std::pair<std::string, std::vector<QuotaSessionMessage>>> messages;
-        std::vector<QuotaSessionDescriptorKey> gone;
-        for (std::size_t i = 0; i < batch.size(); ++i) {
-            // Nothing of the session is left (its logs were cut short or replaced): the catalogue
-            // keeps no empty session for it, as a scan of the logs as they are would not make one.
-            if (isEmpty(contents[i])) {
-                if (stored[i]) gone.push_back({sourceID, batch[i].sessionID});
-                continue;
-            }
-            auto published = build(batch[i], contents[i], sourceID, sourceName, capture);
-            if (!stored[i]) {
-                ++tally.newSessions;
-            } else if (!(*stored[i] == published.descriptor)) {
-                ++tally.updatedSessions;
-            }
-            if (!stored[i] || !(*stored[i] == published.descriptor)) changed.push_back(std::move(published.descriptor));
-            // Under metadataOnly a session new to the catalogue has no messages to replace.
-            if (capture != QuotaSessionContentCaptureMode::metadataOnly || stored[i]) {
-                messages.emplace_back(batch[i].sessionID, std::move(published.messages));
-            }
-        }
+        std::vector<const QuotaUsageEntryStore::SessionContent*> pointers;
+        for (const auto& content : contents) pointers.push_back(&content);
+        auto changes = publisher.compare(batch, pointers);
         finishWriting();
         writingBatch = std::move(batch);
-        writing = std::async(std::launch::async, [&catalog, &sourceID, changed = std::move(changed), messages = std::move(messages),
-                                                  gone = std::move(gone)] {
-            if (!changed.empty()) catalog.upsertBatch(changed, sourceID);
-            if (!messages.empty()) catalog.replaceMessagesForSessions(sourceID, messages);
-            if (!gone.empty()) {
-                std::vector<std::string> ids;
-                for (const auto& key : gone) ids.push_back(key.id);
-                catalog.removeMessagesForSessions(sourceID, ids);
-                catalog.removeDescriptors(gone);
-            }
-        });
+        writing = std::async(std::launch::async, [&publisher, changes = std::move(changes)] { publisher.write(changes); });
     }
     finishWriting();
-    return tally;
+    return publisher.tally;
+}
+
+PublishTally publishEverySession(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog,
+                                 QuotaSessionContentCaptureMode capture, const std::function<void()>& alongside) {
+    if (capture != QuotaSessionContentCaptureMode::metadataOnly) {
+        // Messages of every session at once would not fit in memory: the marked way, in batches.
+        usage.markEverySessionBehind();
+        if (alongside) alongside();
+        return publishDirtySessions(usage, catalog, capture);
+    }
+    const auto dirty = usage.dirtySessions();
+    auto contents = usage.everySessionContent();
+    for (const auto& key : dirty) contents.try_emplace(key);  // marked, with nothing left: gone
+    Publisher publisher{catalog, capture};
+    auto writing = std::async(std::launch::async, [&] {
+        std::vector<QuotaUsageEntryStore::SessionKey> batch;
+        std::vector<const QuotaUsageEntryStore::SessionContent*> pointers;
+        for (auto it = contents.begin(); it != contents.end();) {
+            batch.push_back(it->first);
+            pointers.push_back(&it->second);
+            if (++it == contents.end() || batch.size() == kBatch) {
+                publisher.write(publisher.compare(batch, pointers));
+                batch.clear();
+                pointers.clear();
+            }
+        }
+    });
+    if (alongside) alongside();  // should it throw, the writing is waited for by its future
+    writing.get();
+    usage.clearDirty(dirty);
+    return publisher.tally;
 }
 
 }  // namespace gaugepoint

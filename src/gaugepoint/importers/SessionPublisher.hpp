@@ -4,6 +4,7 @@
 // session built from its counted usage and messages, and its messages.
 
 #include <cstdint>
+#include <functional>
 
 #include "gaugepoint/stores/QuotaSessionCatalogStore.hpp"
 #include "gaugepoint/stores/QuotaUsageEntryStore.hpp"
@@ -23,5 +24,13 @@ struct PublishTally {
 // published and a descriptor counts the prompts and counted responses. Throws the stores' errors.
 PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog,
                                   QuotaSessionContentCaptureMode capture);
+
+// Publishes every session the usage store knows (and those marked behind), as after a first
+// import or when the catalogue was lost. Under metadataOnly the sessions are read in one pass
+// per table and the catalogue is written on a thread of its own while `alongside` (work on
+// other files than the catalogue) runs on the caller's; otherwise every session is marked
+// behind, `alongside` runs, and the marked sessions are published in batches.
+PublishTally publishEverySession(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog,
+                                 QuotaSessionContentCaptureMode capture, const std::function<void()>& alongside);
 
 }  // namespace gaugepoint

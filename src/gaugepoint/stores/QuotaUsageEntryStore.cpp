@@ -637,28 +637,48 @@ constexpr const char* kSessionMessageSpan =
     "SELECT COUNT(DISTINCT CASE WHEN is_prompt = 1 THEN message_key END), MIN(timestamp), MAX(timestamp)\n"
     "FROM import_messages WHERE provider_id = ? AND session_id = ?";
 constexpr const char* kSessionProject = "SELECT project_path FROM import_sessions WHERE provider_id = ? AND session_id = ?";
+// The same three readings for every session at once, each in one pass over its table (no
+// index by session is needed, so they can run before a first import has built one).
+constexpr const char* kEverySessionUsage =
+    "SELECT provider_id, session_id, model, COUNT(*), SUM(input_tokens), SUM(output_tokens),\n"
+    "       SUM(cache_read_tokens), SUM(cache_write_tokens), SUM(cost_usd), MIN(timestamp), MAX(timestamp)\n"
+    "FROM usage_entries WHERE counted = 1\nGROUP BY provider_id, session_id, model";
+constexpr const char* kEverySessionMessageSpan =
+    "SELECT provider_id, session_id, COUNT(DISTINCT CASE WHEN is_prompt = 1 THEN message_key END),\n"
+    "       MIN(timestamp), MAX(timestamp)\nFROM import_messages GROUP BY provider_id, session_id";
+constexpr const char* kEverySessionProject = "SELECT provider_id, session_id, project_path FROM import_sessions";
+
+// Adds one row of per-model sums (model, COUNT, the four SUMs, SUM(cost), MIN and MAX time,
+// from column `first` on) to a session's usage.
+void addModelRow(sqlite::Statement& select, int first, QuotaUsageEntryStore::SessionUsage& usage) {
+    QuotaSessionModelUsageSummary model;
+    model.id = std::string(select.text(first).value_or(""));
+    model.displayName = model.id;
+    model.sessionCount = 1;
+    model.messageCount = select.integer(first + 1);
+    model.tokenUsage = {select.integer(first + 2), select.integer(first + 3), select.integer(first + 4),
+                        select.integer(first + 5), std::nullopt};
+    if (!select.isNull(first + 6)) model.tokenUsage.exactCostUSD = select.real(first + 6);
+    usage.models.push_back(std::move(model));
+    const Date earliest = dateFromSeconds(select.real(first + 7)), latest = dateFromSeconds(select.real(first + 8));
+    if (!usage.first || earliest < *usage.first) usage.first = earliest;
+    if (!usage.last || latest > *usage.last) usage.last = latest;
+}
+
+// Most tokens first; models of equal tokens keep their order by name.
+void sortModels(QuotaUsageEntryStore::SessionUsage& usage) {
+    std::stable_sort(usage.models.begin(), usage.models.end(), [](const auto& a, const auto& b) {
+        return a.tokenUsage.totalTokens() > b.tokenUsage.totalTokens();
+    });
+}
 
 QuotaUsageEntryStore::SessionUsage readSessionUsage(sqlite::StatementCache& statements,
                                                     const QuotaUsageEntryStore::SessionKey& session) {
     QuotaUsageEntryStore::SessionUsage result;
     auto& select = statements.get(kSessionUsage, "prepare session usage", "execute session usage");
     select.bind(1, session.providerID).bind(2, session.sessionID);
-    while (select.step()) {
-        QuotaSessionModelUsageSummary model;
-        model.id = std::string(select.text(0).value_or(""));
-        model.displayName = model.id;
-        model.sessionCount = 1;
-        model.messageCount = select.integer(1);
-        model.tokenUsage = {select.integer(2), select.integer(3), select.integer(4), select.integer(5), std::nullopt};
-        if (!select.isNull(6)) model.tokenUsage.exactCostUSD = select.real(6);
-        result.models.push_back(std::move(model));
-        const Date first = dateFromSeconds(select.real(7)), last = dateFromSeconds(select.real(8));
-        if (!result.first || first < *result.first) result.first = first;
-        if (!result.last || last > *result.last) result.last = last;
-    }
-    std::stable_sort(result.models.begin(), result.models.end(), [](const auto& a, const auto& b) {
-        return a.tokenUsage.totalTokens() > b.tokenUsage.totalTokens();
-    });
+    while (select.step()) addModelRow(select, 0, result);
+    sortModels(result);
     return result;
 }
 
@@ -741,6 +761,30 @@ std::vector<QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::sessionC
             span.reset();
         }
     });
+    return contents;
+}
+
+std::map<QuotaUsageEntryStore::SessionKey, QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::everySessionContent()
+    const {
+    std::map<SessionKey, SessionContent> contents;
+    const auto contentOf = [&](sqlite::Statement& select) -> SessionContent& {
+        return contents[{std::string(select.text(0).value_or("")), std::string(select.text(1).value_or(""))}];
+    };
+    registry_.withConnection([&](sqlite::Connection& connection) {
+        const sqlite::ReadTransaction reads{connection};
+        sqlite::Statement usage{connection, kEverySessionUsage, "prepare session usage", "execute session usage"};
+        while (usage.step()) addModelRow(usage, 2, contentOf(usage).usage);
+        sqlite::Statement spans{connection, kEverySessionMessageSpan, "prepare session messages", "execute session messages"};
+        while (spans.step()) {
+            SessionContent& content = contentOf(spans);
+            content.prompts = spans.integer(2);
+            content.firstMessage = sqlite::optionalDate(spans, 3);
+            content.lastMessage = sqlite::optionalDate(spans, 4);
+        }
+        sqlite::Statement projects{connection, kEverySessionProject, "prepare session project", "execute session project"};
+        while (projects.step()) contentOf(projects).projectPath = sqlite::optionalText(projects, 2);
+    });
+    for (auto& [key, content] : contents) sortModels(content.usage);
     return contents;
 }
 

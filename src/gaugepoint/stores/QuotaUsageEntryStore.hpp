@@ -12,6 +12,7 @@
 //                    the bytes read so far per file.
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -134,6 +135,9 @@ public:
         std::optional<std::string> projectPath;
     };
     std::vector<SessionContent> sessionContents(const std::vector<SessionKey>& sessions, bool withMessages = true) const;
+    // The content of every session the store knows, without messages (as sessionContents with
+    // `withMessages` false), read in one pass per table: for publishing a whole catalogue.
+    std::map<SessionKey, SessionContent> everySessionContent() const;
 
     // Counted entries in time order, of one provider or all, within [since, until).
     std::vector<QuotaUsageEntry> countedEntries(const std::optional<std::string>& providerID = std::nullopt,
