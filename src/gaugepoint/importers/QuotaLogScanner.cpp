@@ -78,7 +78,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     const auto directory = configuration_.resolvedAppGroupDirectory();
     if (!directory) throw QuotaSessionFileRegistryError::missingAppGroupContainer(configuration_.appGroupIdentifier);
     const auto lockWait = std::chrono::duration<double>(secondsSetting(configuration_, kLockWaitKey, kLockWaitSeconds));
-    const ScanLock lock{*directory / lockFilename, std::chrono::duration_cast<std::chrono::milliseconds>(lockWait)};
+    ScanLock lock{*directory / lockFilename, std::chrono::duration_cast<std::chrono::milliseconds>(lockWait)};
     const double quietLastLine = secondsSetting(configuration_, kQuietLastLineKey, kQuietLastLineSeconds);
     const std::string sourceID = configuration_.localSourceID();
     const QuotaSessionFileRegistry registry{configuration_};
@@ -122,6 +122,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
 
     loadParserStates(registry, sourceID, tools);
     const std::int64_t toRead = bytesToRead(tools);
+    if (toRead > 0) lock.announce();
     PieceQueue queue;
     FileList files{tools};
     ReadProgress progress{options, {0, total, 0, toRead}};

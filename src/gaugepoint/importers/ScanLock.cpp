@@ -71,14 +71,20 @@ ScanLock::ScanLock(const std::filesystem::path& file, std::chrono::milliseconds 
         if (std::chrono::steady_clock::now() >= giveUp) busy(fd_);
         std::this_thread::sleep_for(kRetry);
     }
-    // Who holds the lock, and (the file's time) since when. Best effort: a lock without it is
-    // still a lock, and the waiting side then says less.
-    const std::string pid = std::to_string(::getpid()) + "\n";
-    if (::ftruncate(fd_, 0) == 0 && ::pwrite(fd_, pid.data(), pid.size(), 0) < 0) {
-        // nothing to do: see above
-    }
 }
 
-ScanLock::~ScanLock() { ::close(fd_); }
+// Best effort: a lock without its holder's id is still a lock, and a waiting scan then says less.
+void ScanLock::announce() {
+    const std::string pid = std::to_string(::getpid()) + "\n";
+    announced_ = ::ftruncate(fd_, 0) == 0 && ::pwrite(fd_, pid.data(), pid.size(), 0) == ssize_t(pid.size());
+}
+
+ScanLock::~ScanLock() {
+    // An id left behind would name a process that no longer holds the lock.
+    if (announced_ && ::ftruncate(fd_, 0) != 0) {
+        // nothing to do: see announce()
+    }
+    ::close(fd_);
+}
 
 }  // namespace gaugepoint

@@ -26,9 +26,7 @@ private:
 
 // Held for the whole scan: a second scan (a timer and a person) waits for the first, at most
 // `wait`, then throws ScanLockBusy, so a stopped or hung scan never blocks the next command
-// without a word. The holder writes its process id into the file, whose modification time then
-// says since when it holds the lock. Throws Error naming the file when it cannot be opened or
-// locked.
+// without a word. Throws Error naming the file when it cannot be opened or locked.
 class ScanLock {
 public:
     ScanLock(const std::filesystem::path& file, std::chrono::milliseconds wait);
@@ -36,8 +34,14 @@ public:
     ScanLock(const ScanLock&) = delete;
     ScanLock& operator=(const ScanLock&) = delete;
 
+    // Writes this process's id into the file, whose modification time then says since when the
+    // lock is held, for a waiting scan to name its holder; the file is emptied again on release.
+    // Only a scan with work to do says so: one that finds nothing changed writes nothing at all.
+    void announce();
+
 private:
     int fd_ = -1;
+    bool announced_ = false;
 };
 
 }  // namespace gaugepoint
