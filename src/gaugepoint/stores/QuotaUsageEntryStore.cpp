@@ -4,6 +4,7 @@
 #include <cmath>
 #include <map>
 #include <set>
+#include <unordered_map>
 
 #include "gaugepoint/platform/Json.hpp"
 #include "gaugepoint/stores/SQLiteConnectionHolder.hpp"
@@ -216,6 +217,11 @@ constexpr const char* kStoredLimits = "SELECT observed_at FROM import_rate_limit
 constexpr const char* kSetLimits =
     "INSERT OR REPLACE INTO import_rate_limits (provider_id, observed_at, limits_json) VALUES (?, ?, ?)";
 
+// A response's key (provider, dedup key) as one number, for sets of keys kept in memory.
+std::uint64_t keyHash(std::string_view providerID, std::string_view dedupKey) {
+    return std::hash<std::string_view>{}(dedupKey) * 0x9E3779B97F4A7C15ULL ^ std::hash<std::string_view>{}(providerID);
+}
+
 std::int64_t total(const QuotaSessionTokenUsage& t) {
     return t.inputTokens + t.outputTokens + t.cacheReadTokens + t.cacheWriteTokens;  // parsers bound each count
 }
@@ -296,17 +302,24 @@ struct EntryWriter {
     }
 };
 
-// Merges what one read gave for the same key: the line with the most output tokens wins.
-std::vector<QuotaUsageEntry> mergedUsage(const std::vector<QuotaUsageEntry>& usage) {
-    std::map<std::pair<std::string, std::string>, std::size_t> index;
-    std::vector<QuotaUsageEntry> merged;
+// Merges what one read gave for the same key: the line with the most output tokens wins. Points
+// into `usage`, in first-seen order (a streamed response repeats its key on every line).
+std::vector<const QuotaUsageEntry*> mergedUsage(const std::vector<QuotaUsageEntry>& usage) {
+    struct KeyHash {
+        std::size_t operator()(const std::pair<std::string_view, std::string_view>& key) const noexcept {
+            return keyHash(key.first, key.second);
+        }
+    };
+    std::unordered_map<std::pair<std::string_view, std::string_view>, std::size_t, KeyHash> index;
+    index.reserve(usage.size());
+    std::vector<const QuotaUsageEntry*> merged;
     merged.reserve(usage.size());
     for (const auto& e : usage) {
         const auto [slot, inserted] = index.try_emplace({e.providerID, e.dedupKey}, merged.size());
         if (inserted) {
-            merged.push_back(e);
-        } else if (e.tokens.outputTokens > merged[slot->second].tokens.outputTokens) {
-            merged[slot->second] = e;
+            merged.push_back(&e);
+        } else if (e.tokens.outputTokens > merged[slot->second]->tokens.outputTokens) {
+            merged[slot->second] = &e;
         }
     }
     return merged;
@@ -449,9 +462,7 @@ std::int64_t QuotaUsageEntryStore::fileKeyWithState(sqlite::StatementCache& stat
 }
 
 bool QuotaUsageEntryStore::KeysSinceEmpty::mayExist(std::string_view providerID, std::string_view dedupKey) {
-    const std::uint64_t hash =
-        std::hash<std::string_view>{}(dedupKey) * 0x9E3779B97F4A7C15ULL ^ std::hash<std::string_view>{}(providerID);
-    return !written_.insert(hash).second;
+    return !written_.insert(keyHash(providerID, dedupKey)).second;
 }
 
 bool QuotaUsageEntryStore::hasNoEntries(sqlite::StatementCache& statements) {
@@ -531,14 +542,14 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::record(
     const std::vector<QuotaImportedMessage>& messages, std::string_view providerID,
     const std::vector<std::pair<std::string, std::string>>& sessionProjects, KeysSinceEmpty* sinceEmpty) {
     Tally tally;
-    std::set<std::string> sessions;
+    std::set<std::string_view> sessions;  // of `usage` and `messages`, which outlive it
     if (!usage.empty()) {
         EntryWriter writer{statements};
-        for (const auto& e : mergedUsage(usage)) {
-            const Tally t = writer.write(fileKey, e, sinceEmpty);
+        for (const QuotaUsageEntry* e : mergedUsage(usage)) {
+            const Tally t = writer.write(fileKey, *e, sinceEmpty);
             tally.countedTokens += t.countedTokens;
             tally.countedEntries += t.countedEntries;
-            sessions.insert(e.sessionID);
+            sessions.insert(e->sessionID);
         }
     }
     if (!messages.empty()) {
