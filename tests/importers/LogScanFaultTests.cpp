@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "ImporterTestSupport.hpp"
+#include "gaugepoint/stores/QuotaSessionCatalogStore.hpp"
 
 namespace gaugepoint {
 namespace {
@@ -135,6 +136,15 @@ TEST(LogScanFaults, AScanKilledAtAnyMomentLosesAndDoublesNothing) {
             if (e.sessionID.starts_with("crash-")) tokens += e.tokens.totalTokens();
         }
         EXPECT_EQ(tokens, std::int64_t(shape.files) * shape.events * 1000) << shape.files << " files";
+        // The catalogue has every session whole, whichever moment stopped its publishing.
+        std::int64_t sessions = 0, published = 0;
+        for (const auto& d : QuotaSessionCatalogStore{tree.configuration}.loadAllDescriptors()) {
+            if (!d.id.starts_with("crash-")) continue;
+            ++sessions;
+            published += d.tokenUsage.totalTokens();
+        }
+        EXPECT_EQ(sessions, shape.files);
+        EXPECT_EQ(published, tokens);
         EXPECT_EQ(tree.scan().filesRead, 0);
     }
 }

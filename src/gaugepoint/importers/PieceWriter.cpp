@@ -27,6 +27,7 @@ public:
                     if (QuotaUsageEntryStore::hasNoEntries(statements)) {
                         sinceEmpty_.emplace();
                         QuotaUsageEntryStore::deferIndexes(connection);
+                        QuotaUsageEntryStore::markEverySessionBehind(statements);
                     }
                     checkedEmpty_ = true;
                 }

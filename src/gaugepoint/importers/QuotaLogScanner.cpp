@@ -191,10 +191,10 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
         usage.refreshUsageQuarters();
     };
     PublishTally published;
-    // After a first import every session is new. A catalogue deleted or emptied since (by a
-    // person, a disk clean-up) is written anew from the usage already stored: the logs it came
-    // from may be gone.
-    if (deferredIndexes || catalog.totalCount(sourceID) == 0) {
+    // After a first import every session is new (until the catalogue has them all, even across
+    // a stopped scan). A catalogue deleted or emptied since (by a person, a disk clean-up) is
+    // written anew from the usage already stored: the logs it came from may be gone.
+    if (usage.everySessionBehind() || catalog.totalCount(sourceID) == 0) {
         published = publishEverySession(usage, catalog, options.capture, registryWork);
     } else {
         registryWork();

@@ -195,7 +195,7 @@ PublishTally publishEverySession(const QuotaUsageEntryStore& usage, const QuotaS
                                  QuotaSessionContentCaptureMode capture, const std::function<void()>& alongside) {
     if (capture != QuotaSessionContentCaptureMode::metadataOnly) {
         // Messages of every session at once would not fit in memory: the marked way, in batches.
-        usage.markEverySessionBehind();
+        usage.markEachSessionBehind();
         if (alongside) alongside();
         return publishDirtySessions(usage, catalog, capture);
     }
@@ -218,7 +218,7 @@ PublishTally publishEverySession(const QuotaUsageEntryStore& usage, const QuotaS
     });
     if (alongside) alongside();  // should it throw, the writing is waited for by its future
     writing.get();
-    usage.clearDirty(dirty);
+    usage.clearEveryMark();  // the scan lock keeps any other scan from marking meanwhile
     return publisher.tally;
 }
 

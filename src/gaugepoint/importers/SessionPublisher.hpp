@@ -28,8 +28,9 @@ PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const Quota
 // Publishes every session the usage store knows (and those marked behind), as after a first
 // import or when the catalogue was lost. Under metadataOnly the sessions are read in one pass
 // per table and the catalogue is written on a thread of its own while `alongside` (work on
-// other files than the catalogue) runs on the caller's; otherwise every session is marked
-// behind, `alongside` runs, and the marked sessions are published in batches.
+// other files than the catalogue) runs on the caller's, and every mark is cleared once all are
+// in; otherwise each session is marked behind, `alongside` runs, and the marked sessions are
+// published in batches.
 PublishTally publishEverySession(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog,
                                  QuotaSessionContentCaptureMode capture, const std::function<void()>& alongside);
 

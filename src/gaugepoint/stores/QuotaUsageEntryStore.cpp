@@ -212,6 +212,9 @@ constexpr const char* kUpsertSession =
     "ON CONFLICT(provider_id, session_id) DO UPDATE SET\n"
     "    project_path = COALESCE(import_sessions.project_path, excluded.project_path)";
 constexpr const char* kMarkDirty = "INSERT OR IGNORE INTO import_dirty_sessions (provider_id, session_id) VALUES (?, ?)";
+// The mark of every session at once: a row no provider can have (their identifiers are never empty).
+constexpr const char* kMarkAll = "INSERT OR IGNORE INTO import_dirty_sessions (provider_id, session_id) VALUES ('', '')";
+constexpr const char* kAllMarked = "SELECT 1 FROM import_dirty_sessions WHERE provider_id = '' AND session_id = ''";
 
 constexpr const char* kStoredLimits = "SELECT observed_at FROM import_rate_limits WHERE provider_id = ?";
 constexpr const char* kSetLimits =
@@ -582,6 +585,8 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::record(
             upsert.run();
         }
     }
+    // A first import has marked every session behind at once (markEverySessionBehind).
+    if (sinceEmpty) return tally;
     auto& mark = statements.get(kMarkDirty, "prepare mark session", "execute mark session");
     for (const auto& session : sessions) markDirty(mark, providerID, session);
     return tally;
@@ -602,20 +607,40 @@ void QuotaUsageEntryStore::noteRateLimits(sqlite::StatementCache& statements, co
 std::vector<QuotaUsageEntryStore::SessionKey> QuotaUsageEntryStore::dirtySessions() const {
     std::vector<SessionKey> sessions;
     registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, "SELECT provider_id, session_id FROM import_dirty_sessions",
+        sqlite::Statement select{connection, "SELECT provider_id, session_id FROM import_dirty_sessions WHERE provider_id <> ''",
                                  "prepare dirty sessions", "execute dirty sessions"};
         while (select.step()) sessions.push_back({std::string(select.text(0).value_or("")), std::string(select.text(1).value_or(""))});
     });
     return sessions;
 }
 
-void QuotaUsageEntryStore::markEverySessionBehind() const {
+void QuotaUsageEntryStore::markEverySessionBehind(sqlite::StatementCache& statements) {
+    statements.get(kMarkAll, "prepare mark sessions behind", "execute mark sessions behind").run();
+}
+
+bool QuotaUsageEntryStore::everySessionBehind() const {
+    bool marked = false;
+    registry_.withConnection([&](sqlite::Connection& connection) {
+        sqlite::Statement select{connection, kAllMarked, "prepare dirty sessions", "execute dirty sessions"};
+        marked = select.step();
+    });
+    return marked;
+}
+
+void QuotaUsageEntryStore::markEachSessionBehind() const {
     registry_.inTransaction("mark sessions behind", [&](sqlite::Connection& connection) {
         connection.exec("INSERT OR IGNORE INTO import_dirty_sessions (provider_id, session_id)\n"
                         "SELECT provider_id, session_id FROM import_sessions\n"
                         "UNION SELECT provider_id, session_id FROM usage_entries\n"
-                        "UNION SELECT provider_id, session_id FROM import_messages",
+                        "UNION SELECT provider_id, session_id FROM import_messages;\n"
+                        "DELETE FROM import_dirty_sessions WHERE provider_id = '' AND session_id = ''",
                         "mark sessions behind");
+    });
+}
+
+void QuotaUsageEntryStore::clearEveryMark() const {
+    registry_.inTransaction("clear dirty sessions", [&](sqlite::Connection& connection) {
+        connection.exec("DELETE FROM import_dirty_sessions", "clear dirty sessions");
     });
 }
 

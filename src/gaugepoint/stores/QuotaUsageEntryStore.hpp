@@ -90,8 +90,9 @@ public:
     static void endBulkBatch(sqlite::Connection& connection);
 
     // Records one read of the file: usage entries (the same key twice keeps the most output),
-    // messages (the same key twice joins their texts), and where sessions ran. Marks the
-    // sessions behind. `sinceEmpty`, when given, must hold every key written since the entries
+    // messages (the same key twice joins their texts), and where sessions ran. Marks each of its
+    // sessions behind, but with `sinceEmpty`: a first import marks every session at once
+    // (markEverySessionBehind), and `sinceEmpty` must hold every key written since the entries
     // were empty.
     static Tally record(sqlite::StatementCache& statements, std::int64_t fileKey, const std::vector<QuotaUsageEntry>& usage,
                         const std::vector<QuotaImportedMessage>& messages, std::string_view providerID,
@@ -108,10 +109,16 @@ public:
         bool operator==(const SessionKey&) const = default;
         auto operator<=>(const SessionKey&) const = default;
     };
+    // The sessions marked behind one by one, and whether every session is (one mark for all,
+    // set by a first import in its first batch and kept until the whole catalogue is written).
     std::vector<SessionKey> dirtySessions() const;
+    bool everySessionBehind() const;
+    static void markEverySessionBehind(sqlite::StatementCache& statements);
+    // Marks each session the stores know as behind, in place of the one mark for all.
+    void markEachSessionBehind() const;
     void clearDirty(const std::vector<SessionKey>& sessions) const;
-    // Marks every session the stores know as behind, for a catalogue to be written anew.
-    void markEverySessionBehind() const;
+    // Clears every mark, the one for all too: once every session the store knows is written.
+    void clearEveryMark() const;
 
     // A session's counted usage per model (sessionCount 1, messageCount its responses), most
     // tokens first, and the first and last response times.
