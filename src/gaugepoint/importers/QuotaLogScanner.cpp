@@ -189,6 +189,9 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     const auto registryWork = [&] {  // the registry's file only: beside the catalogue's work
         if (deferredIndexes) usage.buildDeferredIndexes();
         usage.refreshUsageQuarters();
+        // A first import leaves the whole store in the write-ahead log: copied into the file
+        // here, beside the catalogue's writing, rather than when the process closes it.
+        if (deferredIndexes) registry.walCheckpoint();
     };
     PublishTally published;
     // After a first import every session is new (until the catalogue has them all, even across
