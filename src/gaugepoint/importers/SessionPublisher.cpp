@@ -200,10 +200,12 @@ PublishTally publishEverySession(const QuotaUsageEntryStore& usage, const QuotaS
         return publishDirtySessions(usage, catalog, capture);
     }
     const auto dirty = usage.dirtySessions();
-    auto contents = usage.everySessionContent();
-    for (const auto& key : dirty) contents.try_emplace(key);  // marked, with nothing left: gone
     Publisher publisher{catalog, capture};
+    // Reading every session (a sort of all the usage) and writing the catalogue happen on a
+    // thread of their own, with a connection of their own, beside `alongside`.
     auto writing = std::async(std::launch::async, [&] {
+        auto contents = usage.everySessionContent();
+        for (const auto& key : dirty) contents.try_emplace(key);  // marked, with nothing left: gone
         std::vector<QuotaUsageEntryStore::SessionKey> batch;
         std::vector<const QuotaUsageEntryStore::SessionContent*> pointers;
         for (auto it = contents.begin(); it != contents.end();) {

@@ -8,6 +8,7 @@
 #include "gaugepoint/platform/InputFile.hpp"
 #include "gaugepoint/platform/Json.hpp"
 #include "gaugepoint/stores/QuotaUsageEntryStore.hpp"
+#include "gaugepoint/stores/SQLiteReadOnly.hpp"
 #include "gaugepoint/stores/SQLiteStatementCache.hpp"
 
 namespace gaugepoint {
@@ -293,6 +294,17 @@ void QuotaSessionFileRegistry::runInTransaction(std::string_view label,
 
 void QuotaSessionFileRegistry::withConnection(const std::function<void(sqlite::Connection&)>& work) const {
     runRegistry([&](sqlite::Connection& connection) { work(connection); });
+}
+
+void QuotaSessionFileRegistry::withReadConnection(const std::function<void(sqlite::Connection&)>& work) const {
+    runRegistry([](sqlite::Connection&) {});  // the file exists, with its schema
+    try {
+        const sqlite::ReadOnlyConnection database{databaseURL(), SQLiteConnectionHolder::busyTimeout()};
+        auto connection = database.connection();
+        work(connection);
+    } catch (const sqlite::Failure& failure) {
+        throw QuotaSessionFileRegistryError::sqliteFailure(failure.what());
+    }
 }
 
 void QuotaSessionFileRegistry::setMemoryMapLimit(std::int64_t bytes) const {

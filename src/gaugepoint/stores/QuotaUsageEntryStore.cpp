@@ -674,11 +674,11 @@ constexpr const char* kSessionMessageSpan =
     "FROM import_messages WHERE provider_id = ? AND session_id = ?";
 constexpr const char* kSessionProject = "SELECT project_path FROM import_sessions WHERE provider_id = ? AND session_id = ?";
 // The same three readings for every session at once, each in one pass over its table (no
-// index by session is needed, so they can run before a first import has built one).
-constexpr const char* kEverySessionUsage =
-    "SELECT provider_id, session_id, model, COUNT(*), SUM(input_tokens), SUM(output_tokens),\n"
-    "       SUM(cache_read_tokens), SUM(cache_write_tokens), SUM(cost_usd), MIN(timestamp), MAX(timestamp)\n"
-    "FROM usage_entries WHERE counted = 1\nGROUP BY provider_id, session_id, model";
+// index by session is needed, so they can run before a first import has built one). The usage
+// is summed here rather than by a GROUP BY, which would sort every row first.
+constexpr const char* kEveryCountedEntry =
+    "SELECT provider_id, session_id, model, input_tokens, output_tokens, cache_read_tokens, cache_write_tokens,\n"
+    "       cost_usd, timestamp\nFROM usage_entries WHERE counted = 1";
 constexpr const char* kEverySessionMessageSpan =
     "SELECT provider_id, session_id, COUNT(DISTINCT CASE WHEN is_prompt = 1 THEN message_key END),\n"
     "       MIN(timestamp), MAX(timestamp)\nFROM import_messages GROUP BY provider_id, session_id";
@@ -800,16 +800,48 @@ std::vector<QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::sessionC
     return contents;
 }
 
+namespace {
+
+// Adds one counted entry (the columns of kEveryCountedEntry) to its session's usage by model.
+void addCountedEntry(sqlite::Statement& row, QuotaUsageEntryStore::SessionUsage& usage) {
+    const std::string_view modelID = row.text(2).value_or("");
+    auto model = std::find_if(usage.models.begin(), usage.models.end(), [&](const auto& m) { return m.id == modelID; });
+    if (model == usage.models.end()) {
+        model = usage.models.insert(usage.models.end(), QuotaSessionModelUsageSummary{});
+        model->id = std::string(modelID);
+        model->displayName = model->id;
+        model->sessionCount = 1;
+    }
+    ++model->messageCount;
+    auto& t = model->tokenUsage;
+    t.inputTokens += row.integer(3);
+    t.outputTokens += row.integer(4);
+    t.cacheReadTokens += row.integer(5);
+    t.cacheWriteTokens += row.integer(6);
+    if (!row.isNull(7)) t.exactCostUSD = t.exactCostUSD.value_or(0) + row.real(7);
+    const Date at = dateFromSeconds(row.real(8));
+    if (!usage.first || at < *usage.first) usage.first = at;
+    if (!usage.last || at > *usage.last) usage.last = at;
+}
+
+}  // namespace
+
 std::map<QuotaUsageEntryStore::SessionKey, QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::everySessionContent()
     const {
     std::map<SessionKey, SessionContent> contents;
+    SessionContent* last = nullptr;  // rows of one session mostly follow each other
+    SessionKey lastKey;
     const auto contentOf = [&](sqlite::Statement& select) -> SessionContent& {
-        return contents[{std::string(select.text(0).value_or("")), std::string(select.text(1).value_or(""))}];
+        const std::string_view provider = select.text(0).value_or(""), session = select.text(1).value_or("");
+        if (last && lastKey.providerID == provider && lastKey.sessionID == session) return *last;
+        lastKey = {std::string(provider), std::string(session)};
+        last = &contents[lastKey];
+        return *last;
     };
-    registry_.withConnection([&](sqlite::Connection& connection) {
+    registry_.withReadConnection([&](sqlite::Connection& connection) {
         const sqlite::ReadTransaction reads{connection};
-        sqlite::Statement usage{connection, kEverySessionUsage, "prepare session usage", "execute session usage"};
-        while (usage.step()) addModelRow(usage, 2, contentOf(usage).usage);
+        sqlite::Statement usage{connection, kEveryCountedEntry, "prepare session usage", "execute session usage"};
+        while (usage.step()) addCountedEntry(usage, contentOf(usage).usage);
         sqlite::Statement spans{connection, kEverySessionMessageSpan, "prepare session messages", "execute session messages"};
         while (spans.step()) {
             SessionContent& content = contentOf(spans);
@@ -820,7 +852,12 @@ std::map<QuotaUsageEntryStore::SessionKey, QuotaUsageEntryStore::SessionContent>
         sqlite::Statement projects{connection, kEverySessionProject, "prepare session project", "execute session project"};
         while (projects.step()) contentOf(projects).projectPath = sqlite::optionalText(projects, 2);
     });
-    for (auto& [key, content] : contents) sortModels(content.usage);
+    for (auto& [key, content] : contents) {
+        // As the per-session reading orders them: by name, then most tokens first.
+        std::sort(content.usage.models.begin(), content.usage.models.end(),
+                  [](const auto& a, const auto& b) { return a.id < b.id; });
+        sortModels(content.usage);
+    }
     return contents;
 }
 

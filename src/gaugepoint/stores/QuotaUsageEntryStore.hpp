@@ -143,7 +143,8 @@ public:
     };
     std::vector<SessionContent> sessionContents(const std::vector<SessionKey>& sessions, bool withMessages = true) const;
     // The content of every session the store knows, without messages (as sessionContents with
-    // `withMessages` false), read in one pass per table: for publishing a whole catalogue.
+    // `withMessages` false), read in one pass per table on a connection of its own (beside
+    // writes to the store): for publishing a whole catalogue.
     std::map<SessionKey, SessionContent> everySessionContent() const;
 
     // Counted entries in time order, of one provider or all, within [since, until).

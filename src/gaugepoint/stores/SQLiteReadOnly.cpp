@@ -1,0 +1,33 @@
+#include "gaugepoint/stores/SQLiteReadOnly.hpp"
+
+#include <sqlite3.h>
+
+namespace gaugepoint::sqlite {
+
+std::string readOnlyURI(const std::filesystem::path& path) {
+    static constexpr char hex[] = "0123456789ABCDEF";
+    std::string uri = "file:";
+    for (const unsigned char c : path.string()) {
+        if (c == '%' || c == '?' || c == '#' || c < 0x20 || c >= 0x7F) {
+            uri += '%';
+            uri += hex[c >> 4];
+            uri += hex[c & 15];
+        } else {
+            uri += char(c);
+        }
+    }
+    return uri + "?mode=ro";
+}
+
+ReadOnlyConnection::ReadOnlyConnection(const std::filesystem::path& path, std::chrono::milliseconds busy) {
+    if (sqlite3_open_v2(readOnlyURI(path).c_str(), &db_, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr) != SQLITE_OK) {
+        const std::string message = db_ ? sqlite3_errmsg(db_) : "out of memory";
+        sqlite3_close_v2(db_);
+        throw Failure("open " + path.string() + ": " + message);
+    }
+    sqlite3_busy_timeout(db_, int(busy.count()));
+}
+
+ReadOnlyConnection::~ReadOnlyConnection() { sqlite3_close_v2(db_); }
+
+}  // namespace gaugepoint::sqlite
