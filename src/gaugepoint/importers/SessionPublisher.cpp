@@ -10,6 +10,9 @@ namespace gaugepoint {
 namespace {
 
 constexpr std::size_t kBatch = 1000;  // sessions per catalogue transaction
+// When the whole catalogue is written: fewer, larger commits (each may copy the log back into
+// the file), and nobody waits for a batch's marks.
+constexpr std::size_t kWholeBatch = 10000;
 constexpr std::size_t kTitleLength = 80;  // characters
 
 QuotaSessionProviderIdentity providerIdentity(std::string_view providerID) {
@@ -211,7 +214,7 @@ PublishTally publishEverySession(const QuotaUsageEntryStore& usage, const QuotaS
         for (auto it = contents.begin(); it != contents.end();) {
             batch.push_back(it->first);
             pointers.push_back(&it->second);
-            if (++it == contents.end() || batch.size() == kBatch) {
+            if (++it == contents.end() || batch.size() == kWholeBatch) {
                 publisher.write(publisher.compare(batch, pointers));
                 batch.clear();
                 pointers.clear();
