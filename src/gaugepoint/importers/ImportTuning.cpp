@@ -9,7 +9,8 @@ ImportTuning::ImportTuning(const QuotaSessionFileRegistry& registry, const Quota
     registry_.setMemoryMapLimit(0);
     catalog_.setMemoryMapLimit(0);
     registry_.withConnection([](sqlite::Connection& connection) {
-        connection.exec("PRAGMA cache_size=-65536; PRAGMA temp_store=MEMORY", "set import cache");
+        connection.exec("PRAGMA cache_size=-65536; PRAGMA temp_store=MEMORY; PRAGMA wal_autocheckpoint=0",
+                        "set import cache");
     });
 }
 
@@ -18,7 +19,8 @@ ImportTuning::~ImportTuning() {
         registry_.setMemoryMapLimit(SQLiteConnectionHolder::memoryMapBytes);
         catalog_.setMemoryMapLimit(SQLiteConnectionHolder::memoryMapBytes);
         registry_.withConnection([](sqlite::Connection& connection) {
-            connection.exec("PRAGMA cache_size=-2000; PRAGMA temp_store=DEFAULT", "reset import cache");
+            connection.exec("PRAGMA cache_size=-2000; PRAGMA temp_store=DEFAULT; PRAGMA wal_autocheckpoint=1000",
+                            "reset import cache");
         });
     } catch (const Error&) {
         // The connections work as they are too; only speed and memory are at stake.

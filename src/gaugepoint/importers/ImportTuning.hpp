@@ -13,6 +13,9 @@ namespace gaugepoint::scanning {
 //    usage indexes) stay in memory until it commits instead of being spilled and written again.
 //  - Statement journals (the undo of one statement inside a batch, which every insert that fires
 //    a trigger needs) are kept in memory instead of in a temporary file.
+//  - The registry's commits do not copy the write-ahead log back into the file (a page a later
+//    batch changes again would be copied again): the scan does that once, at its end (or the
+//    first commit after it, or the last connection's close).
 class ImportTuning {
 public:
     ImportTuning(const QuotaSessionFileRegistry& registry, const QuotaSessionCatalogStore& catalog);
