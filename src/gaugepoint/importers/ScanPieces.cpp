@@ -4,9 +4,11 @@ namespace gaugepoint::scanning {
 
 bool PieceQueue::push(Piece piece) {
     std::unique_lock lock{mutex_};
+    ++readersWaiting_;
     roomLeft_.wait(lock, [&] {
         return abandoned_ || pieces_.empty() || (pieces_.size() < kMostPieces && bytes_ + piece.bytes <= kMostBytes);
     });
+    --readersWaiting_;
     if (abandoned_) return false;
     bytes_ += piece.bytes;
     pieces_.push_back(std::move(piece));
@@ -21,7 +23,9 @@ std::optional<Piece> PieceQueue::pop() {
     Piece piece = std::move(pieces_.front());
     pieces_.pop_front();
     bytes_ -= piece.bytes;
-    roomLeft_.notify_one();
+    // Readers waiting for room are woken once half of it is free, not at every piece taken: a
+    // writer that paces the scan would otherwise hand its time to a wake-up per piece.
+    if (readersWaiting_ > 0 && pieces_.size() <= kMostPieces / 2 && bytes_ <= kMostBytes / 2) roomLeft_.notify_all();
     return piece;
 }
 

@@ -98,6 +98,7 @@ private:
     std::condition_variable ready_, roomLeft_;
     std::deque<Piece> pieces_;
     std::int64_t bytes_ = 0;
+    int readersWaiting_ = 0;
     bool finished_ = false, abandoned_ = false;
 };
 
