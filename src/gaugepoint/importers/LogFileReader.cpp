@@ -369,19 +369,42 @@ bool goesOn(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& ent
            entry.fileIdentifier == file.identity && entry.lastOffset <= file.size;
 }
 
-std::int64_t bytesToRead(const std::vector<ToolFiles>& tools) {
+std::int64_t bytesToRead(const ToolFiles& tool) {
     std::int64_t bytes = 0;
-    for (const auto& tool : tools) {
-        for (const auto& file : tool.files) {
-            const auto found = tool.known.find(file.path.string());
-            if (found == tool.known.end()) {
-                bytes += file.size;
-            } else if (!isUnchanged(*tool.tool, found->second, file)) {
-                bytes += file.size - (goesOn(*tool.tool, found->second, file) ? found->second.lastOffset : 0);
-            }
+    for (const auto& file : tool.files) {
+        const auto found = tool.known.find(file.path.string());
+        if (found == tool.known.end()) {
+            bytes += file.size;
+        } else if (!isUnchanged(*tool.tool, found->second, file)) {
+            bytes += file.size - (goesOn(*tool.tool, found->second, file) ? found->second.lastOffset : 0);
         }
     }
     return bytes;
+}
+
+void FileList::add(const ToolFiles& tool) {
+    std::lock_guard lock{mutex_};
+    for (const auto& file : tool.files) files_.emplace_back(&tool, &file);
+    added_.notify_all();
+}
+
+void FileList::finish() {
+    std::lock_guard lock{mutex_};
+    finished_ = true;
+    added_.notify_all();
+}
+
+std::optional<std::pair<const ToolFiles*, const LogFileCandidate*>> FileList::take() {
+    std::unique_lock lock{mutex_};
+    added_.wait(lock, [&] { return next_ < files_.size() || finished_; });
+    if (next_ >= files_.size()) return std::nullopt;
+    return files_[next_++];
+}
+
+void ReadProgress::add(std::int64_t files, std::int64_t bytes) {
+    std::lock_guard lock{mutex_};
+    progress_.filesTotal += files;
+    progress_.bytesToRead += bytes;
 }
 
 void ReadProgress::fileDone(std::int64_t bytesRead) {

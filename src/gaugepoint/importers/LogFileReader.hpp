@@ -4,6 +4,7 @@
 // that read and parse them into pieces for the writer.
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -33,34 +34,35 @@ bool isUnchanged(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry
 // Whether a changed file is read on from where the last read stopped (else from its start).
 bool goesOn(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& entry, const LogFileCandidate& file);
 
-// The bytes a scan is to read: what the changed files added since they were read.
-std::int64_t bytesToRead(const std::vector<ToolFiles>& tools);
+// The bytes a scan is to read of one tool: what its changed files added since they were read.
+std::int64_t bytesToRead(const ToolFiles& tool);
 
-// Every file the walk found, in walk order, taken one at a time by the readers.
+// Every file the walks found, taken one at a time by the readers: a tool's files (in walk order)
+// as soon as its walk is done, so reading starts while other homes are still walked.
 class FileList {
 public:
-    explicit FileList(const std::vector<ToolFiles>& tools) {
-        for (const auto& tool : tools) {
-            for (const auto& file : tool.files) files_.emplace_back(&tool, &file);
-        }
-    }
-    // The next file no reader has taken; none at the end.
-    std::optional<std::pair<const ToolFiles*, const LogFileCandidate*>> take() {
-        const std::size_t at = next_++;
-        if (at >= files_.size()) return std::nullopt;
-        return files_[at];
-    }
+    // Adds the files of a tool whose walk is done; `tool` outlives the list.
+    void add(const ToolFiles& tool);
+    // No more tools will come.
+    void finish();
+    // The next file no reader has taken, waiting while walks go on; none at the end.
+    std::optional<std::pair<const ToolFiles*, const LogFileCandidate*>> take();
 
 private:
+    std::mutex mutex_;
+    std::condition_variable added_;
     std::vector<std::pair<const ToolFiles*, const LogFileCandidate*>> files_;
-    std::atomic<std::size_t> next_{0};
+    std::size_t next_ = 0;
+    bool finished_ = false;
 };
 
 // The files done and bytes read of all readers, passed to the options' callback one call at a
 // time, every 16 files.
 class ReadProgress {
 public:
-    ReadProgress(const QuotaScanOptions& options, QuotaScanProgress start) : options_(options), progress_(start) {}
+    explicit ReadProgress(const QuotaScanOptions& options) : options_(options) {}
+    // Files and bytes a walk added to the work (the totals grow while the walks go on).
+    void add(std::int64_t files, std::int64_t bytes);
     void fileDone(std::int64_t bytesRead);
 
 private:

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <mutex>
 #include <thread>
 
 #include "gaugepoint/importers/CodingToolLogs.hpp"
@@ -43,29 +44,27 @@ double secondsSetting(const QuotaSyncConfiguration& configuration, std::string_v
     return seconds >= 0 && seconds < 86400 ? seconds : fallback;
 }
 
-// What the walk of one tool's homes found.
-struct WalkedFiles {
-    std::vector<LogFileCandidate> files;
-    std::vector<WalkProblem> problems;
-};
-
-// Loads the parser states of the changed files that may go on from their position, before any
-// write starts (the writer holds the connection for whole batches).
-void loadParserStates(const QuotaSessionFileRegistry& registry, const std::string& sourceID, std::vector<ToolFiles>& tools) {
-    registry.withConnection([&](sqlite::Connection& connection) {
+// Loads the parser states of the tool's changed files that may go on from their position. On a
+// read connection of its own: the writer may hold the shared one for a whole batch meanwhile.
+void loadParserStates(const QuotaSessionFileRegistry& registry, const std::string& sourceID, ToolFiles& tool) {
+    std::vector<const std::pair<const std::string, QuotaSessionFileRegistryEntry>*> goOn;  // path, entry
+    for (const auto& file : tool.files) {
+        const auto found = tool.known.find(file.path.string());
+        if (found == tool.known.end()) continue;
+        if (!isUnchanged(*tool.tool, found->second, file) && goesOn(*tool.tool, found->second, file)) {
+            goOn.push_back(&*found);
+        }
+    }
+    if (goOn.empty()) return;
+    registry.withReadConnection([&](sqlite::Connection& connection) {
         sqlite::StatementCache statements{connection};
-        for (auto& tool : tools) {
-            for (const auto& file : tool.files) {
-                const auto found = tool.known.find(file.path.string());
-                if (found == tool.known.end()) continue;
-                if (isUnchanged(*tool.tool, found->second, file) || !goesOn(*tool.tool, found->second, file)) continue;
-                QuotaSessionFileRegistryEntry key;
-                key.path = found->first;
-                key.sourceID = sourceID;
-                key.providerID = tool.tool->provider().id;
-                key.captureMode = found->second.captureMode;
-                tool.states.emplace(found->first, QuotaUsageEntryStore::readOn(statements, key));
-            }
+        for (const auto* known : goOn) {
+            QuotaSessionFileRegistryEntry key;
+            key.path = known->first;
+            key.sourceID = sourceID;
+            key.providerID = tool.tool->provider().id;
+            key.captureMode = known->second.captureMode;
+            tool.states.emplace(known->first, QuotaUsageEntryStore::readOn(statements, key));
         }
     });
 }
@@ -87,45 +86,59 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     const ImportTuning tuning{registry, catalog};
     QuotaScanSummary summary, written;
 
-    // The tools' homes are walked beside each other and beside the registry's listing: on an
-    // unchanged tree these are the whole scan.
-    std::vector<std::future<WalkedFiles>> walks;
-    for (const auto& tool : codingTools()) {
-        const auto given = options.homes.find(tool->provider().id);
-        auto homes = given != options.homes.end() ? given->second : tool->defaultHomes();
-        walks.push_back(std::async(std::launch::async, [&tool = *tool, homes = std::move(homes)] {
-            WalkedFiles walked;
-            walked.files = findLogFiles(tool, homes, walked.problems);
-            return walked;
-        }));
+    // The tools' homes are walked beside each other and beside the registry's listing (on an
+    // unchanged tree these are the whole scan), and a tool's files are read as soon as its walk
+    // is done.
+    const auto& toolList = codingTools();
+    std::vector<ToolFiles> tools(toolList.size());
+    std::vector<std::vector<WalkProblem>> walkProblems(toolList.size());
+    std::vector<std::exception_ptr> walkFailures(toolList.size());
+    std::promise<void> listed;
+    const std::shared_future<void> knownListed = listed.get_future().share();
+    FileList files;
+    ReadProgress progress{options};
+    std::once_flag announced;
+    std::atomic<std::size_t> walking{toolList.size()};
+    std::vector<std::thread> walkers;
+    for (std::size_t i = 0; i < toolList.size(); ++i) {
+        tools[i].tool = toolList[i].get();
+        const auto given = options.homes.find(toolList[i]->provider().id);
+        auto homes = given != options.homes.end() ? given->second : toolList[i]->defaultHomes();
+        walkers.emplace_back([&, i, homes = std::move(homes)] {
+            try {
+                tools[i].files = findLogFiles(*tools[i].tool, homes, walkProblems[i]);
+                knownListed.get();
+                loadParserStates(registry, sourceID, tools[i]);
+                const std::int64_t toRead = bytesToRead(tools[i]);
+                if (toRead > 0) std::call_once(announced, [&] { lock.announce(); });
+                progress.add(std::int64_t(tools[i].files.size()), toRead);
+                files.add(tools[i]);
+            } catch (...) {
+                walkFailures[i] = std::current_exception();
+            }
+            if (--walking == 0) files.finish();
+        });
     }
-    std::vector<ToolFiles> tools;
-    for (const auto& tool : codingTools()) {
-        ToolFiles& files = tools.emplace_back();
-        files.tool = tool.get();
-        auto known = registry.positions(tool->provider().id, options.capture, sourceID);
-        files.known.reserve(known.size());
-        for (auto& entry : known) {
-            std::string path = std::move(entry.path);  // kept once, as the key
-            files.known.emplace(std::move(path), std::move(entry));
+    const auto joinWalkers = [&] {
+        for (auto& walker : walkers) walker.join();
+    };
+    try {
+        for (auto& tool : tools) {
+            auto known = registry.positions(tool.tool->provider().id, options.capture, sourceID);
+            tool.known.reserve(known.size());
+            for (auto& entry : known) {
+                std::string path = std::move(entry.path);  // kept once, as the key
+                tool.known.emplace(std::move(path), std::move(entry));
+            }
         }
-    }
-    std::int64_t total = 0;
-    for (std::size_t i = 0; i < tools.size(); ++i) {
-        auto walked = walks[i].get();
-        tools[i].files = std::move(walked.files);
-        total += std::int64_t(tools[i].files.size());
-        for (const auto& p : walked.problems) {
-            if (summary.problems.size() < kMaximumProblems) summary.problems.push_back({p.path.string(), std::nullopt, p.reason});
-        }
+        listed.set_value();
+    } catch (...) {
+        listed.set_exception(std::current_exception());
+        joinWalkers();
+        throw;
     }
 
-    loadParserStates(registry, sourceID, tools);
-    const std::int64_t toRead = bytesToRead(tools);
-    if (toRead > 0) lock.announce();
     PieceQueue queue;
-    FileList files{tools};
-    ReadProgress progress{options, {0, total, 0, toRead}};
     const unsigned readerCount = std::clamp(std::thread::hardware_concurrency(), 1u, kMostReaders);
     std::vector<QuotaScanSummary> read(readerCount);
     std::vector<std::exception_ptr> readFailures(readerCount);
@@ -152,12 +165,25 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
         queue.abandon();
         while (queue.pop()) {
         }
+        joinWalkers();
+        files.finish();  // readers waiting for more files stop
         joinReaders();
         throw;
     }
+    joinWalkers();
     joinReaders();
+    for (const auto& failure : walkFailures) {
+        if (failure) std::rethrow_exception(failure);
+    }
     for (const auto& failure : readFailures) {
         if (failure) std::rethrow_exception(failure);
+    }
+    std::int64_t total = 0;
+    for (std::size_t i = 0; i < tools.size(); ++i) {
+        total += std::int64_t(tools[i].files.size());
+        for (const auto& p : walkProblems[i]) {
+            if (summary.problems.size() < kMaximumProblems) summary.problems.push_back({p.path.string(), std::nullopt, p.reason});
+        }
     }
     for (auto& tally : read) {
         summary.filesRead += tally.filesRead;
@@ -206,7 +232,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     if (checkpoints.valid()) checkpoints.get();
     summary.newSessions = published.newSessions;
     summary.updatedSessions = published.updatedSessions;
-    if (options.progress) options.progress({total, total, summary.bytesRead, std::max(toRead, summary.bytesRead)});
+    if (options.progress) options.progress({total, total, summary.bytesRead, summary.bytesRead});
     return summary;
 }
 

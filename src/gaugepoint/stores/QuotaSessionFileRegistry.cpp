@@ -297,7 +297,6 @@ void QuotaSessionFileRegistry::withConnection(const std::function<void(sqlite::C
 }
 
 void QuotaSessionFileRegistry::withReadConnection(const std::function<void(sqlite::Connection&)>& work) const {
-    runRegistry([](sqlite::Connection&) {});  // the file exists, with its schema
     try {
         const sqlite::ReadOnlyConnection database{databaseURL(), SQLiteConnectionHolder::busyTimeout()};
         auto connection = database.connection();

@@ -96,8 +96,9 @@ public:
     void runInTransaction(std::string_view label, const std::function<void(sqlite::Connection&)>& work) const;
     // Runs `work` on the registry's connection, outside any transaction (for reads).
     void withConnection(const std::function<void(sqlite::Connection&)>& work) const;
-    // Runs `work` on a read-only connection of its own: a long read that leaves the shared
-    // connection free for writes beside it. Failures as the registry's.
+    // Runs `work` on a read-only connection of its own, never waiting for the shared one: a read
+    // beside a writer that holds it. The file must have been opened with its schema (by any
+    // other call) before. Failures as the registry's.
     void withReadConnection(const std::function<void(sqlite::Connection&)>& work) const;
     static void upsert(sqlite::Connection& connection, const QuotaSessionFileRegistryEntry& entry);
     static std::optional<QuotaSessionFileRegistryEntry> load(sqlite::Connection& connection, std::string_view path,
