@@ -392,7 +392,7 @@ void QuotaUsageEntryStore::buildDeferredIndexes() const {
 void QuotaUsageEntryStore::refreshUsageQuarters() const {
     bool dirty = false;  // a scan that changed nothing writes nothing
     registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::Statement any{connection, "SELECT 1 FROM usage_dirty_quarters LIMIT 1", "prepare usage quarters",
+        sqlite::CachedStatement any{connection, "SELECT 1 FROM usage_dirty_quarters LIMIT 1", "prepare usage quarters",
                               "execute usage quarters"};
         dirty = any.step();
     });
@@ -591,7 +591,7 @@ void QuotaUsageEntryStore::noteRateLimits(sqlite::StatementCache& statements, co
 std::vector<QuotaUsageEntryStore::SessionKey> QuotaUsageEntryStore::dirtySessions() const {
     std::vector<SessionKey> sessions;
     registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, "SELECT provider_id, session_id FROM import_dirty_sessions",
+        sqlite::CachedStatement select{connection, "SELECT provider_id, session_id FROM import_dirty_sessions",
                                  "prepare dirty sessions", "execute dirty sessions"};
         while (select.step()) sessions.push_back({std::string(select.text(0).value_or("")), std::string(select.text(1).value_or(""))});
     });
@@ -716,7 +716,7 @@ std::vector<QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::sessionC
     contents.reserve(sessions.size());
     registry_.withConnection([&](sqlite::Connection& connection) {
         const sqlite::ReadTransaction reads{connection};
-        sqlite::StatementCache statements{connection};
+        sqlite::StatementCache& statements = *connection.statementCache();  // the holder's: kept between calls
         for (const auto& session : sessions) {
             SessionContent& content = contents.emplace_back();
             content.usage = readSessionUsage(statements, session);
@@ -860,7 +860,7 @@ std::vector<QuotaUsageEntryStore::SessionModelUsage> QuotaUsageEntryStore::sessi
 std::optional<QuotaObservedRateLimits> QuotaUsageEntryStore::latestRateLimits(std::string_view providerID) const {
     std::optional<QuotaObservedRateLimits> limits;
     registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, "SELECT limits_json FROM import_rate_limits WHERE provider_id = ?",
+        sqlite::CachedStatement select{connection, "SELECT limits_json FROM import_rate_limits WHERE provider_id = ?",
                                  "prepare rate limits", "execute rate limits"};
         select.bind(1, providerID);
         if (!select.step()) return;

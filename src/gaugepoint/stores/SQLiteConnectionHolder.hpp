@@ -81,6 +81,12 @@ public:
     auto withConnection(const SQLiteStoreSetup& setup, Operation&& operation,
                         const std::function<void(SQLiteConnectionHolder&)>& beforeOpen = {}) {
         std::lock_guard guard{dbLock_};
+        struct ResetStatements {  // on the way out, failures too; the cache may be gone by then
+            SQLiteConnectionHolder& holder;
+            ~ResetStatements() {
+                if (holder.statements_) holder.statements_->resetHandedOut();
+            }
+        } resetStatements{*this};
         try {
             if (!db_ || !didSetup_) {
                 if (beforeOpen) beforeOpen(*this);

@@ -11,10 +11,23 @@ StatementCache::Slot& StatementCache::slot(const char* sql, std::string_view pre
 }
 
 Statement& StatementCache::get(const char* sql, std::string_view prepareLabel, std::string_view executeLabel) {
-    Statement& statement = *slot(sql, prepareLabel).statement;
+    Slot& found = slot(sql, prepareLabel);
+    if (!found.handedOut) {
+        found.handedOut = true;
+        handedOut_.push_back(&found);
+    }
+    Statement& statement = *found.statement;
     statement.reset();
     statement.setExecuteLabel(executeLabel);
     return statement;
+}
+
+void StatementCache::resetHandedOut() noexcept {
+    for (Slot* slot : handedOut_) {
+        slot->statement->reset();
+        slot->handedOut = false;
+    }
+    handedOut_.clear();
 }
 
 StatementCache::Slot* StatementCache::borrow(const char* sql, std::string_view prepareLabel) {

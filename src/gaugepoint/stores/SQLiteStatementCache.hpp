@@ -8,6 +8,7 @@
 #include <memory>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "gaugepoint/stores/SQLite.hpp"
 
@@ -23,8 +24,12 @@ public:
 
     // The statement of `sql`, reset with its bindings cleared, prepared on first use and labelled
     // `executeLabel` for this use. `sql` is the key by address, so it must be a constant that
-    // outlives the cache. Throws Failure. The caller resets it when done (or the next get does).
+    // outlives the cache. Throws Failure. The caller resets it when done; the holder's cache
+    // resets whatever get() handed out when its connection's lock is released.
     Statement& get(const char* sql, std::string_view prepareLabel, std::string_view executeLabel);
+    // Resets every statement get() handed out since the last call (CachedStatement resets its
+    // own), so none stays mid-read, holding a snapshot, between two holds of the lock.
+    void resetHandedOut() noexcept;
 
     Connection& connection() { return connection_; }
     // Statements held (for tests).
@@ -34,7 +39,8 @@ private:
     friend class CachedStatement;
     struct Slot {
         std::unique_ptr<Statement> statement;
-        bool inUse = false;  // lent to a CachedStatement
+        bool inUse = false;       // lent to a CachedStatement
+        bool handedOut = false;   // given by get() since the last resetHandedOut()
     };
     // The slot of `sql` marked in use, its statement prepared on first use; null while it is
     // already lent. Throws Failure(prepareLabel).
@@ -43,6 +49,7 @@ private:
 
     Connection connection_;
     std::unordered_map<const char*, Slot> statements_;  // nodes: a Slot never moves
+    std::vector<Slot*> handedOut_;
 };
 
 }  // namespace gaugepoint::sqlite
