@@ -123,8 +123,8 @@ public:
     void setExecuteLabel(std::string_view label);
 
 protected:
-    // Adopts `statement`, already prepared; a subclass that borrows it sets statement_ to null
-    // before this destructor runs.
+    // For a subclass that sets statement_ itself; one that borrows a cached statement sets it
+    // back to null before this destructor runs, so that only statements of its own are finalized.
     Connection connection_;
     sqlite3_stmt* statement_ = nullptr;
     std::string executeLabel_;
