@@ -591,7 +591,7 @@ void QuotaUsageEntryStore::noteRateLimits(sqlite::StatementCache& statements, co
 std::vector<QuotaUsageEntryStore::SessionKey> QuotaUsageEntryStore::dirtySessions() const {
     std::vector<SessionKey> sessions;
     registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::CachedStatement select{connection, "SELECT provider_id, session_id FROM import_dirty_sessions",
+        sqlite::Statement select{connection, "SELECT provider_id, session_id FROM import_dirty_sessions",
                                  "prepare dirty sessions", "execute dirty sessions"};
         while (select.step()) sessions.push_back({std::string(select.text(0).value_or("")), std::string(select.text(1).value_or(""))});
     });
