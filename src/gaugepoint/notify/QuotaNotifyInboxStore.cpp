@@ -74,6 +74,10 @@ const std::string kIDsByCategory =
     "SELECT envelope_id FROM notify_inbox WHERE category = ? ORDER BY created_at DESC, envelope_id DESC";
 const std::string kDataVersion = "PRAGMA data_version";
 
+const char* idsOfThreadSQL(NotifyInboxThreadGrouping grouping) {
+    return (grouping == NotifyInboxThreadGrouping::group ? kIDsByGroup : kIDsByThread).c_str();
+}
+
 const std::string kUpsert = [] {
     std::string sql = std::string("INSERT OR REPLACE INTO notify_inbox (\n") + kColumns + "\n) VALUES (";
     for (int i = 0; i < kColumnCount; ++i) sql += i ? ", ?" : "?";
@@ -112,26 +116,25 @@ void ensureSchema(sqlite::Connection& connection) {
     transaction.commit();
 }
 
-// ---- one pool and one page cache per file, for the life of the process ----
+// Both connections of the file are set up alike: the schema block, no script of its own.
+const SQLiteStoreSetup& inboxSetup() {
+    static const SQLiteStoreSetup setup{"Unable to open inbox database at ", nullptr, ensureSchema, {"notify_inbox"}};
+    return setup;
+}
 
-template <class T, class Make>
-std::shared_ptr<T> sharedPerFile(const std::filesystem::path& file, Make make) {
+// One page cache per file, for the life of the process, like the connections.
+std::shared_ptr<NotifyInboxPageCache> sharedPageCache(const std::filesystem::path& file) {
     static std::mutex registryLock;
-    static std::map<std::filesystem::path, std::shared_ptr<T>> registry;
+    static std::map<std::filesystem::path, std::shared_ptr<NotifyInboxPageCache>> registry;
     std::lock_guard guard{registryLock};
     auto& slot = registry[file];
-    if (!slot) slot = make();
+    if (!slot) slot = std::make_shared<NotifyInboxPageCache>();
     return slot;
 }
 
 std::atomic<std::uint64_t> postedChanges{0};
 
 // ---- rows ----
-
-std::optional<std::string> optionalText(const sqlite::Statement& row, int column) {
-    const auto text = row.text(column);
-    return text ? std::optional<std::string>(*text) : std::nullopt;
-}
 
 std::string requiredText(const sqlite::Statement& row, int column) { return std::string(row.text(column).value_or("")); }
 
@@ -145,20 +148,20 @@ QuotaNotifyArchiveEntry entryFromRow(const sqlite::Statement& row) {
     entry.archivedAt = dateFromSeconds(row.real(3));
     entry.origin = requiredText(row, 4);
     entry.title = requiredText(row, 5);
-    entry.subtitle = optionalText(row, 6);
+    entry.subtitle = sqlite::optionalText(row, 6);
     entry.body = requiredText(row, 7);
-    entry.sourceID = optionalText(row, 8);
-    entry.sourceName = optionalText(row, 9);
-    entry.sourceLine = optionalText(row, 10);
-    entry.providerID = optionalText(row, 11);
-    entry.providerDisplayName = optionalText(row, 12);
-    entry.groupID = optionalText(row, 13);
-    entry.iconHint = optionalText(row, 14);
+    entry.sourceID = sqlite::optionalText(row, 8);
+    entry.sourceName = sqlite::optionalText(row, 9);
+    entry.sourceLine = sqlite::optionalText(row, 10);
+    entry.providerID = sqlite::optionalText(row, 11);
+    entry.providerDisplayName = sqlite::optionalText(row, 12);
+    entry.groupID = sqlite::optionalText(row, 13);
+    entry.iconHint = sqlite::optionalText(row, 14);
     entry.category = row.text(15) ? std::string(*row.text(15)) : "general";
-    entry.level = optionalText(row, 16);
+    entry.level = sqlite::optionalText(row, 16);
     entry.isArchive = row.isNull(17) || row.integer(17) != 0;
-    entry.pairingToken = optionalText(row, 18);
-    entry.mailboxRecordName = optionalText(row, 19);
+    entry.pairingToken = sqlite::optionalText(row, 18);
+    entry.mailboxRecordName = sqlite::optionalText(row, 19);
     if (const auto via = row.text(20)) {
         try {
             entry.deliveredVia = json::decode<std::vector<std::string>>(*via);
@@ -236,9 +239,9 @@ std::int64_t deleteIDs(sqlite::Connection& connection, const std::vector<std::st
     return removed;
 }
 
-std::int64_t dataVersion(sqlite::Connection& connection, NotifyStmtCache& stmts) {
-    auto version = stmts.statement(connection, kDataVersion, "data_version");
-    return version->step() ? version->integer(0) : 0;
+std::int64_t dataVersion(sqlite::Connection& connection) {
+    sqlite::CachedStatement version{connection, kDataVersion.c_str(), "data_version"};
+    return version.step() ? version.integer(0) : 0;
 }
 
 }  // namespace
@@ -263,20 +266,8 @@ std::optional<NotifyInboxCursor> NotifyInboxCursor::parse(std::string_view text)
 // ---- store ----
 
 QuotaNotifyInboxStore::QuotaNotifyInboxStore(QuotaSyncConfiguration configuration)
-    : configuration_(std::move(configuration)) {
-    const auto directory = configuration_.resolvedAppGroupDirectory();
-    if (!directory) return;
-    file_ = *directory / defaultFilename;
-    pool_ = sharedPerFile<NotifyInboxConnectionPool>(*file_, [&] {
-        return std::make_shared<NotifyInboxConnectionPool>(
-            *file_, SQLiteStoreSetup{"Unable to open inbox database at ", nullptr, ensureSchema, {"notify_inbox"}});
-    });
-    cache_ = sharedPerFile<NotifyInboxPageCache>(*file_, [] { return std::make_shared<NotifyInboxPageCache>(); });
-}
-
-std::filesystem::path QuotaNotifyInboxStore::databaseURL() const {
-    if (!file_) throw QuotaNotifyInboxStoreError::missingAppGroupContainer(configuration_.appGroupIdentifier);
-    return *file_;
+    : SQLiteStore(std::move(configuration), std::nullopt, defaultFilename, Connections::writerAndReader) {
+    if (file_) cache_ = sharedPageCache(*file_);
 }
 
 std::string QuotaNotifyInboxStore::crossProcessChangeName() const {
@@ -288,13 +279,8 @@ std::filesystem::path QuotaNotifyInboxStore::changeSignalURL() const {
 }
 
 void QuotaNotifyInboxStore::ensureOpen() const {
-    databaseURL();
-    try {
-        pool_->write([](sqlite::Connection&, NotifyStmtCache&) {});
-        pool_->read([](sqlite::Connection&, NotifyStmtCache&) {});
-    } catch (const sqlite::Failure& failure) {
-        throw QuotaNotifyInboxStoreError::sqliteFailure(failure.what());
-    }
+    run(inboxSetup(), [](sqlite::Connection&) {});
+    runReading(inboxSetup(), [](sqlite::Connection&) {});
 }
 
 // Runs a write on the write side; `operation` returns how many rows it changed. Clears the page
@@ -311,11 +297,7 @@ std::int64_t QuotaNotifyInboxStore::write(Operation&& operation) const {
             NotifyInboxPageCache& cache;
             ~Invalidate() { cache.invalidate(); }
         } invalidate{*cache_};
-        try {
-            changed = pool_->write(operation);
-        } catch (const sqlite::Failure& failure) {
-            throw QuotaNotifyInboxStoreError::sqliteFailure(failure.what());
-        }
+        changed = run(inboxSetup(), operation);
     }
     if (changed > 0) postChange();
     return changed;
@@ -323,12 +305,7 @@ std::int64_t QuotaNotifyInboxStore::write(Operation&& operation) const {
 
 template <class Result, class Operation>
 Result QuotaNotifyInboxStore::read(Operation&& operation) const noexcept {
-    if (!pool_) return Result{};
-    try {
-        return pool_->read(operation);
-    } catch (...) {
-        return Result{};
-    }
+    return readOr(inboxSetup(), operation, Result{});
 }
 
 void QuotaNotifyInboxStore::postChange() const {
@@ -348,30 +325,30 @@ QuotaNotifyInbox QuotaNotifyInboxStore::load() const noexcept {
 
 std::vector<QuotaNotifyArchiveEntry> QuotaNotifyInboxStore::loadPage(std::int64_t offset, std::int64_t limit) const noexcept {
     using Entries = std::vector<QuotaNotifyArchiveEntry>;
-    return read<Entries>([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
-        auto select = stmts.statement(connection, kPageByOffset, "loadPage(offset:limit:)");
-        select->bind(1, limit).bind(2, offset);
-        return readEntries(*select);
+    return read<Entries>([&](sqlite::Connection& connection) {
+        sqlite::CachedStatement select{connection, kPageByOffset.c_str(), "loadPage(offset:limit:)"};
+        select.bind(1, limit).bind(2, offset);
+        return readEntries(select);
     });
 }
 
 std::vector<QuotaNotifyArchiveEntry> QuotaNotifyInboxStore::loadPage(const std::optional<NotifyInboxCursor>& before,
                                                                      std::int64_t limit) const noexcept {
     using Entries = std::vector<QuotaNotifyArchiveEntry>;
-    return read<Entries>([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
+    return read<Entries>([&](sqlite::Connection& connection) {
         if (before) {
-            auto select = stmts.statement(connection, kPageBefore, "loadPage(before:limit:)");
+            sqlite::CachedStatement select{connection, kPageBefore.c_str(), "loadPage(before:limit:)"};
             const double createdAt = secondsSince1970(before->createdAt);
-            select->bind(1, createdAt).bind(2, createdAt).bind(3, before->envelopeID).bind(4, limit);
-            return readEntries(*select);
+            select.bind(1, createdAt).bind(2, createdAt).bind(3, before->envelopeID).bind(4, limit);
+            return readEntries(select);
         }
         // The version is read before the page: a commit landing in between leaves the page newer
         // than its stamp, which only costs a needless refill.
-        const std::int64_t version = dataVersion(connection, stmts);
+        const std::int64_t version = dataVersion(connection);
         if (auto cached = cache_->page(limit, version)) return std::move(*cached);
-        auto select = stmts.statement(connection, kFirstPage, "loadPage(before:limit:)");
-        select->bind(1, limit);
-        Entries entries = readEntries(*select);
+        sqlite::CachedStatement select{connection, kFirstPage.c_str(), "loadPage(before:limit:)"};
+        select.bind(1, limit);
+        Entries entries = readEntries(select);
         if (limit >= 0 && limit <= maxCachedPageSize) cache_->storePage(entries, limit, version);
         return entries;
     });
@@ -379,77 +356,76 @@ std::vector<QuotaNotifyArchiveEntry> QuotaNotifyInboxStore::loadPage(const std::
 
 std::vector<QuotaNotifyArchiveEntry> QuotaNotifyInboxStore::loadAllEntries() const noexcept {
     using Entries = std::vector<QuotaNotifyArchiveEntry>;
-    return read<Entries>([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
-        auto select = stmts.statement(connection, kAllEntries, "loadAllEntries");
-        return readEntries(*select);
+    return read<Entries>([&](sqlite::Connection& connection) {
+        sqlite::CachedStatement select{connection, kAllEntries.c_str(), "loadAllEntries"};
+        return readEntries(select);
     });
 }
 
 std::int64_t QuotaNotifyInboxStore::totalCount() const noexcept {
-    return read<std::int64_t>([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
-        const std::int64_t version = dataVersion(connection, stmts);
+    return read<std::int64_t>([&](sqlite::Connection& connection) {
+        const std::int64_t version = dataVersion(connection);
         if (const auto cached = cache_->count(version)) return *cached;
-        auto count = stmts.statement(connection, kCount, "totalCount");
-        const std::int64_t total = count->step() ? count->integer(0) : 0;
+        sqlite::CachedStatement count{connection, kCount.c_str(), "totalCount"};
+        const std::int64_t total = count.step() ? count.integer(0) : 0;
         cache_->storeCount(total, version);
         return total;
     });
 }
 
 bool QuotaNotifyInboxStore::contains(std::string_view envelopeID) const noexcept {
-    return read<bool>([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
-        auto select = stmts.statement(connection, kContains, "contains(envelopeID:)");
-        select->bind(1, envelopeID);
-        return select->step();
+    return read<bool>([&](sqlite::Connection& connection) {
+        sqlite::CachedStatement select{connection, kContains.c_str(), "contains(envelopeID:)"};
+        select.bind(1, envelopeID);
+        return select.step();
     });
 }
 
 std::unordered_set<std::string> QuotaNotifyInboxStore::knownEnvelopeIDs() const noexcept {
     using IDs = std::unordered_set<std::string>;
-    return read<IDs>([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
-        auto select = stmts.statement(connection, kKnownIDs, "knownEnvelopeIDs");
+    return read<IDs>([&](sqlite::Connection& connection) {
+        sqlite::CachedStatement select{connection, kKnownIDs.c_str(), "knownEnvelopeIDs"};
         IDs ids;
-        while (select->step()) ids.insert(requiredText(*select, 0));
+        while (select.step()) ids.insert(requiredText(select, 0));
         return ids;
     });
 }
 
 std::vector<std::string> QuotaNotifyInboxStore::envelopeIDs(std::string_view threadID,
                                                             NotifyInboxThreadGrouping grouping) const noexcept {
-    return read<std::vector<std::string>>([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
-        auto select = stmts.statement(connection, grouping == NotifyInboxThreadGrouping::group ? kIDsByGroup : kIDsByThread,
-                                      "envelopeIDs(threadID:grouping:)");
-        select->bind(1, threadID);
-        return readIDs(*select);
+    return read<std::vector<std::string>>([&](sqlite::Connection& connection) {
+        sqlite::CachedStatement select{connection, idsOfThreadSQL(grouping), "envelopeIDs(threadID:grouping:)"};
+        select.bind(1, threadID);
+        return readIDs(select);
     });
 }
 
 std::vector<std::string> QuotaNotifyInboxStore::envelopeIDsMatchingCategory(std::string_view category) const noexcept {
-    return read<std::vector<std::string>>([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
-        auto select = stmts.statement(connection, kIDsByCategory, "envelopeIDs(matchingCategory:)");
-        select->bind(1, category);
-        return readIDs(*select);
+    return read<std::vector<std::string>>([&](sqlite::Connection& connection) {
+        sqlite::CachedStatement select{connection, kIDsByCategory.c_str(), "envelopeIDs(matchingCategory:)"};
+        select.bind(1, category);
+        return readIDs(select);
     });
 }
 
 void QuotaNotifyInboxStore::upsert(const QuotaNotifyArchiveEntry& entry) const {
-    write([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
-        auto upsert = stmts.statement(connection, kUpsert, "upsert");
-        bindEntry(*upsert, entry);
-        upsert->run();
+    write([&](sqlite::Connection& connection) {
+        sqlite::CachedStatement upsert{connection, kUpsert.c_str(), "upsert"};
+        bindEntry(upsert, entry);
+        upsert.run();
         return std::int64_t{1};
     });
 }
 
 void QuotaNotifyInboxStore::upsert(const std::vector<QuotaNotifyArchiveEntry>& entries) const {
     if (entries.empty()) return;
-    write([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
+    write([&](sqlite::Connection& connection) {
         sqlite::Transaction transaction{connection, "upsert"};
-        auto upsert = stmts.statement(connection, kUpsert, "upsert");
+        sqlite::CachedStatement upsert{connection, kUpsert.c_str(), "upsert"};
         for (const auto& entry : entries) {
-            upsert->reset();
-            bindEntry(*upsert, entry);
-            upsert->run();
+            upsert.reset();
+            bindEntry(upsert, entry);
+            upsert.run();
         }
         transaction.commit();
         return std::int64_t(entries.size());
@@ -457,16 +433,16 @@ void QuotaNotifyInboxStore::upsert(const std::vector<QuotaNotifyArchiveEntry>& e
 }
 
 void QuotaNotifyInboxStore::deleteMessage(std::string_view envelopeID) const {
-    write([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
-        auto remove = stmts.statement(connection, kDeleteOne, "deleteMessage");
-        remove->bind(1, envelopeID).run();
+    write([&](sqlite::Connection& connection) {
+        sqlite::CachedStatement remove{connection, kDeleteOne.c_str(), "deleteMessage"};
+        remove.bind(1, envelopeID).run();
         return connection.changes();
     });
 }
 
 std::int64_t QuotaNotifyInboxStore::deleteMessages(const std::vector<std::string>& envelopeIDs) const {
     if (envelopeIDs.empty()) return 0;  // "IN ()" is not SQL; nothing to do
-    return write([&](sqlite::Connection& connection, NotifyStmtCache&) {
+    return write([&](sqlite::Connection& connection) {
         sqlite::Transaction transaction{connection, "deleteMessages(envelopeIDs:)"};
         const std::int64_t removed = deleteIDs(connection, envelopeIDs);
         transaction.commit();
@@ -475,24 +451,23 @@ std::int64_t QuotaNotifyInboxStore::deleteMessages(const std::vector<std::string
 }
 
 std::int64_t QuotaNotifyInboxStore::deleteMessagesMatchingCategory(std::string_view category) const {
-    return write([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
-        auto remove = stmts.statement(connection, kDeleteCategory, "deleteMessages(category:)");
-        remove->bind(1, category).run();
+    return write([&](sqlite::Connection& connection) {
+        sqlite::CachedStatement remove{connection, kDeleteCategory.c_str(), "deleteMessages(category:)"};
+        remove.bind(1, category).run();
         return connection.changes();
     });
 }
 
 std::int64_t QuotaNotifyInboxStore::deleteThread(std::string_view threadID, NotifyInboxThreadGrouping grouping) const {
-    return write([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
+    return write([&](sqlite::Connection& connection) {
         // The id list is read on the write side inside the transaction, so it is exactly the
         // thread as it stands when the delete runs.
         sqlite::Transaction transaction{connection, "deleteThread"};
         std::vector<std::string> ids;
         {
-            auto select = stmts.statement(connection, grouping == NotifyInboxThreadGrouping::group ? kIDsByGroup : kIDsByThread,
-                                          "envelopeIDs(threadID:grouping:)");
-            select->bind(1, threadID);
-            ids = readIDs(*select);
+            sqlite::CachedStatement select{connection, idsOfThreadSQL(grouping), "envelopeIDs(threadID:grouping:)"};
+            select.bind(1, threadID);
+            ids = readIDs(select);
         }
         const std::int64_t removed = deleteIDs(connection, ids);
         transaction.commit();
@@ -501,39 +476,38 @@ std::int64_t QuotaNotifyInboxStore::deleteThread(std::string_view threadID, Noti
 }
 
 std::int64_t QuotaNotifyInboxStore::clear() const {
-    return write([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
+    return write([&](sqlite::Connection& connection) {
         // RETURNING counts exactly the rows this statement deleted. A SQLite without it (before
         // 3.35) cannot prepare it; the plain DELETE and the change count do the same there.
         try {
-            auto clear = stmts.statement(connection, kClearReturning, "clear");
+            sqlite::CachedStatement clear{connection, kClearReturning.c_str(), "clear"};
             std::int64_t removed = 0;
-            while (clear->step()) ++removed;
+            while (clear.step()) ++removed;
             return removed;
         } catch (const sqlite::Failure&) {
         }
-        auto fallback = stmts.statement(connection, kClearFallback, "clear fallback");
-        fallback->run();
+        sqlite::CachedStatement fallback{connection, kClearFallback.c_str(), "clear fallback"};
+        fallback.run();
         return connection.changes();
     });
 }
 
 std::int64_t QuotaNotifyInboxStore::trimOldEntries(double olderThanSeconds) const {
-    return write([&](sqlite::Connection& connection, NotifyStmtCache& stmts) {
-        sqlite::Transaction transaction{connection, "trimOldEntries"};
-        // "Now" is read with the write side held, so a trim that waited for it cuts at the time it runs.
-        const Date cutoff = configuration_.clock.now() - std::chrono::duration<double>(olderThanSeconds);
-        auto trim = stmts.statement(connection, kTrim, "trimOldEntries");
-        trim->bind(1, secondsSince1970(cutoff)).run();
-        const std::int64_t removed = connection.changes();
-        transaction.commit();
-        return removed;
+    return trimming(Trim::failsTheCall, [&] {
+        return write([&](sqlite::Connection& connection) {
+            sqlite::Transaction transaction{connection, "trimOldEntries"};
+            // "Now" is read with the write side held, so a trim that waited for it cuts at the time it runs.
+            const Date cutoff = configuration_.clock.now() - std::chrono::duration<double>(olderThanSeconds);
+            const std::int64_t removed = sqlite::trimRows(connection, kTrim.c_str(), secondsSince1970(cutoff), "trimOldEntries");
+            transaction.commit();
+            return removed;
+        });
     });
 }
 
 void QuotaNotifyInboxStore::walCheckpoint() const noexcept {
-    if (!pool_) return;
     try {
-        pool_->write([](sqlite::Connection& connection, NotifyStmtCache&) { connection.checkpointQuietly(); });
+        run(inboxSetup(), [](sqlite::Connection& connection) { connection.checkpointQuietly(); });
     } catch (...) {
     }
 }

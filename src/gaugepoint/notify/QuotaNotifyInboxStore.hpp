@@ -12,10 +12,10 @@
 
 #include "gaugepoint/model/QuotaNotifyInbox.hpp"
 #include "gaugepoint/notify/NotifyInboxChangeSignal.hpp"
-#include "gaugepoint/notify/NotifyInboxConnectionPool.hpp"
 #include "gaugepoint/notify/NotifyInboxPageCache.hpp"
 #include "gaugepoint/platform/Error.hpp"
 #include "gaugepoint/platform/QuotaSyncConfiguration.hpp"
+#include "gaugepoint/stores/SQLiteStore.hpp"
 
 namespace gaugepoint {
 
@@ -56,18 +56,18 @@ struct NotifyInboxCursor {
 enum class NotifyInboxThreadGrouping { thread, group };
 
 // The notification inbox in "quota-notify-inbox.sqlite": every delivered or archived message,
-// newest first. A value: copies, and every store of the same file in this process, share one
-// connection pool and one page cache. Thread-safe.
+// newest first. A value: copies, and every store of the same file in this process, share the
+// file's two connections and one page cache. Thread-safe.
 //
-// Writes run on the write connection and reads on the read connection (WAL), so a list can be
-// read while a write runs. Reads never throw: any failure yields an empty result. Writes throw
+// Writes run on the file's writer connection and reads on its reader connection (WAL), so a list
+// can be read while a write runs. Reads never throw: any failure yields an empty result. Writes throw
 // QuotaNotifyInboxStoreError. A write that changed rows posts quotaNotifyInboxDidChange to
 // NotificationCenter::shared() after releasing the write side, and the cross-process signal.
 //
 // The table is schema version 2 (PRAGMA user_version). A database of any other version is
 // rebuilt empty when first opened; a file that is not a SQLite database is reported and left as
 // it is.
-class QuotaNotifyInboxStore {
+class QuotaNotifyInboxStore : public SQLiteStore<QuotaNotifyInboxStoreError> {
 public:
     static constexpr std::string_view defaultFilename = "quota-notify-inbox.sqlite";
     static constexpr std::int64_t schemaVersion = 2;
@@ -79,8 +79,8 @@ public:
 
     explicit QuotaNotifyInboxStore(QuotaSyncConfiguration configuration = QuotaSyncConfiguration::standard());
 
-    // The database file; throws missingAppGroupContainer when there is no directory for it.
-    std::filesystem::path databaseURL() const;
+    // databaseURL(): the database file; throws missingAppGroupContainer when there is no
+    // directory for it.
     // The reverse-DNS name of the cross-process signal, and the file that carries it (beside the
     // database; see NotifyInboxChangeSignal).
     std::string crossProcessChangeName() const;
@@ -131,8 +131,6 @@ public:
     // Change notifications this process has posted (all inbox files together).
     std::uint64_t notifyEventCount() const noexcept;
 
-    const QuotaSyncConfiguration& configuration() const { return configuration_; }
-
 private:
     template <class Operation>
     std::int64_t write(Operation&& operation) const;
@@ -140,9 +138,6 @@ private:
     Result read(Operation&& operation) const noexcept;
     void postChange() const;
 
-    QuotaSyncConfiguration configuration_;
-    std::optional<std::filesystem::path> file_;
-    std::shared_ptr<NotifyInboxConnectionPool> pool_;
     std::shared_ptr<NotifyInboxPageCache> cache_;
 };
 

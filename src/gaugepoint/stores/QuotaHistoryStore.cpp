@@ -78,7 +78,7 @@ void bindRow(sqlite::Statement& insert, const QuotaSnapshot& snapshot) {
 
 void insertAll(sqlite::Connection& connection, const std::vector<QuotaSnapshot>& snapshots, std::string_view operation) {
     sqlite::Transaction transaction{connection, operation};
-    sqlite::Statement insert{connection, kInsert, operation};
+    sqlite::CachedStatement insert{connection, kInsert, operation};
     for (const auto& snapshot : snapshots) {
         insert.reset();
         bindRow(insert, snapshot);
@@ -98,14 +98,12 @@ QuotaHistoryTimeline readTimeline(sqlite::Statement& select) {
 }
 
 QuotaHistoryTimeline selectAll(sqlite::Connection& connection) {
-    sqlite::Statement select{connection, kSelectAll, "prepare loadTimeline", "execute loadTimeline"};
+    sqlite::CachedStatement select{connection, kSelectAll, "prepare loadTimeline", "execute loadTimeline"};
     return readTimeline(select);
 }
 
 std::int64_t deleteOlderThan(sqlite::Connection& connection, Date cutoff, std::string_view operation) {
-    sqlite::Statement trim{connection, kRetention, operation};
-    trim.bind(1, secondsSince1970(cutoff)).run();
-    return connection.changes();
+    return sqlite::trimRows(connection, kRetention, secondsSince1970(cutoff), operation);
 }
 
 }  // namespace
@@ -157,7 +155,7 @@ QuotaHistoryTimeline QuotaHistoryStore::loadTimeline() const { return run(select
 QuotaHistoryTimeline QuotaHistoryStore::loadTimeline(double days) const {
     const Date cutoff = daysAgo(configuration_, days);
     return run([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, kSelectSince, "prepare loadTimeline(days)", "execute loadTimeline(days)"};
+        sqlite::CachedStatement select{connection, kSelectSince, "prepare loadTimeline(days)", "execute loadTimeline(days)"};
         select.bind(1, secondsSince1970(cutoff));
         return readTimeline(select);
     });
@@ -174,7 +172,7 @@ QuotaHistoryTimeline QuotaHistoryStore::loadTimelineOrEmpty() const noexcept {
 std::optional<QuotaSnapshot> QuotaHistoryStore::latestSnapshot() const noexcept {
     try {
         return run([](sqlite::Connection& connection) -> std::optional<QuotaSnapshot> {
-            sqlite::Statement select{connection, kSelectNewestFirst, "prepare latestSnapshot", "execute latestSnapshot"};
+            sqlite::CachedStatement select{connection, kSelectNewestFirst, "prepare latestSnapshot", "execute latestSnapshot"};
             while (select.step()) {
                 if (auto snapshot = decodeSnapshotBlob(select.blob(0), select.text(1))) return snapshot;
             }
@@ -188,10 +186,10 @@ std::optional<QuotaSnapshot> QuotaHistoryStore::latestSnapshot() const noexcept 
 void QuotaHistoryStore::insertAndTrim(sqlite::Connection& connection, const QuotaSnapshot& snapshot,
                                       double retentionDays) const {
     const Date cutoff = daysAgo(configuration_, retentionDays);
-    sqlite::Statement insert{connection, kInsert, "prepare append", "execute append"};
+    sqlite::CachedStatement insert{connection, kInsert, "prepare append", "execute append"};
     bindRow(insert, snapshot);
     insert.run();
-    deleteOlderThan(connection, cutoff, "retention trim");
+    deleteOlderThan(connection, cutoff, "retention trim");  // part of the write: fails it with its own label
 }
 
 void QuotaHistoryStore::record(const QuotaSnapshot& snapshot, double retentionDays) const {
@@ -212,7 +210,7 @@ void QuotaHistoryStore::saveTimeline(const QuotaHistoryTimeline& timeline) const
 
 QuotaHistoryTimeline QuotaHistoryStore::removeSnapshots(std::string_view sourceID) const {
     return run([&](sqlite::Connection& connection) {
-        sqlite::Statement remove{connection, kRemoveBySource, "prepare removeSnapshots", "execute removeSnapshots"};
+        sqlite::CachedStatement remove{connection, kRemoveBySource, "prepare removeSnapshots", "execute removeSnapshots"};
         remove.bind(1, sourceID).run();
         return selectAll(connection);
     });
@@ -220,12 +218,14 @@ QuotaHistoryTimeline QuotaHistoryStore::removeSnapshots(std::string_view sourceI
 
 std::int64_t QuotaHistoryStore::trimOlderThan(double days) const {
     const Date cutoff = daysAgo(configuration_, days);
-    return run([&](sqlite::Connection& connection) { return deleteOlderThan(connection, cutoff, "trimOlderThan"); });
+    return trimming(Trim::failsTheCall, [&] {
+        return run([&](sqlite::Connection& connection) { return deleteOlderThan(connection, cutoff, "trimOlderThan"); });
+    });
 }
 
 std::int64_t QuotaHistoryStore::clear() const {
     return run([](sqlite::Connection& connection) {
-        sqlite::Statement clear{connection, kClear, "prepare clear", "execute clear"};
+        sqlite::CachedStatement clear{connection, kClear, "prepare clear", "execute clear"};
         clear.run();
         return connection.changes();
     });

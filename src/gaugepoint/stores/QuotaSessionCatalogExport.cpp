@@ -25,7 +25,7 @@ constexpr const char* kExportMessages =
 
 QuotaSessionSyncWatermark readWatermark(sqlite::Connection& connection, std::string_view deviceKey,
                                         std::string_view tableName) {
-    sqlite::Statement select{connection, kWatermark, "prepare watermark", "execute watermark"};
+    sqlite::CachedStatement select{connection, kWatermark, "prepare watermark", "execute watermark"};
     select.bind(1, deviceKey).bind(2, tableName);
     if (!select.step()) return {};
     return {select.real(0), select.integer(1)};
@@ -55,7 +55,7 @@ QuotaSessionDescriptorExport QuotaSessionCatalogStore::exportIncrementalDescript
     return runCatalog([&](sqlite::Connection& connection) {
         QuotaSessionDescriptorExport page;
         page.watermark = readWatermark(connection, deviceKey, descriptorsTable);
-        sqlite::Statement select{connection, kExportDescriptors, "prepare exportIncrementalDescriptors",
+        sqlite::CachedStatement select{connection, kExportDescriptors, "prepare exportIncrementalDescriptors",
                                  "execute exportIncrementalDescriptors"};
         bindExport(select, page.watermark, limit);
         while (select.step()) {
@@ -74,7 +74,7 @@ QuotaSessionMessageExport QuotaSessionCatalogStore::exportIncrementalMessages(st
     return runCatalog([&](sqlite::Connection& connection) {
         QuotaSessionMessageExport page;
         page.watermark = readWatermark(connection, deviceKey, messagesTable);
-        sqlite::Statement select{connection, kExportMessages, "prepare exportIncrementalMessages",
+        sqlite::CachedStatement select{connection, kExportMessages, "prepare exportIncrementalMessages",
                                  "execute exportIncrementalMessages"};
         bindExport(select, page.watermark, limit);
         while (select.step()) {
@@ -88,7 +88,7 @@ QuotaSessionMessageExport QuotaSessionCatalogStore::exportIncrementalMessages(st
 void QuotaSessionCatalogStore::updateWatermark(std::string_view deviceKey, std::string_view tableName,
                                                const QuotaSessionSyncWatermark& mark) const {
     runCatalog([&](sqlite::Connection& connection) {
-        sqlite::Statement update{connection, kUpdateWatermark, "prepare updateWatermark", "execute updateWatermark"};
+        sqlite::CachedStatement update{connection, kUpdateWatermark, "prepare updateWatermark", "execute updateWatermark"};
         update.bind(1, deviceKey).bind(2, tableName).bind(3, mark.lastSyncAt).bind(4, mark.lastRowID).run();
     });
 }

@@ -31,7 +31,7 @@ QuotaSessionMessageChange messageChange(const sqlite::Statement& row) {
 }
 
 std::int64_t execute(sqlite::Connection& connection, const char* sql, std::string_view name) {
-    sqlite::Statement statement{connection, sql, "prepare " + std::string(name), "execute " + std::string(name)};
+    sqlite::CachedStatement statement{connection, sql, "prepare " + std::string(name), "execute " + std::string(name)};
     statement.run();
     return connection.changes();
 }

@@ -172,7 +172,7 @@ void bindDescriptor(sqlite::Statement& upsert, const DescriptorRow& row, Date no
 }
 
 void upsertAll(sqlite::Connection& connection, const std::vector<DescriptorRow>& rows, Date now, std::string_view name) {
-    sqlite::Statement upsert{connection, kUpsert, "prepare " + std::string(name), "execute " + std::string(name)};
+    sqlite::CachedStatement upsert{connection, kUpsert, "prepare " + std::string(name), "execute " + std::string(name)};
     for (const auto& row : rows) {
         upsert.reset();
         bindDescriptor(upsert, row, now);
@@ -189,15 +189,13 @@ std::vector<DescriptorRow> descriptorRows(const std::vector<QuotaSessionDescript
 
 std::int64_t countOf(sqlite::Connection& connection, const char* sql, std::string_view name,
                      const std::optional<std::string>& parameter = std::nullopt) {
-    sqlite::Statement count{connection, sql, "prepare " + std::string(name), "execute " + std::string(name)};
+    sqlite::CachedStatement count{connection, sql, "prepare " + std::string(name), "execute " + std::string(name)};
     if (parameter) count.bind(1, *parameter);
     return count.step() ? count.integer(0) : 0;
 }
 
 std::int64_t deleteBefore(sqlite::Connection& connection, const char* sql, std::string_view name, Date cutoff) {
-    sqlite::Statement trim{connection, sql, "prepare " + std::string(name), "execute " + std::string(name)};
-    trim.bind(1, secondsSince1970(cutoff)).run();
-    return connection.changes();
+    return sqlite::trimRows(connection, sql, secondsSince1970(cutoff), name);
 }
 
 }  // namespace
@@ -211,7 +209,7 @@ QuotaSessionCatalogStore::QuotaSessionCatalogStore(QuotaSyncConfiguration config
 std::vector<QuotaSessionDescriptor> QuotaSessionCatalogStore::loadDescriptors(const std::optional<std::string>& sourceID,
                                                                              std::int64_t limit, std::int64_t offset) const {
     return runCatalog([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, sourceID ? kLoadPageOfSource : kLoadPage, "prepare loadDescriptors",
+        sqlite::CachedStatement select{connection, sourceID ? kLoadPageOfSource : kLoadPage, "prepare loadDescriptors",
                                  "execute loadDescriptors"};
         const int first = sourceID ? 2 : 1;
         if (sourceID) select.bind(1, *sourceID);
@@ -226,7 +224,7 @@ std::int64_t QuotaSessionCatalogStore::totalCount(const std::optional<std::strin
 
 std::vector<QuotaSessionDescriptor> QuotaSessionCatalogStore::loadAllDescriptors(const std::optional<std::string>& sourceID) const {
     return runCatalog([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, sourceID ? kLoadAllOfSource : kLoadAll, "prepare loadAllDescriptors",
+        sqlite::CachedStatement select{connection, sourceID ? kLoadAllOfSource : kLoadAll, "prepare loadAllDescriptors",
                                  "execute loadAllDescriptors"};
         if (sourceID) select.bind(1, *sourceID);
         return readDescriptors(select);
@@ -236,7 +234,7 @@ std::vector<QuotaSessionDescriptor> QuotaSessionCatalogStore::loadAllDescriptors
 std::optional<QuotaSessionDescriptor> QuotaSessionCatalogStore::loadDescriptor(std::string_view sourceID,
                                                                               std::string_view id) const {
     return runCatalog([&](sqlite::Connection& connection) -> std::optional<QuotaSessionDescriptor> {
-        sqlite::Statement select{connection, kLoadOne, "prepare loadDescriptor", "execute loadDescriptor"};
+        sqlite::CachedStatement select{connection, kLoadOne, "prepare loadDescriptor", "execute loadDescriptor"};
         select.bind(1, sourceID).bind(2, id);
         auto found = readDescriptors(select);
         if (found.empty()) return std::nullopt;
@@ -248,7 +246,7 @@ std::vector<std::optional<QuotaSessionDescriptor>> QuotaSessionCatalogStore::loa
     std::string_view sourceID, const std::vector<std::string>& ids) const {
     return runCatalog([&](sqlite::Connection& connection) {
         const sqlite::ReadTransaction reads{connection};
-        sqlite::Statement select{connection, kLoadOne, "prepare loadDescriptor", "execute loadDescriptor"};
+        sqlite::CachedStatement select{connection, kLoadOne, "prepare loadDescriptor", "execute loadDescriptor"};
         std::vector<std::optional<QuotaSessionDescriptor>> descriptors;
         descriptors.reserve(ids.size());
         for (const auto& id : ids) {
@@ -264,7 +262,7 @@ std::vector<std::optional<QuotaSessionDescriptor>> QuotaSessionCatalogStore::loa
 std::vector<QuotaSessionDescriptorKey> QuotaSessionCatalogStore::loadDescriptorRowIDs(
     const std::optional<std::string>& sourceID) const {
     return runCatalog([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, sourceID ? kRowIDsOfSource : kRowIDs, "prepare loadDescriptorRowIDs",
+        sqlite::CachedStatement select{connection, sourceID ? kRowIDsOfSource : kRowIDs, "prepare loadDescriptorRowIDs",
                                  "execute loadDescriptorRowIDs"};
         if (sourceID) select.bind(1, *sourceID);
         std::vector<QuotaSessionDescriptorKey> keys;
@@ -275,7 +273,7 @@ std::vector<QuotaSessionDescriptorKey> QuotaSessionCatalogStore::loadDescriptorR
 
 std::vector<QuotaSessionDescriptor> QuotaSessionCatalogStore::descriptorsSince(Date updatedAfter, std::int64_t limit) const {
     return runCatalog([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, kDescriptorsSince, "prepare descriptorsSince", "execute descriptorsSince"};
+        sqlite::CachedStatement select{connection, kDescriptorsSince, "prepare descriptorsSince", "execute descriptorsSince"};
         select.bind(1, secondsSince1970(updatedAfter)).bind(2, limit);
         return readDescriptors(select);
     });
@@ -283,7 +281,7 @@ std::vector<QuotaSessionDescriptor> QuotaSessionCatalogStore::descriptorsSince(D
 
 std::optional<Date> QuotaSessionCatalogStore::latestDescriptorUpdatedAt(const std::optional<std::string>& sourceID) const {
     return runCatalog([&](sqlite::Connection& connection) -> std::optional<Date> {
-        sqlite::Statement select{connection, sourceID ? kLatestUpdatedOfSource : kLatestUpdated,
+        sqlite::CachedStatement select{connection, sourceID ? kLatestUpdatedOfSource : kLatestUpdated,
                                  "prepare latestDescriptorUpdatedAt", "execute latestDescriptorUpdatedAt"};
         if (sourceID) select.bind(1, *sourceID);
         return select.step() ? sqlite::optionalDate(select, 0) : std::nullopt;
@@ -292,7 +290,7 @@ std::optional<Date> QuotaSessionCatalogStore::latestDescriptorUpdatedAt(const st
 
 std::map<std::string, std::int64_t> QuotaSessionCatalogStore::descriptorCountsBySourceID() const {
     return runCatalog([](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, kCountsBySource, "prepare descriptorCountsBySourceID",
+        sqlite::CachedStatement select{connection, kCountsBySource, "prepare descriptorCountsBySourceID",
                                  "execute descriptorCountsBySourceID"};
         std::map<std::string, std::int64_t> counts;
         while (select.step()) counts[std::string(select.text(0).value_or(""))] = select.integer(1);
@@ -326,18 +324,18 @@ std::int64_t QuotaSessionCatalogStore::replaceDescriptorsForSource(std::string_v
         sqlite::Transaction transaction{connection, "replaceDescriptorsForSource"};
         std::int64_t removed = 0;
         if (rows.empty()) {
-            sqlite::Statement all{connection, kDeleteAllOfSource, "prepare deleteAllDescriptors", "execute deleteAllDescriptors"};
+            sqlite::CachedStatement all{connection, kDeleteAllOfSource, "prepare deleteAllDescriptors", "execute deleteAllDescriptors"};
             all.bind(1, sourceID).run();
             removed = connection.changes();
         } else {
             connection.exec(kClearIncoming, "clear incoming_descriptor_ids");
-            sqlite::Statement seed{connection, kSeedIncoming, "prepare seed incoming_descriptor_ids", "seed incoming_descriptor_ids"};
+            sqlite::CachedStatement seed{connection, kSeedIncoming, "prepare seed incoming_descriptor_ids", "seed incoming_descriptor_ids"};
             for (const auto& row : rows) {
                 seed.reset();
                 seed.bind(1, row.descriptor().id).run();
             }
             upsertAll(connection, rows, now, "replaceDescriptorsForSource upsert");
-            sqlite::Statement missing{connection, kDeleteMissing, "prepare deleteDescriptorsMissingFromIncomingSet",
+            sqlite::CachedStatement missing{connection, kDeleteMissing, "prepare deleteDescriptorsMissingFromIncomingSet",
                                       "execute deleteDescriptorsMissingFromIncomingSet"};
             missing.bind(1, sourceID).run();
             removed = connection.changes();
@@ -351,7 +349,7 @@ std::int64_t QuotaSessionCatalogStore::replaceDescriptorsForSource(std::string_v
 std::int64_t QuotaSessionCatalogStore::removeDescriptors(const std::vector<QuotaSessionDescriptorKey>& keys) const {
     return runCatalog([&](sqlite::Connection& connection) {
         sqlite::Transaction transaction{connection, "removeDescriptors"};
-        sqlite::Statement remove{connection, kRemoveDescriptor, "prepare removeDescriptors", "execute removeDescriptors"};
+        sqlite::CachedStatement remove{connection, kRemoveDescriptor, "prepare removeDescriptors", "execute removeDescriptors"};
         std::int64_t removed = 0;
         for (const auto& key : keys) {
             remove.reset();
@@ -370,7 +368,7 @@ std::vector<PersistedSessionMessageRow> QuotaSessionCatalogStore::loadMessages(s
                                                                               std::int64_t limit,
                                                                               std::int64_t offset) const {
     return runCatalog([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, kLoadMessages, "prepare loadMessages", "execute loadMessages"};
+        sqlite::CachedStatement select{connection, kLoadMessages, "prepare loadMessages", "execute loadMessages"};
         select.bind(1, sourceID).bind(2, sessionID).bind(3, limit).bind(4, offset);
         std::vector<PersistedSessionMessageRow> rows;
         while (select.step()) rows.push_back(messageRow(select, 0, false));
@@ -380,7 +378,7 @@ std::vector<PersistedSessionMessageRow> QuotaSessionCatalogStore::loadMessages(s
 
 std::int64_t QuotaSessionCatalogStore::messageCount(std::string_view sourceID, std::string_view sessionID) const {
     return runCatalog([&](sqlite::Connection& connection) {
-        sqlite::Statement count{connection, kMessageCount, "prepare messageCount", "execute messageCount"};
+        sqlite::CachedStatement count{connection, kMessageCount, "prepare messageCount", "execute messageCount"};
         count.bind(1, sourceID).bind(2, sessionID);
         return count.step() ? count.integer(0) : 0;
     });
@@ -392,7 +390,7 @@ std::int64_t QuotaSessionCatalogStore::totalMessageCount() const {
 
 std::vector<std::string> QuotaSessionCatalogStore::loadMessageSessionIDs(const std::optional<std::string>& sourceID) const {
     return runCatalog([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, sourceID ? kMessageSessionsOfSource : kMessageSessions,
+        sqlite::CachedStatement select{connection, sourceID ? kMessageSessionsOfSource : kMessageSessions,
                                  "prepare loadMessageSessionIDs", "execute loadMessageSessionIDs"};
         if (sourceID) select.bind(1, *sourceID);
         std::vector<std::string> ids;
@@ -404,7 +402,7 @@ std::vector<std::string> QuotaSessionCatalogStore::loadMessageSessionIDs(const s
 std::vector<PersistedSessionMessageRow> QuotaSessionCatalogStore::loadPersistedMessageRows(std::string_view sourceID,
                                                                                           std::string_view sessionID) const {
     return runCatalog([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, kPersistedRows, "prepare loadPersistedMessageRows",
+        sqlite::CachedStatement select{connection, kPersistedRows, "prepare loadPersistedMessageRows",
                                  "execute loadPersistedMessageRows"};
         select.bind(1, sourceID).bind(2, sessionID);
         std::vector<PersistedSessionMessageRow> rows;
@@ -415,7 +413,7 @@ std::vector<PersistedSessionMessageRow> QuotaSessionCatalogStore::loadPersistedM
 
 std::vector<QuotaSessionMessageChange> QuotaSessionCatalogStore::messagesSince(Date updatedAfter, std::int64_t limit) const {
     return runCatalog([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, kMessagesSince, "prepare messagesSince", "execute messagesSince"};
+        sqlite::CachedStatement select{connection, kMessagesSince, "prepare messagesSince", "execute messagesSince"};
         select.bind(1, secondsSince1970(updatedAfter)).bind(2, limit);
         std::vector<QuotaSessionMessageChange> changes;
         while (select.step()) changes.push_back(messageChange(select));
@@ -427,10 +425,10 @@ namespace {
 
 void writeSessionMessages(sqlite::Connection& connection, std::string_view sourceID, std::string_view sessionID,
                           const std::vector<QuotaSessionMessage>& messages, double now) {
-    sqlite::Statement remove{connection, kDeleteSessionMessages, "prepare replaceMessagesForSession.delete",
+    sqlite::CachedStatement remove{connection, kDeleteSessionMessages, "prepare replaceMessagesForSession.delete",
                              "execute replaceMessagesForSession.delete"};
     remove.bind(1, sourceID).bind(2, sessionID).run();
-    sqlite::Statement insert{connection, kInsertMessage, "prepare replaceMessagesForSession.insert",
+    sqlite::CachedStatement insert{connection, kInsertMessage, "prepare replaceMessagesForSession.insert",
                              "execute replaceMessagesForSession.insert"};
     std::int64_t seq = 0;
     for (const auto& message : messages) {
@@ -477,7 +475,7 @@ std::int64_t QuotaSessionCatalogStore::removeMessagesForSessions(std::string_vie
                                                                  const std::vector<std::string>& sessionIDs) const {
     return runCatalog([&](sqlite::Connection& connection) {
         sqlite::Transaction transaction{connection, "removeMessagesForSessions"};
-        sqlite::Statement remove{connection, kDeleteSessionMessages, "prepare removeMessagesForSessions",
+        sqlite::CachedStatement remove{connection, kDeleteSessionMessages, "prepare removeMessagesForSessions",
                                  "execute removeMessagesForSessions"};
         std::int64_t removed = 0;
         for (const auto& id : sessionIDs) {
@@ -494,7 +492,7 @@ std::vector<QuotaSessionMessageBucket> QuotaSessionCatalogStore::buckets(Date si
                                                                         const std::function<Date(Date)>& bucketStart,
                                                                         const std::function<Date(Date)>& nextStart) const {
     return runCatalog([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, sourceID ? kBucketsOfSource : kBuckets, "prepare messageBuckets",
+        sqlite::CachedStatement select{connection, sourceID ? kBucketsOfSource : kBuckets, "prepare messageBuckets",
                                  "execute messageBuckets"};
         select.bind(1, secondsSince1970(since));
         if (sourceID) select.bind(2, *sourceID);
@@ -543,7 +541,7 @@ std::int64_t QuotaSessionCatalogStore::countOrphanedMessageSessions() const {
 
 std::int64_t QuotaSessionCatalogStore::countUndecodableDescriptors() const {
     return runCatalog([](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, kAllBlobs, "prepare countUndecodableDescriptors",
+        sqlite::CachedStatement select{connection, kAllBlobs, "prepare countUndecodableDescriptors",
                                  "execute countUndecodableDescriptors"};
         std::int64_t bad = 0;
         while (select.step()) {
@@ -556,7 +554,7 @@ std::int64_t QuotaSessionCatalogStore::countUndecodableDescriptors() const {
 QuotaSessionCatalogStorageSummary QuotaSessionCatalogStore::storageSummary(const std::optional<std::string>& sourceID) const {
     return runCatalog([&](sqlite::Connection& connection) {
         QuotaSessionCatalogStorageSummary summary;
-        sqlite::Statement descriptors{connection, sourceID ? kSummaryDescriptorsOfSource : kSummaryDescriptors,
+        sqlite::CachedStatement descriptors{connection, sourceID ? kSummaryDescriptorsOfSource : kSummaryDescriptors,
                                       "prepare storageSummary descriptors", "execute storageSummary descriptors"};
         if (sourceID) descriptors.bind(1, *sourceID);
         if (descriptors.step()) {
@@ -565,7 +563,7 @@ QuotaSessionCatalogStorageSummary QuotaSessionCatalogStore::storageSummary(const
             summary.latestDescriptorInsertedAt = sqlite::optionalDate(descriptors, 2);
             summary.latestDescriptorUpdatedAt = sqlite::optionalDate(descriptors, 3);
         }
-        sqlite::Statement messages{connection, sourceID ? kSummaryMessagesOfSource : kSummaryMessages,
+        sqlite::CachedStatement messages{connection, sourceID ? kSummaryMessagesOfSource : kSummaryMessages,
                                    "prepare storageSummary messages", "execute storageSummary messages"};
         if (sourceID) messages.bind(1, *sourceID);
         if (messages.step()) {
@@ -582,12 +580,16 @@ QuotaSessionCatalogStorageSummary QuotaSessionCatalogStore::storageSummary(const
 
 std::int64_t QuotaSessionCatalogStore::trimMessagesOlderThan(double days) const {
     const Date cutoff = configuration_.clock.now() - std::chrono::duration<double>(days * kSecondsPerDay);
-    return runCatalog([&](sqlite::Connection& c) { return deleteBefore(c, kTrimMessages, "trimMessagesOlderThan", cutoff); });
+    return trimming(Trim::failsTheCall, [&] {
+        return runCatalog([&](sqlite::Connection& c) { return deleteBefore(c, kTrimMessages, "trimMessagesOlderThan", cutoff); });
+    });
 }
 
 std::int64_t QuotaSessionCatalogStore::trimDescriptorsOlderThan(double days) const {
     const Date cutoff = configuration_.clock.now() - std::chrono::duration<double>(days * kSecondsPerDay);
-    return runCatalog([&](sqlite::Connection& c) { return deleteBefore(c, kTrimDescriptors, "trimDescriptorsOlderThan", cutoff); });
+    return trimming(Trim::failsTheCall, [&] {
+        return runCatalog([&](sqlite::Connection& c) { return deleteBefore(c, kTrimDescriptors, "trimDescriptorsOlderThan", cutoff); });
+    });
 }
 
 std::int64_t QuotaSessionCatalogStore::clearMessages() const {

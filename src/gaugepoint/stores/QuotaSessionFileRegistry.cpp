@@ -170,7 +170,7 @@ std::optional<QuotaSessionFileRegistryEntry> QuotaSessionFileRegistry::load(sqli
                                                                            const std::optional<std::string>& sourceID,
                                                                            std::string_view providerID,
                                                                            QuotaSessionContentCaptureMode captureMode) {
-    sqlite::Statement select{connection, kLoad.c_str(), "prepare load", "execute load"};
+    sqlite::CachedStatement select{connection, kLoad.c_str(), "prepare load", "execute load"};
     select.bind(1, path).bind(2, providerID).bind(3, json::rawValue(captureMode)).bind(4, sourceID).bind(5, sourceID);
     if (!select.step()) return std::nullopt;
     return entryFromRow(select);
@@ -218,7 +218,7 @@ std::vector<QuotaSessionFileRegistryEntry> QuotaSessionFileRegistry::positions(s
                                                                               QuotaSessionContentCaptureMode captureMode,
                                                                               std::string_view sourceID) const {
     return runRegistry([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, kPositions, "prepare positions", "execute positions"};
+        sqlite::CachedStatement select{connection, kPositions, "prepare positions", "execute positions"};
         select.bind(1, providerID).bind(2, json::rawValue(captureMode)).bind(3, sourceID);
         std::vector<QuotaSessionFileRegistryEntry> entries;
         while (select.step()) {
@@ -261,7 +261,7 @@ std::int64_t QuotaSessionFileRegistry::remove(std::string_view path, const std::
                                               std::string_view providerID,
                                               QuotaSessionContentCaptureMode captureMode) const {
     return runRegistry([&](sqlite::Connection& connection) {
-        sqlite::Statement remove{connection, kRemove, "prepare remove", "execute remove"};
+        sqlite::CachedStatement remove{connection, kRemove, "prepare remove", "execute remove"};
         remove.bind(1, path).bind(2, providerID).bind(3, json::rawValue(captureMode)).bind(4, sourceID).bind(5, sourceID).run();
         return connection.changes();
     });
@@ -269,7 +269,7 @@ std::int64_t QuotaSessionFileRegistry::remove(std::string_view path, const std::
 
 std::int64_t QuotaSessionFileRegistry::remove(std::string_view providerID) const {
     return runRegistry([&](sqlite::Connection& connection) {
-        sqlite::Statement remove{connection, kRemoveProvider, "prepare provider remove", "execute provider remove"};
+        sqlite::CachedStatement remove{connection, kRemoveProvider, "prepare provider remove", "execute provider remove"};
         remove.bind(1, providerID).run();
         return connection.changes();
     });
@@ -277,7 +277,7 @@ std::int64_t QuotaSessionFileRegistry::remove(std::string_view providerID) const
 
 std::int64_t QuotaSessionFileRegistry::clear() const {
     return runRegistry([](sqlite::Connection& connection) {
-        sqlite::Statement clear{connection, kClear, "prepare clear", "execute clear"};
+        sqlite::CachedStatement clear{connection, kClear, "prepare clear", "execute clear"};
         clear.run();
         return connection.changes();
     });

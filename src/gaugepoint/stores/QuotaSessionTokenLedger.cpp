@@ -70,8 +70,8 @@ bool writeUnlessNewerStored(sqlite::Statement& lookup, sqlite::Statement& insert
 
 std::int64_t writeRows(sqlite::Connection& connection, const std::vector<PendingRow>& rows) {
     sqlite::Transaction transaction{connection, "upsert"};
-    sqlite::Statement lookup{connection, kLookup, "prepare upsert", "execute recorded_at lookup"};
-    sqlite::Statement insert{connection, kInsert, "prepare upsert", "execute upsert"};
+    sqlite::CachedStatement lookup{connection, kLookup, "prepare upsert", "execute recorded_at lookup"};
+    sqlite::CachedStatement insert{connection, kInsert, "prepare upsert", "execute upsert"};
     std::int64_t written = 0;
     for (const auto& row : rows) written += writeUnlessNewerStored(lookup, insert, row) ? 1 : 0;
     transaction.commit();
@@ -154,7 +154,7 @@ std::vector<QuotaDailyTokenEntry> QuotaSessionTokenLedger::dailySummary(std::str
     try {
         const std::string first = firstDayKey(configuration_, days);
         return runLedger([&](sqlite::Connection& connection) {
-            sqlite::Statement select{connection, kSummary, "prepare dailySummary", "execute dailySummary"};
+            sqlite::CachedStatement select{connection, kSummary, "prepare dailySummary", "execute dailySummary"};
             select.bind(1, sourceID).bind(2, first);
             return readSummary(select);
         });
@@ -169,7 +169,7 @@ std::vector<QuotaDailyTokenEntry> QuotaSessionTokenLedger::dailySummary(std::str
     try {
         const std::string first = firstDayKey(configuration_, days);
         return runLedger([&](sqlite::Connection& connection) {
-            sqlite::Statement select{connection, kSummaryForProvider, "prepare dailySummary for provider",
+            sqlite::CachedStatement select{connection, kSummaryForProvider, "prepare dailySummary for provider",
                                      "execute dailySummary for provider"};
             select.bind(1, sourceID).bind(2, providerID).bind(3, first);
             return readSummary(select);
@@ -181,16 +181,14 @@ std::vector<QuotaDailyTokenEntry> QuotaSessionTokenLedger::dailySummary(std::str
 
 std::int64_t QuotaSessionTokenLedger::trimOldEntries(double olderThanSeconds) const {
     const std::string cutoff = dayKey(configuration_.clock.now() - std::chrono::duration<double>(olderThanSeconds));
-    return runLedger([&](sqlite::Connection& connection) {
-        sqlite::Statement trim{connection, kTrim, "prepare trimOldEntries", "execute trimOldEntries"};
-        trim.bind(1, cutoff).run();
-        return connection.changes();
+    return trimming(Trim::failsTheCall, [&] {
+        return runLedger([&](sqlite::Connection& c) { return sqlite::trimRows(c, kTrim, cutoff, "trimOldEntries"); });
     });
 }
 
 std::int64_t QuotaSessionTokenLedger::deleteAll() const {
     return runLedger([](sqlite::Connection& connection) {
-        sqlite::Statement remove{connection, kDeleteAll, "prepare deleteAll", "execute deleteAll"};
+        sqlite::CachedStatement remove{connection, kDeleteAll, "prepare deleteAll", "execute deleteAll"};
         remove.run();
         return connection.changes();
     });

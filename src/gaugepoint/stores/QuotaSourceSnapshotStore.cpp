@@ -79,7 +79,7 @@ void bindRecord(sqlite::Statement& insert, const QuotaSourceSnapshotRecord& reco
 }
 
 std::int64_t deleteWhere(sqlite::Connection& connection, const char* sql, std::string_view value, std::string_view name) {
-    sqlite::Statement remove{connection, sql, name};
+    sqlite::CachedStatement remove{connection, sql, name};
     remove.bind(1, value).run();
     return connection.changes();
 }
@@ -99,7 +99,7 @@ auto QuotaSourceSnapshotStore::runSources(Operation&& operation) const {
 QuotaSourceSnapshotRegistry QuotaSourceSnapshotStore::load() const noexcept {
     try {
         return runSources([](sqlite::Connection& connection) {
-            sqlite::Statement select{connection, kSelectAll.c_str(), "prepare load", "execute load"};
+            sqlite::CachedStatement select{connection, kSelectAll.c_str(), "prepare load", "execute load"};
             QuotaSourceSnapshotRegistry registry;
             while (select.step()) {
                 if (auto record = recordFromRow(select)) registry.entries.push_back(std::move(*record));
@@ -113,7 +113,7 @@ QuotaSourceSnapshotRegistry QuotaSourceSnapshotStore::load() const noexcept {
 
 std::optional<QuotaSourceSnapshotRecord> QuotaSourceSnapshotStore::loadRecord(std::string_view id) const {
     return runSources([&](sqlite::Connection& connection) -> std::optional<QuotaSourceSnapshotRecord> {
-        sqlite::Statement select{connection, kSelectOne.c_str(), "prepare loadRecord", "execute loadRecord"};
+        sqlite::CachedStatement select{connection, kSelectOne.c_str(), "prepare loadRecord", "execute loadRecord"};
         select.bind(1, id);
         if (!select.step()) return std::nullopt;
         return recordFromRow(select);
@@ -146,7 +146,7 @@ QuotaSourceSnapshotRecord QuotaSourceSnapshotStore::upsert(const QuotaSnapshot& 
                                                            QuotaSourceSyncChannel channel) const {
     QuotaSourceSnapshotRecord record = recordFor(snapshot, pairingToken, channel);
     runSources([&](sqlite::Connection& connection) {
-        sqlite::Statement insert{connection, kInsert, "prepare upsert", "execute upsert"};
+        sqlite::CachedStatement insert{connection, kInsert, "prepare upsert", "execute upsert"};
         bindRecord(insert, record);
         insert.run();
     });
@@ -160,7 +160,7 @@ std::optional<QuotaSourceSnapshotRecord> QuotaSourceSnapshotStore::update(std::s
         sqlite::Transaction transaction{connection, "update"};
         std::optional<QuotaSnapshot> stored;
         {
-            sqlite::Statement select{connection, kSelectOne.c_str(), "prepare update", "execute update"};
+            sqlite::CachedStatement select{connection, kSelectOne.c_str(), "prepare update", "execute update"};
             select.bind(1, id);
             if (select.step()) {
                 if (auto record = recordFromRow(select)) stored = std::move(record->snapshot);
@@ -169,7 +169,7 @@ std::optional<QuotaSourceSnapshotRecord> QuotaSourceSnapshotStore::update(std::s
         auto changed = change(stored);
         if (!changed) return std::nullopt;
         QuotaSourceSnapshotRecord record = recordFor(*changed, std::nullopt, channel);
-        sqlite::Statement insert{connection, kInsert, "prepare update", "execute update"};
+        sqlite::CachedStatement insert{connection, kInsert, "prepare update", "execute update"};
         bindRecord(insert, record);
         insert.run();
         transaction.commit();
@@ -181,7 +181,7 @@ void QuotaSourceSnapshotStore::save(const QuotaSourceSnapshotRegistry& registry)
     runSources([&](sqlite::Connection& connection) {
         sqlite::Transaction transaction{connection, "save"};
         connection.exec(kClear, "clear for save");
-        sqlite::Statement insert{connection, kInsert, "prepare save", "execute save"};
+        sqlite::CachedStatement insert{connection, kInsert, "prepare save", "execute save"};
         for (const auto& record : registry.entries) {
             insert.reset();
             bindRecord(insert, record);
@@ -213,16 +213,12 @@ std::int64_t QuotaSourceSnapshotStore::clear() const {
 }
 
 std::int64_t QuotaSourceSnapshotStore::trimOldEntries(double olderThanSeconds) const noexcept {
-    const Date cutoff = configuration_.clock.now() - std::chrono::duration<double>(olderThanSeconds);
-    try {
-        return runSources([&](sqlite::Connection& connection) {
-            sqlite::Statement trim{connection, kTrim, "prepare trimOldEntries", "execute trimOldEntries"};
-            trim.bind(1, secondsSince1970(cutoff)).run();
-            return connection.changes();
-        });
-    } catch (...) {
-        return 0;
-    }
+    const double cutoff = secondsSince1970(configuration_.clock.now() - std::chrono::duration<double>(olderThanSeconds));
+    // Run after receiving snapshots: a source's last row survives anyway, and a failed trim must
+    // not undo a receipt that already succeeded.
+    return trimming(Trim::housekeeping, [&] {
+        return runSources([&](sqlite::Connection& c) { return sqlite::trimRows(c, kTrim, cutoff, "trimOldEntries"); });
+    });
 }
 
 void QuotaSourceSnapshotStore::walCheckpoint() const noexcept {

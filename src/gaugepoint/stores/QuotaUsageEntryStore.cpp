@@ -408,7 +408,7 @@ void QuotaUsageEntryStore::buildDeferredIndexes() const {
 void QuotaUsageEntryStore::refreshUsageQuarters() const {
     bool dirty = false;  // a scan that changed nothing writes nothing
     registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::Statement any{connection, "SELECT 1 FROM usage_dirty_quarters LIMIT 1", "prepare usage quarters",
+        sqlite::CachedStatement any{connection, "SELECT 1 FROM usage_dirty_quarters LIMIT 1", "prepare usage quarters",
                               "execute usage quarters"};
         dirty = any.step();
     });
@@ -772,7 +772,7 @@ std::vector<QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::sessionC
     contents.reserve(sessions.size());
     registry_.withConnection([&](sqlite::Connection& connection) {
         const sqlite::ReadTransaction reads{connection};
-        sqlite::StatementCache statements{connection};
+        sqlite::StatementCache& statements = *connection.statementCache();  // the holder's: kept between calls
         for (const auto& session : sessions) {
             SessionContent& content = contents.emplace_back();
             content.usage = readSessionUsage(statements, session);
@@ -977,7 +977,7 @@ std::vector<QuotaUsageEntryStore::SessionModelUsage> QuotaUsageEntryStore::sessi
 std::optional<QuotaObservedRateLimits> QuotaUsageEntryStore::latestRateLimits(std::string_view providerID) const {
     std::optional<QuotaObservedRateLimits> limits;
     registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, "SELECT limits_json FROM import_rate_limits WHERE provider_id = ?",
+        sqlite::CachedStatement select{connection, "SELECT limits_json FROM import_rate_limits WHERE provider_id = ?",
                                  "prepare rate limits", "execute rate limits"};
         select.bind(1, providerID);
         if (!select.step()) return;

@@ -1,5 +1,7 @@
 #include "gaugepoint/stores/SQLite.hpp"
 
+#include "gaugepoint/stores/SQLiteStatementCache.hpp"
+
 #include <sqlite3.h>
 
 #include <thread>
@@ -49,16 +51,49 @@ void Connection::checkpointQuietly() noexcept {
     sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
 }
 
-Statement::Statement(Connection& connection, const char* sql, std::string_view prepareLabel, std::string executeLabel)
-    : connection_(connection), executeLabel_(std::move(executeLabel)) {
-    if (sqlite3_prepare_v2(connection.handle(), sql, -1, &statement_, nullptr) != SQLITE_OK) {
-        sqlite3_finalize(statement_);  // may be null; finalizing null is a no-op
-        statement_ = nullptr;
+namespace {
+
+sqlite3_stmt* prepareOrFail(Connection& connection, const char* sql, std::string_view prepareLabel) {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(connection.handle(), sql, -1, &statement, nullptr) != SQLITE_OK) {
+        sqlite3_finalize(statement);  // may be null; finalizing null is a no-op
         connection.fail(prepareLabel);
     }
+    return statement;
+}
+
+}  // namespace
+
+Statement::Statement(Connection& connection, const char* sql, std::string_view prepareLabel, std::string executeLabel)
+    : connection_(connection), executeLabel_(std::move(executeLabel)) {
+    statement_ = prepareOrFail(connection, sql, prepareLabel);
 }
 
 Statement::~Statement() { sqlite3_finalize(statement_); }
+
+void Statement::setExecuteLabel(std::string_view label) {
+    if (executeLabel_ != label) executeLabel_.assign(label);
+}
+
+CachedStatement::CachedStatement(Connection& connection, const char* sql, std::string_view prepareLabel,
+                                 std::string_view executeLabel)
+    : Statement(connection, std::string(executeLabel)) {
+    if (StatementCache* cache = connection.statementCache()) {
+        if (auto* slot = cache->borrow(sql, prepareLabel)) {
+            inUse_ = &slot->inUse;
+            statement_ = slot->statement->statement_;
+            return;
+        }
+    }
+    statement_ = prepareOrFail(connection, sql, prepareLabel);
+}
+
+CachedStatement::~CachedStatement() {
+    if (!inUse_) return;  // a statement of its own: the base finalizes it
+    reset();
+    *inUse_ = false;
+    statement_ = nullptr;
+}
 
 void Statement::fail(std::string_view message) const {
     throw Failure(executeLabel_ + ": " + std::string(message));

@@ -17,6 +17,8 @@ struct sqlite3_stmt;
 
 namespace gaugepoint::sqlite {
 
+class StatementCache;
+
 // A failed SQLite step: what() is the step's label, ": ", then SQLite's message. code() is
 // SQLite's primary result code (SQLITE_FULL, SQLITE_NOTADB, ...), 0 when none applies (a row
 // that cannot be bound), or Failure::foreignFile for a database that holds none of the store's
@@ -32,10 +34,11 @@ private:
     int code_;
 };
 
-// A borrowed open connection (the holder owns it).
+// A borrowed open connection (the holder owns it), with the holder's statement cache when it
+// has one (see CachedStatement).
 class Connection {
 public:
-    explicit Connection(sqlite3* db) : db_(db) {}
+    explicit Connection(sqlite3* db, StatementCache* statements = nullptr) : db_(db), statements_(statements) {}
 
     // Runs one or more statements. Throws Failure("<label>: <message>").
     void exec(const char* sql, std::string_view label);
@@ -60,9 +63,13 @@ public:
     [[noreturn]] void fail(std::string_view label) const;
 
     sqlite3* handle() const { return db_; }
+    // The statements kept for this connection, or null when none are (a connection made outside
+    // a holder). Use them only under the holder's lock.
+    StatementCache* statementCache() const { return statements_; }
 
 private:
     sqlite3* db_;
+    StatementCache* statements_;
 };
 
 // A prepared statement, finalized when it goes out of scope (on error paths too). It keeps its
@@ -111,10 +118,37 @@ public:
     std::span<const std::uint8_t> blob(int column) const;
     bool isNull(int column) const;
 
-private:
+    // The label of the failures of step() and bind(): a statement kept across calls is used by
+    // operations of different names.
+    void setExecuteLabel(std::string_view label);
+
+protected:
+    // For a subclass that sets statement_ itself; one that borrows a cached statement sets it
+    // back to null before this destructor runs, so that only statements of its own are finalized.
     Connection connection_;
     sqlite3_stmt* statement_ = nullptr;
     std::string executeLabel_;
+    Statement(Connection connection, std::string executeLabel) : connection_(connection), executeLabel_(std::move(executeLabel)) {}
+    friend class StatementCache;
+    friend class CachedStatement;  // borrows the sqlite3_stmt of a cached Statement
+};
+
+// A statement of a constant SQL text taken from the connection's statement cache: prepared once
+// per connection and kept until the connection closes. It comes reset with no bindings, and is
+// reset and unbound again when this value ends (error paths too), so a half-read statement never
+// holds a read snapshot open between calls. `sql` is the cache key by address: a string constant
+// of static storage only, never a text built per call. Without a cache on the connection, or
+// while the cached statement is already in use further up the stack, a statement of its own is
+// prepared for this use and finalized after it. Throws Failure(prepareLabel) as Statement does.
+class CachedStatement : public Statement {
+public:
+    CachedStatement(Connection& connection, const char* sql, std::string_view prepareLabel, std::string_view executeLabel);
+    CachedStatement(Connection& connection, const char* sql, std::string_view operation)
+        : CachedStatement(connection, sql, "prepare " + std::string(operation), "execute " + std::string(operation)) {}
+    ~CachedStatement();
+
+private:
+    bool* inUse_ = nullptr;  // the cache slot's flag, while this value borrows its statement
 };
 
 // BEGIN IMMEDIATE ... COMMIT around a batch; rolls back when left without commit().

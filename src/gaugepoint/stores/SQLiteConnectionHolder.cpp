@@ -8,13 +8,13 @@
 
 namespace gaugepoint {
 
-std::shared_ptr<SQLiteConnectionHolder> SQLiteConnectionHolder::shared(const std::filesystem::path& file) {
+std::shared_ptr<SQLiteConnectionHolder> SQLiteConnectionHolder::shared(const std::filesystem::path& file, Role role) {
     static std::mutex registryLock;
     // Holders are never dropped: the connection stays open for the life of the process, so a
     // widget that makes a store value per refresh does not set the database up each time.
-    static std::map<std::filesystem::path, std::shared_ptr<SQLiteConnectionHolder>> registry;
+    static std::map<std::pair<std::filesystem::path, Role>, std::shared_ptr<SQLiteConnectionHolder>> registry;
     std::lock_guard guard{registryLock};
-    auto& slot = registry[file];
+    auto& slot = registry[{file, role}];
     if (!slot) slot = std::make_shared<SQLiteConnectionHolder>(file);
     return slot;
 }
@@ -117,6 +117,7 @@ std::chrono::milliseconds SQLiteConnectionHolder::busyTimeout() {
 SQLiteConnectionHolder::~SQLiteConnectionHolder() { close(); }
 
 void SQLiteConnectionHolder::close() {
+    statements_.reset();  // finalized first: a connection with live statements would linger open
     sqlite3_close_v2(db_);
     db_ = nullptr;
     didSetup_ = false;
@@ -171,6 +172,7 @@ void SQLiteConnectionHolder::open(const SQLiteStoreSetup& setup) {
         close();  // nothing stays half-open; the next call opens again
         throw;
     }
+    statements_ = std::make_unique<sqlite::StatementCache>(sqlite::Connection{db_});
     didSetup_ = true;
 }
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "gaugepoint/stores/SQLite.hpp"
+#include "gaugepoint/stores/SQLiteStatementCache.hpp"
 
 struct sqlite3;
 
@@ -37,9 +38,10 @@ struct SQLiteStoreFailure {
     std::string detail;  // for a foreign file: the tables it holds ("accounts, events")
 };
 
-// The lock, connection and set-up flag shared by every copy of one store (one holder per
-// database file in the process). The connection is opened lazily, kept for the life of the
-// process, and closed again when its set-up fails so that the next call starts over.
+// The lock, connection, statement cache and set-up flag shared by every copy of one store (one
+// holder per database file and role in the process). The connection is opened lazily, kept for
+// the life of the process, and closed again when its set-up fails so that the next call starts
+// over. The statements cached for a connection are finalized before it closes.
 class SQLiteConnectionHolder {
 public:
     // The memory map every connection is set up with (PRAGMA mmap_size): 256 MiB.
@@ -50,8 +52,14 @@ public:
     static void setBusyTimeout(std::chrono::milliseconds timeout);
     static std::chrono::milliseconds busyTimeout();
 
-    // The holder of `file`, shared by every store value that uses that file.
-    static std::shared_ptr<SQLiteConnectionHolder> shared(const std::filesystem::path& file);
+    // Which connection of a file a holder keeps. Every store writes and reads through its
+    // writer; a store whose lists must stay readable while a write runs (WAL lets a second
+    // connection read the last commit meanwhile) also reads through the file's reader, which has
+    // its own lock, connection and statements.
+    enum class Role { writer, reader };
+
+    // The holder of `file` in `role`, shared by every store value that uses that file.
+    static std::shared_ptr<SQLiteConnectionHolder> shared(const std::filesystem::path& file, Role role = Role::writer);
 
     explicit SQLiteConnectionHolder(std::filesystem::path file) : file_(std::move(file)) {}
     ~SQLiteConnectionHolder();
@@ -73,12 +81,18 @@ public:
     auto withConnection(const SQLiteStoreSetup& setup, Operation&& operation,
                         const std::function<void(SQLiteConnectionHolder&)>& beforeOpen = {}) {
         std::lock_guard guard{dbLock_};
+        struct ResetStatements {  // on the way out, failures too; the cache may be gone by then
+            SQLiteConnectionHolder& holder;
+            ~ResetStatements() {
+                if (holder.statements_) holder.statements_->resetHandedOut();
+            }
+        } resetStatements{*this};
         try {
             if (!db_ || !didSetup_) {
                 if (beforeOpen) beforeOpen(*this);
                 open(setup);
             }
-            sqlite::Connection connection{db_};
+            sqlite::Connection connection{db_, statements_.get()};
             return operation(connection);
         } catch (const sqlite::Failure& failure) {
             remember(failure);
@@ -112,6 +126,7 @@ private:
 
     std::mutex dbLock_;
     sqlite3* db_ = nullptr;
+    std::unique_ptr<sqlite::StatementCache> statements_;  // of db_; made when it is set up
     bool didSetup_ = false;
     std::filesystem::path file_;
 };

@@ -3,6 +3,25 @@
 namespace gaugepoint {
 namespace sqlite {
 
+namespace {
+
+template <class Cutoff>
+std::int64_t deleteBefore(Connection& connection, const char* sql, const Cutoff& cutoff, std::string_view operation) {
+    CachedStatement trim{connection, sql, operation};
+    trim.bind(1, cutoff).run();
+    return connection.changes();
+}
+
+}  // namespace
+
+std::int64_t trimRows(Connection& connection, const char* sql, double cutoff, std::string_view operation) {
+    return deleteBefore(connection, sql, cutoff, operation);
+}
+
+std::int64_t trimRows(Connection& connection, const char* sql, std::string_view cutoff, std::string_view operation) {
+    return deleteBefore(connection, sql, cutoff, operation);
+}
+
 std::set<std::string> tableColumns(Connection& connection, std::string_view table, std::string_view label) {
     const std::string sql = "PRAGMA table_info(" + std::string(table) + ")";
     Statement info{connection, sql.c_str(), label, std::string(label)};
