@@ -72,7 +72,9 @@ TEST_F(ReportCommand, TablesAreAlignedWithTotalsAndMarkUnpricedTokens) {
     EXPECT_NE(text.out.find("\nTotal "), std::string::npos);
     EXPECT_NE(text.out.find("  └ claude-nebula-preview-20261015 "), std::string::npos);
     EXPECT_NE(text.out.find(" 220,235  unpriced*\n"), std::string::npos) << text.out;  // never $0.00
-    EXPECT_NE(text.out.find("2,667,716     $5.01*\n"), std::string::npos) << text.out;
+    // $5.01 at the cache-write price, plus 13,070 one-hour cache writes of claude-sonnet-4-5 at
+    // $6 instead of $3.75 per million: $0.03 more.
+    EXPECT_NE(text.out.find("2,667,716     $5.04*\n"), std::string::npos) << text.out;
     EXPECT_NE(text.out.find("\n* 220,235 tokens of models without a price are not in the costs: "
                             "claude-nebula-preview-20261015\n"),
               std::string::npos);

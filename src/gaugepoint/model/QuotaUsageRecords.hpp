@@ -23,9 +23,12 @@ struct QuotaUsageEntry {
     Date timestamp;
     std::string model;
     QuotaSessionTokenUsage tokens;  // exactCostUSD: a cost the log itself reported
+    // The part of tokens.cacheWriteTokens written to the one-hour cache (0 to cacheWriteTokens):
+    // priced at its own rate, never counted a second time.
+    std::int64_t cacheWrite1hTokens = 0;
     bool operator==(const QuotaUsageEntry&) const = default;
 };
-BOOST_DESCRIBE_STRUCT(QuotaUsageEntry, (), (providerID, sessionID, dedupKey, timestamp, model, tokens))
+BOOST_DESCRIBE_STRUCT(QuotaUsageEntry, (), (providerID, sessionID, dedupKey, timestamp, model, tokens, cacheWrite1hTokens))
 
 // One message of a session as a log shows it; the same message in several files has one
 // messageKey. `text` is present only as far as the capture mode keeps text.

@@ -48,6 +48,7 @@ constexpr const char* kSchema =
     "    cache_write_tokens INTEGER NOT NULL,\n"
     "    cost_usd REAL,\n"
     "    counted INTEGER NOT NULL,\n"
+    "    cache_write_1h_tokens INTEGER NOT NULL DEFAULT 0,\n"
     "    UNIQUE (provider_id, dedup_key, file_key)\n"
     ");\n"
     // Reports group counted entries by time (in any zone), by model and by session.
@@ -105,6 +106,7 @@ constexpr const char* kQuarterSchema =
     "    cache_read_tokens INTEGER NOT NULL,\n"
     "    cache_write_tokens INTEGER NOT NULL,\n"
     "    cost_usd REAL,\n"
+    "    cache_write_1h_tokens INTEGER NOT NULL DEFAULT 0,\n"
     "    PRIMARY KEY (quarter, provider_id, model, reported)\n"
     ") WITHOUT ROWID;";
 constexpr const char* kQuarterTriggers =
@@ -136,7 +138,7 @@ constexpr const char* kNoteAllQuarters =
 constexpr const char* kDirtyQuarterSums =
     "SELECT d.quarter, u.provider_id, u.model, IFNULL(u.cost_usd, 0) > 0 AS reported, COUNT(*),\n"
     "       SUM(u.input_tokens), SUM(u.output_tokens), SUM(u.cache_read_tokens), SUM(u.cache_write_tokens),\n"
-    "       SUM(u.cost_usd)\n"
+    "       SUM(u.cost_usd), SUM(u.cache_write_1h_tokens)\n"
     "FROM usage_dirty_quarters d\n"
     "JOIN usage_entries u INDEXED BY idx_ue_time\n"
     "    ON u.counted = 1 AND u.timestamp >= d.quarter * 900 AND u.timestamp < d.quarter * 900 + 900\n";
@@ -144,7 +146,7 @@ constexpr const char* kRefreshQuarters =
     "DELETE FROM usage_quarters WHERE quarter IN (SELECT quarter FROM usage_dirty_quarters)";
 constexpr const char* kStoredQuarterSums =
     "SELECT quarter, provider_id, model, reported, entries, input_tokens, output_tokens, cache_read_tokens,\n"
-    "       cache_write_tokens, cost_usd\n"
+    "       cache_write_tokens, cost_usd, cache_write_1h_tokens\n"
     "FROM usage_quarters WHERE quarter NOT IN (SELECT quarter FROM usage_dirty_quarters)";
 
 constexpr const char* kFindFile =
@@ -171,10 +173,10 @@ constexpr const char* kOwnRow =
 constexpr const char* kInsertEntry =
     "INSERT INTO usage_entries (\n    file_key,\n    provider_id,\n    dedup_key,\n    session_id,\n    timestamp,\n"
     "    model,\n    input_tokens,\n    output_tokens,\n    cache_read_tokens,\n    cache_write_tokens,\n"
-    "    cost_usd,\n    counted\n) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
+    "    cost_usd,\n    cache_write_1h_tokens,\n    counted\n) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
 constexpr const char* kUpdateEntry =
     "UPDATE usage_entries SET session_id = ?, timestamp = ?, model = ?, input_tokens = ?, output_tokens = ?,\n"
-    "    cache_read_tokens = ?, cache_write_tokens = ?, cost_usd = ? WHERE id = ?";
+    "    cache_read_tokens = ?, cache_write_tokens = ?, cost_usd = ?, cache_write_1h_tokens = ? WHERE id = ?";
 // The row of a response that is counted: most output tokens, then the earliest recorded.
 constexpr const char* kBestRow =
     "SELECT id, input_tokens + output_tokens + cache_read_tokens + cache_write_tokens\n"
@@ -239,13 +241,14 @@ struct EntryWriter {
         } else {
             s.bindNull(first + 7);
         }
+        s.bind(first + 8, e.cacheWrite1hTokens);
     }
 
     void insertRow(std::int64_t fileKey, const QuotaUsageEntry& e, bool isCounted) {
         insert.reset();
         insert.bind(1, fileKey).bind(2, e.providerID).bind(3, e.dedupKey);
         bindValues(insert, 4, e);
-        insert.bind(12, std::int64_t(isCounted ? 1 : 0)).run();
+        insert.bind(13, std::int64_t(isCounted ? 1 : 0)).run();
     }
 
     void setFlag(std::int64_t id, std::int64_t flag) {
@@ -287,7 +290,7 @@ struct EntryWriter {
             if (e.tokens.outputTokens <= output) return {};
             update.reset();
             bindValues(update, 1, e);
-            update.bind(9, id).run();
+            update.bind(10, id).run();
         } else {
             own.reset();
             insertRow(fileKey, e, false);
@@ -328,9 +331,33 @@ std::vector<QuotaUsageEntry> readEntries(sqlite::Statement& select) {
         e.model = std::string(select.text(4).value_or(""));
         e.tokens = {select.integer(5), select.integer(6), select.integer(7), select.integer(8), std::nullopt};
         if (!select.isNull(9)) e.tokens.exactCostUSD = select.real(9);
+        e.cacheWrite1hTokens = select.integer(10);
         entries.push_back(std::move(e));
     }
     return entries;
+}
+
+}  // namespace
+
+namespace {
+
+// Adds `column` (declared as `declaration`) to `table` of an older store; false when it was there.
+// Another process opening the same store may add it between the look and the change: that is no
+// failure.
+bool addMissingColumn(sqlite::Connection& connection, const char* table, const std::string& column,
+                      const std::string& declaration) {
+    const auto has = [&] {
+        return sqlite::tableColumns(connection, table, "inspect " + std::string(table)).contains(column);
+    };
+    if (has()) return false;
+    try {
+        const std::string alter = "ALTER TABLE " + std::string(table) + " ADD COLUMN " + column + " " + declaration;
+        connection.exec(alter.c_str(), "add column " + column);
+    } catch (const sqlite::Failure&) {
+        if (!has()) throw;
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -339,16 +366,10 @@ void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
     connection.exec(kSchema, "ensure import tables");
     // Files read before the prefix digest was kept have none: they are read on as before, and
     // get one with their next read.
-    const auto hasDigest = [&] {
-        return sqlite::tableColumns(connection, "import_files", "inspect import files").contains("prefix_digest");
-    };
-    if (!hasDigest()) {
-        try {
-            connection.exec("ALTER TABLE import_files ADD COLUMN prefix_digest INTEGER", "add column prefix_digest");
-        } catch (const sqlite::Failure&) {
-            if (!hasDigest()) throw;  // else another process added it between the look and the change
-        }
-    }
+    addMissingColumn(connection, "import_files", "prefix_digest", "INTEGER");
+    // Entries recorded before the one-hour cache writes were kept have none; their files are read
+    // again (the parsers' versions changed), which fills them in.
+    addMissingColumn(connection, "usage_entries", "cache_write_1h_tokens", "INTEGER NOT NULL DEFAULT 0");
     {
         sqlite::Statement count{connection,
                                 "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name IN "
@@ -366,7 +387,10 @@ void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
     }
     connection.exec(kQuarterSchema, "ensure usage quarters");
     connection.exec(kQuarterTriggers, "ensure usage quarters");
-    if (!hadQuarters) connection.exec(kNoteAllQuarters, "ensure usage quarters");
+    // Sums made before a column was summed are made again from the entries.
+    const bool sumsGrew =
+        addMissingColumn(connection, "usage_quarters", "cache_write_1h_tokens", "INTEGER NOT NULL DEFAULT 0");
+    if (!hadQuarters || sumsGrew) connection.exec(kNoteAllQuarters, "ensure usage quarters");
 }
 
 void QuotaUsageEntryStore::beginBulkBatch(sqlite::Connection& connection) {
@@ -784,7 +808,7 @@ std::vector<QuotaUsageEntry> QuotaUsageEntryStore::countedEntries(const std::opt
     const EntryFilter filter{providerID, seconds(since), seconds(until)};
     std::string sql =
         "SELECT provider_id, session_id, dedup_key, timestamp, model, input_tokens, output_tokens, cache_read_tokens,\n"
-        "       cache_write_tokens, cost_usd\nFROM usage_entries";
+        "       cache_write_tokens, cost_usd, cache_write_1h_tokens\nFROM usage_entries";
     // By time: left to itself the planner goes through the session index and reads every entry
     // of the provider, when the few of the last day were asked for.
     if (since || until) sql += " INDEXED BY idx_ue_time";
@@ -801,7 +825,7 @@ std::vector<QuotaUsageEntry> QuotaUsageEntryStore::countedEntries(const std::opt
 namespace {
 
 // Columns `first`...`first` + 6 of a grouped row: reported (0/1), entries, the four sums, the sum
-// of the reported costs.
+// of the reported costs; the sum of the one-hour cache writes follows at `first` + 7.
 QuotaSessionTokenUsage groupTokens(const sqlite::Statement& row, int first) {
     QuotaSessionTokenUsage tokens{row.integer(first + 2), row.integer(first + 3), row.integer(first + 4),
                                   row.integer(first + 5), std::nullopt};
@@ -811,7 +835,7 @@ QuotaSessionTokenUsage groupTokens(const sqlite::Statement& row, int first) {
 
 constexpr const char* kGroupedColumns =
     "IFNULL(cost_usd, 0) > 0 AS reported, COUNT(*), SUM(input_tokens), SUM(output_tokens), SUM(cache_read_tokens),\n"
-    "       SUM(cache_write_tokens), SUM(cost_usd)";
+    "       SUM(cache_write_tokens), SUM(cost_usd), SUM(cache_write_1h_tokens)";
 
 }  // namespace
 
@@ -830,7 +854,8 @@ std::vector<QuotaUsageEntryStore::UsageBucket> QuotaUsageEntryStore::usageBucket
         filter.bind(select);
         while (select.step()) {
             buckets.push_back({select.integer(0), std::string(select.text(1).value_or("")),
-                               std::string(select.text(2).value_or("")), select.integer(4), groupTokens(select, 3)});
+                               std::string(select.text(2).value_or("")), select.integer(4), groupTokens(select, 3),
+                               select.integer(10)});
         }
     });
     return buckets;
@@ -851,7 +876,7 @@ std::vector<QuotaUsageEntryStore::SessionModelUsage> QuotaUsageEntryStore::sessi
         while (select.step()) {
             rows.push_back({{std::string(select.text(0).value_or("")), std::string(select.text(1).value_or(""))},
                             std::string(select.text(2).value_or("")), select.integer(5), groupTokens(select, 4),
-                            dateFromSeconds(select.real(3)), sqlite::optionalText(select, 11)});
+                            dateFromSeconds(select.real(3)), sqlite::optionalText(select, 12), select.integer(11)});
         }
     });
     return rows;

@@ -157,6 +157,7 @@ public:
         std::string model;
         std::int64_t entries = 0;
         QuotaSessionTokenUsage tokens;
+        std::int64_t cacheWrite1hTokens = 0;  // the one-hour part of tokens.cacheWriteTokens
     };
     std::vector<UsageBucket> usageBuckets(const std::optional<std::string>& providerID = std::nullopt,
                                           std::optional<Date> since = std::nullopt,
@@ -171,6 +172,7 @@ public:
         QuotaSessionTokenUsage tokens;
         Date lastActivity;
         std::optional<std::string> projectPath;
+        std::int64_t cacheWrite1hTokens = 0;  // the one-hour part of tokens.cacheWriteTokens
     };
     std::vector<SessionModelUsage> sessionModelUsage(const std::optional<std::string>& providerID = std::nullopt,
                                                      std::optional<Date> since = std::nullopt,
