@@ -109,9 +109,13 @@ TEST_F(OneHourCacheWrites, AnOlderStoreMigratesAndKeepsItsTotals) {
 
     // A store of entries without the column: the same tokens, every cache write at the old price,
     // until the next scan reads the transcripts again and finds the one-hour part.
-    inRegistry("ALTER TABLE usage_quarters DROP COLUMN cache_write_1h_tokens;"
-               "ALTER TABLE usage_entries DROP COLUMN cache_write_1h_tokens;"
-               "UPDATE session_file_registry SET parser_version = 1");
+    std::string downgrade = "UPDATE session_file_registry SET parser_version = 1;";
+    for (const char* table : {"usage_quarters", "usage_entries"}) {
+        for (const char* column : {"cache_write_1h_tokens", "charge_premium_requests", "charge_aiu", "charge_credits"}) {
+            downgrade += std::string("ALTER TABLE ") + table + " DROP COLUMN " + column + ";";
+        }
+    }
+    inRegistry(downgrade.c_str());
     const auto older = dailyTotals(false);
     EXPECT_EQ(older.at("totalTokens"), before.at("totalTokens"));
     EXPECT_EQ(older.at("cacheCreation1hTokens").as_int64(), 0);

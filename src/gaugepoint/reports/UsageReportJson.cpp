@@ -44,6 +44,15 @@ void costFields(JsonWriter& w, const UsageTotals& totals) {
     field(w, "totalCost", totals.totalCost);
     field(w, "unpricedTokens", totals.unpricedTokens);
     field(w, "costSource", json::rawValue(totals.costSource));
+    // What the tools charged in their own units, apart from the cost: only when there is some.
+    if (!totals.charges.any()) return;
+    w.key("charges");
+    w.beginObject();
+    for (const auto& [key, amount] : {std::pair{"premiumRequests", totals.charges.premiumRequests},
+                                      std::pair{"aiu", totals.charges.aiu}, std::pair{"credits", totals.charges.credits}}) {
+        if (amount != 0) field(w, key, amount);
+    }
+    w.endObject();
 }
 
 void breakdowns(JsonWriter& w, const UsageTotals& totals) {

@@ -11,6 +11,8 @@
 //   {"blocks": [{"id", "startTime", "endTime", "actualEndTime", "isActive", "isGap", "entries",
 //     "tokenCounts": {"inputTokens", "outputTokens", "cacheCreationInputTokens",
 //     "cacheReadInputTokens"}, "totalTokens", "costUSD", "models", "burnRate", "projection"}]}
+// "charges" ({"premiumRequests", "aiu", "credits"}, the non-zero ones) follows "costSource" in
+// rows and totals whose tools charged in their own units; never US dollars.
 // cacheCreation1hTokens is the part of the cache creation kept for an hour, already in it. Times are ISO
 // 8601 with milliseconds in UTC; costs in US dollars.
 

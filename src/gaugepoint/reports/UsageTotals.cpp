@@ -30,11 +30,12 @@ QuotaSessionTokenUsage countsOnly(QuotaSessionTokenUsage tokens) {
 }  // namespace
 
 void UsageTally::add(std::string_view model, std::int64_t entries, const QuotaSessionTokenUsage& tokens,
-                     std::int64_t cacheWrite1hTokens) {
+                     std::int64_t cacheWrite1hTokens, const QuotaUsageCharges& charges) {
     const bool reported = tokens.exactCostUSD.value_or(0) > 0;
     Part& part = parts_[{std::string(model), reported}];
     part.entries += entries;
     part.cacheWrite1hTokens = checkedAdd(part.cacheWrite1hTokens, cacheWrite1hTokens);
+    part.charges += charges;
     if (!reported) {
         part.tokens += countsOnly(tokens);
     } else {
@@ -43,7 +44,7 @@ void UsageTally::add(std::string_view model, std::int64_t entries, const QuotaSe
 }
 
 void UsageTally::add(const UsageTally& other) {
-    for (const auto& [key, part] : other.parts_) add(key.first, part.entries, part.tokens, part.cacheWrite1hTokens);
+    for (const auto& [key, part] : other.parts_) add(key.first, part.entries, part.tokens, part.cacheWrite1hTokens, part.charges);
 }
 
 UsageTotals UsageTally::totals() const {
@@ -61,6 +62,7 @@ UsageTotals UsageTally::totals() const {
             breakdown.cacheWrite1hTokens = checkedAdd(breakdown.cacheWrite1hTokens, it->second.cacheWrite1hTokens);
             if (!it->first.second) estimated1h = it->second.cacheWrite1hTokens;
             totals.entries += it->second.entries;
+            totals.charges += it->second.charges;
         }
         // A reported cost already holds whatever the one-hour writes cost.
         breakdown.cost = QuotaModelCostEstimator::resolvedCostUSD(ofModel, {}) +

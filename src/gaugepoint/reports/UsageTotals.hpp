@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "gaugepoint/model/QuotaSessionTokenUsage.hpp"
+#include "gaugepoint/model/QuotaUsageRecords.hpp"
 #include "gaugepoint/pricing/QuotaUsageCostMetrics.hpp"
 
 namespace gaugepoint {
@@ -30,6 +31,7 @@ struct UsageModelBreakdown {
 struct UsageTotals {
     QuotaSessionTokenUsage tokens;  // the four counts; exactCostUSD not used
     std::int64_t cacheWrite1hTokens = 0;  // the one-hour part of tokens.cacheWriteTokens
+    QuotaUsageCharges charges;            // in the tools' own units, never in totalCost
     std::int64_t entries = 0;       // counted responses
     double totalCost = 0;           // US dollars, of the priced tokens only
     std::int64_t unpricedTokens = 0;
@@ -44,9 +46,10 @@ class UsageTally {
 public:
     // Adds `entries` responses of `model`. A present `tokens.exactCostUSD` above zero is the cost
     // the log reported for all of them; otherwise they are priced from the catalogue.
-    // `cacheWrite1hTokens` is the one-hour part of their cache writes.
+    // `cacheWrite1hTokens` is the one-hour part of their cache writes, `charges` what the tool
+    // charged for them in its own units.
     void add(std::string_view model, std::int64_t entries, const QuotaSessionTokenUsage& tokens,
-             std::int64_t cacheWrite1hTokens = 0);
+             std::int64_t cacheWrite1hTokens = 0, const QuotaUsageCharges& charges = {});
     void add(const UsageTally& other);
     bool empty() const { return parts_.empty(); }
 
@@ -58,6 +61,7 @@ private:
         std::int64_t entries = 0;
         QuotaSessionTokenUsage tokens;
         std::int64_t cacheWrite1hTokens = 0;
+        QuotaUsageCharges charges;
     };
     std::map<std::pair<std::string, bool>, Part, std::less<>> parts_;  // (model, cost reported)
 };

@@ -23,6 +23,24 @@ constexpr const char* kDeferredIndexes = GP_INDEX_UE_FILE GP_INDEX_UE_SESSION GP
 constexpr const char* kDropDeferredIndexes =
     "DROP INDEX IF EXISTS idx_ue_file;\nDROP INDEX IF EXISTS idx_ue_session;\nDROP INDEX IF EXISTS idx_im_session;";
 
+// Columns that came after the first stores, in the entries and in their quarter sums alike: the
+// one-hour part of the cache writes, and what the tool charged in its own units. Older stores
+// get them with ensureSchema(), in this order.
+constexpr std::pair<const char*, const char*> kExtraColumns[] = {
+    {"cache_write_1h_tokens", "INTEGER NOT NULL DEFAULT 0"},
+    {"charge_premium_requests", "REAL NOT NULL DEFAULT 0"},
+    {"charge_aiu", "REAL NOT NULL DEFAULT 0"},
+    {"charge_credits", "REAL NOT NULL DEFAULT 0"},
+};
+#define GP_EXTRA_COLUMNS                                   \
+    "    cache_write_1h_tokens INTEGER NOT NULL DEFAULT 0,\n" \
+    "    charge_premium_requests REAL NOT NULL DEFAULT 0,\n"  \
+    "    charge_aiu REAL NOT NULL DEFAULT 0,\n"               \
+    "    charge_credits REAL NOT NULL DEFAULT 0,\n"
+#define GP_EXTRA_NAMES "cache_write_1h_tokens, charge_premium_requests, charge_aiu, charge_credits"
+#define GP_EXTRA_SUMS(row) \
+    "SUM(" row "cache_write_1h_tokens), SUM(" row "charge_premium_requests), SUM(" row "charge_aiu), SUM(" row "charge_credits)"
+
 constexpr const char* kSchema =
     "CREATE TABLE IF NOT EXISTS import_files (\n"
     "    file_key INTEGER PRIMARY KEY,\n"
@@ -48,7 +66,7 @@ constexpr const char* kSchema =
     "    cache_write_tokens INTEGER NOT NULL,\n"
     "    cost_usd REAL,\n"
     "    counted INTEGER NOT NULL,\n"
-    "    cache_write_1h_tokens INTEGER NOT NULL DEFAULT 0,\n"
+    GP_EXTRA_COLUMNS
     "    UNIQUE (provider_id, dedup_key, file_key)\n"
     ");\n"
     // Reports group counted entries by time (in any zone), by model and by session.
@@ -106,7 +124,7 @@ constexpr const char* kQuarterSchema =
     "    cache_read_tokens INTEGER NOT NULL,\n"
     "    cache_write_tokens INTEGER NOT NULL,\n"
     "    cost_usd REAL,\n"
-    "    cache_write_1h_tokens INTEGER NOT NULL DEFAULT 0,\n"
+    GP_EXTRA_COLUMNS
     "    PRIMARY KEY (quarter, provider_id, model, reported)\n"
     ") WITHOUT ROWID;";
 constexpr const char* kQuarterTriggers =
@@ -132,21 +150,26 @@ constexpr const char* kNoteAllQuarters =
     "INSERT OR IGNORE INTO usage_dirty_quarters (quarter)\n"
     "SELECT DISTINCT " GP_QUARTER("") " FROM usage_entries WHERE counted = 1";
 #undef GP_QUARTER
+#undef GP_EXTRA_COLUMNS
 
 // The sums of the noted quarters, from the rows: through the time index, one quarter at a time
 // (left to itself the planner indexes the counted flag and reads every row for every quarter).
 constexpr const char* kDirtyQuarterSums =
     "SELECT d.quarter, u.provider_id, u.model, IFNULL(u.cost_usd, 0) > 0 AS reported, COUNT(*),\n"
     "       SUM(u.input_tokens), SUM(u.output_tokens), SUM(u.cache_read_tokens), SUM(u.cache_write_tokens),\n"
-    "       SUM(u.cost_usd), SUM(u.cache_write_1h_tokens)\n"
+    "       SUM(u.cost_usd), " GP_EXTRA_SUMS("u.") "\n"
     "FROM usage_dirty_quarters d\n"
     "JOIN usage_entries u INDEXED BY idx_ue_time\n"
     "    ON u.counted = 1 AND u.timestamp >= d.quarter * 900 AND u.timestamp < d.quarter * 900 + 900\n";
+// Columns by name: an older store has its later columns in the order they were added.
+constexpr const char* kInsertQuarterSums =
+    "INSERT INTO usage_quarters (quarter, provider_id, model, reported, entries, input_tokens, output_tokens,\n"
+    "    cache_read_tokens, cache_write_tokens, cost_usd, " GP_EXTRA_NAMES ")\n";
 constexpr const char* kRefreshQuarters =
     "DELETE FROM usage_quarters WHERE quarter IN (SELECT quarter FROM usage_dirty_quarters)";
 constexpr const char* kStoredQuarterSums =
     "SELECT quarter, provider_id, model, reported, entries, input_tokens, output_tokens, cache_read_tokens,\n"
-    "       cache_write_tokens, cost_usd, cache_write_1h_tokens\n"
+    "       cache_write_tokens, cost_usd, " GP_EXTRA_NAMES "\n"
     "FROM usage_quarters WHERE quarter NOT IN (SELECT quarter FROM usage_dirty_quarters)";
 
 constexpr const char* kFindFile =
@@ -173,10 +196,11 @@ constexpr const char* kOwnRow =
 constexpr const char* kInsertEntry =
     "INSERT INTO usage_entries (\n    file_key,\n    provider_id,\n    dedup_key,\n    session_id,\n    timestamp,\n"
     "    model,\n    input_tokens,\n    output_tokens,\n    cache_read_tokens,\n    cache_write_tokens,\n"
-    "    cost_usd,\n    cache_write_1h_tokens,\n    counted\n) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
+    "    cost_usd,\n    " GP_EXTRA_NAMES ",\n    counted\n) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
 constexpr const char* kUpdateEntry =
     "UPDATE usage_entries SET session_id = ?, timestamp = ?, model = ?, input_tokens = ?, output_tokens = ?,\n"
-    "    cache_read_tokens = ?, cache_write_tokens = ?, cost_usd = ?, cache_write_1h_tokens = ? WHERE id = ?";
+    "    cache_read_tokens = ?, cache_write_tokens = ?, cost_usd = ?, cache_write_1h_tokens = ?,\n"
+    "    charge_premium_requests = ?, charge_aiu = ?, charge_credits = ? WHERE id = ?";
 // The row of a response that is counted: most output tokens, then the earliest recorded.
 constexpr const char* kBestRow =
     "SELECT id, input_tokens + output_tokens + cache_read_tokens + cache_write_tokens\n"
@@ -241,14 +265,15 @@ struct EntryWriter {
         } else {
             s.bindNull(first + 7);
         }
-        s.bind(first + 8, e.cacheWrite1hTokens);
+        s.bind(first + 8, e.cacheWrite1hTokens).bind(first + 9, e.charges.premiumRequests);
+        s.bind(first + 10, e.charges.aiu).bind(first + 11, e.charges.credits);
     }
 
     void insertRow(std::int64_t fileKey, const QuotaUsageEntry& e, bool isCounted) {
         insert.reset();
         insert.bind(1, fileKey).bind(2, e.providerID).bind(3, e.dedupKey);
         bindValues(insert, 4, e);
-        insert.bind(13, std::int64_t(isCounted ? 1 : 0)).run();
+        insert.bind(16, std::int64_t(isCounted ? 1 : 0)).run();
     }
 
     void setFlag(std::int64_t id, std::int64_t flag) {
@@ -290,7 +315,7 @@ struct EntryWriter {
             if (e.tokens.outputTokens <= output) return {};
             update.reset();
             bindValues(update, 1, e);
-            update.bind(10, id).run();
+            update.bind(13, id).run();
         } else {
             own.reset();
             insertRow(fileKey, e, false);
@@ -332,6 +357,7 @@ std::vector<QuotaUsageEntry> readEntries(sqlite::Statement& select) {
         e.tokens = {select.integer(5), select.integer(6), select.integer(7), select.integer(8), std::nullopt};
         if (!select.isNull(9)) e.tokens.exactCostUSD = select.real(9);
         e.cacheWrite1hTokens = select.integer(10);
+        e.charges = {select.real(11), select.real(12), select.real(13)};
         entries.push_back(std::move(e));
     }
     return entries;
@@ -367,9 +393,9 @@ void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
     // Files read before the prefix digest was kept have none: they are read on as before, and
     // get one with their next read.
     addMissingColumn(connection, "import_files", "prefix_digest", "INTEGER");
-    // Entries recorded before the one-hour cache writes were kept have none; their files are read
-    // again (the parsers' versions changed), which fills them in.
-    addMissingColumn(connection, "usage_entries", "cache_write_1h_tokens", "INTEGER NOT NULL DEFAULT 0");
+    // Entries recorded before a column was kept have 0 in it; their files are read again (the
+    // parsers' versions changed), which fills them in.
+    for (const auto& [column, declaration] : kExtraColumns) addMissingColumn(connection, "usage_entries", column, declaration);
     {
         sqlite::Statement count{connection,
                                 "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name IN "
@@ -388,8 +414,10 @@ void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
     connection.exec(kQuarterSchema, "ensure usage quarters");
     connection.exec(kQuarterTriggers, "ensure usage quarters");
     // Sums made before a column was summed are made again from the entries.
-    const bool sumsGrew =
-        addMissingColumn(connection, "usage_quarters", "cache_write_1h_tokens", "INTEGER NOT NULL DEFAULT 0");
+    bool sumsGrew = false;
+    for (const auto& [column, declaration] : kExtraColumns) {
+        sumsGrew = addMissingColumn(connection, "usage_quarters", column, declaration) || sumsGrew;
+    }
     if (!hadQuarters || sumsGrew) connection.exec(kNoteAllQuarters, "ensure usage quarters");
 }
 
@@ -423,7 +451,7 @@ void QuotaUsageEntryStore::refreshUsageQuarters() const {
     if (!dirty) return;
     registry_.inTransaction("refresh usage quarters", [](sqlite::Connection& connection) {
         connection.exec(kRefreshQuarters, "refresh usage quarters");
-        const std::string insert = std::string("INSERT INTO usage_quarters\n") + kDirtyQuarterSums +
+        const std::string insert = std::string(kInsertQuarterSums) + kDirtyQuarterSums +
                                    "GROUP BY d.quarter, u.provider_id, u.model, reported";
         connection.exec(insert.c_str(), "refresh usage quarters");
         connection.exec("DELETE FROM usage_dirty_quarters", "refresh usage quarters");
@@ -808,7 +836,7 @@ std::vector<QuotaUsageEntry> QuotaUsageEntryStore::countedEntries(const std::opt
     const EntryFilter filter{providerID, seconds(since), seconds(until)};
     std::string sql =
         "SELECT provider_id, session_id, dedup_key, timestamp, model, input_tokens, output_tokens, cache_read_tokens,\n"
-        "       cache_write_tokens, cost_usd, cache_write_1h_tokens\nFROM usage_entries";
+        "       cache_write_tokens, cost_usd, " GP_EXTRA_NAMES "\nFROM usage_entries";
     // By time: left to itself the planner goes through the session index and reads every entry
     // of the provider, when the few of the last day were asked for.
     if (since || until) sql += " INDEXED BY idx_ue_time";
@@ -833,9 +861,13 @@ QuotaSessionTokenUsage groupTokens(const sqlite::Statement& row, int first) {
     return tokens;
 }
 
+QuotaUsageCharges groupCharges(const sqlite::Statement& row, int first) {
+    return {row.real(first), row.real(first + 1), row.real(first + 2)};
+}
+
 constexpr const char* kGroupedColumns =
     "IFNULL(cost_usd, 0) > 0 AS reported, COUNT(*), SUM(input_tokens), SUM(output_tokens), SUM(cache_read_tokens),\n"
-    "       SUM(cache_write_tokens), SUM(cost_usd), SUM(cache_write_1h_tokens)";
+    "       SUM(cache_write_tokens), SUM(cost_usd), " GP_EXTRA_SUMS("");
 
 }  // namespace
 
@@ -855,7 +887,7 @@ std::vector<QuotaUsageEntryStore::UsageBucket> QuotaUsageEntryStore::usageBucket
         while (select.step()) {
             buckets.push_back({select.integer(0), std::string(select.text(1).value_or("")),
                                std::string(select.text(2).value_or("")), select.integer(4), groupTokens(select, 3),
-                               select.integer(10)});
+                               select.integer(10), groupCharges(select, 11)});
         }
     });
     return buckets;
@@ -876,7 +908,8 @@ std::vector<QuotaUsageEntryStore::SessionModelUsage> QuotaUsageEntryStore::sessi
         while (select.step()) {
             rows.push_back({{std::string(select.text(0).value_or("")), std::string(select.text(1).value_or(""))},
                             std::string(select.text(2).value_or("")), select.integer(5), groupTokens(select, 4),
-                            dateFromSeconds(select.real(3)), sqlite::optionalText(select, 12), select.integer(11)});
+                            dateFromSeconds(select.real(3)), sqlite::optionalText(select, 15), select.integer(11),
+                            groupCharges(select, 12)});
         }
     });
     return rows;

@@ -158,6 +158,7 @@ public:
         std::int64_t entries = 0;
         QuotaSessionTokenUsage tokens;
         std::int64_t cacheWrite1hTokens = 0;  // the one-hour part of tokens.cacheWriteTokens
+        QuotaUsageCharges charges;
     };
     std::vector<UsageBucket> usageBuckets(const std::optional<std::string>& providerID = std::nullopt,
                                           std::optional<Date> since = std::nullopt,
@@ -173,6 +174,7 @@ public:
         Date lastActivity;
         std::optional<std::string> projectPath;
         std::int64_t cacheWrite1hTokens = 0;  // the one-hour part of tokens.cacheWriteTokens
+        QuotaUsageCharges charges;
     };
     std::vector<SessionModelUsage> sessionModelUsage(const std::optional<std::string>& providerID = std::nullopt,
                                                      std::optional<Date> since = std::nullopt,
