@@ -4,6 +4,7 @@
 #include "TextTable.hpp"
 #include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/platform/UrlFetch.hpp"
+#include "gaugepoint/pricing/OneHourCacheWrites.hpp"
 #include "gaugepoint/pricing/QuotaMetadataCatalog.hpp"
 #include "gaugepoint/pricing/QuotaMetadataRefreshService.hpp"
 
@@ -55,16 +56,19 @@ void listModels(const GlobalOptions& globals) {
     const auto store = loadCatalog(globals);
     if (!store->modelPayload) throw Error("no model catalogue could be loaded");
     if (globals.json) return printJson(*store->modelPayload);
-    std::vector<std::vector<std::string>> rows{{"Id", "Name", "Provider", "Input", "Output", "Cache read", "Cache write"}};
+    std::vector<std::vector<std::string>> rows{
+        {"Id", "Name", "Provider", "Input", "Output", "Cache read", "Cache write", "1h write"}};
     for (const auto& m : store->modelPayload->models) {
         rows.push_back({m.id, m.displayName, m.providerID, priceText(m.inputCostPerMillionUSD),
                         priceText(m.outputCostPerMillionUSD), priceText(m.cacheReadCostPerMillionUSD),
-                        priceText(m.cacheWriteCostPerMillionUSD)});
+                        priceText(m.cacheWriteCostPerMillionUSD), priceText(OneHourCacheWrites::costPerMillionUSD(m))});
     }
-    const TableFormat format{{false, false, false, true, true, true, true}, {false, false, false, false, false, true, true},
-                             {false, true, false, false, false, false, false}};
+    const TableFormat format{{false, false, false, true, true, true, true, true},
+                             {false, false, false, false, false, true, true, true},
+                             {false, true, false, false, false, false, false, false}};
     writeOutput("-", renderTable(rows, format) + counted(std::int64_t(store->modelPayload->models.size()), "model") +
-                         " · prices in US dollars per million tokens, - where unknown\n");
+                         " · prices in US dollars per million tokens, - where unknown;"
+                         " 1h write is the one-hour cache write, twice the input price unless the catalogue states it\n");
 }
 
 void resolveModel(const CatalogOptions& options, const GlobalOptions& globals) {
@@ -86,6 +90,10 @@ void resolveModel(const CatalogOptions& options, const GlobalOptions& globals) {
         {"output", priceSentence(model->outputCostPerMillionUSD)},
         {"cache read", priceSentence(model->cacheReadCostPerMillionUSD)},
         {"cache write", priceSentence(model->cacheWriteCostPerMillionUSD)},
+        {"cache write 1h", priceSentence(OneHourCacheWrites::costPerMillionUSD(*model)) +
+                               (model->cacheWrite1hCostPerMillionUSD || !model->inputCostPerMillionUSD
+                                    ? ""
+                                    : " (twice the input price)")},
     };
     if (model->pricingSourceURL) rows.push_back({"prices from", *model->pricingSourceURL});
     writeOutput("-", alignedRows(rows));

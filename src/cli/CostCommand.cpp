@@ -1,6 +1,7 @@
 // gaugepoint cost: token usage priced with the catalogue and the cost rules.
 
 #include "Commands.hpp"
+#include "gaugepoint/pricing/OneHourCacheWrites.hpp"
 #include "gaugepoint/pricing/QuotaMetadataCatalog.hpp"
 #include "gaugepoint/pricing/QuotaModelCostEstimator.hpp"
 
@@ -11,6 +12,7 @@ struct CostOptions {
     std::string model;
     std::optional<std::string> displayName;
     QuotaSessionTokenUsage usage;
+    std::int64_t cacheWrite1h = 0;  // the part of usage.cacheWriteTokens kept for an hour
     std::string file;
     std::optional<std::string> tier;
     std::optional<std::int64_t> monthlyLimit;
@@ -19,12 +21,17 @@ struct CostOptions {
 std::string optionalUSD(const std::optional<double>& value) { return value ? usdText(*value) : "-"; }
 
 void priceUsage(const CostOptions& options, const GlobalOptions& globals) {
+    if (options.cacheWrite1h > options.usage.cacheWriteTokens) {
+        throw UsageError("--cache-write-1h: the one-hour part of --cache-write, at most " +
+                         std::to_string(options.usage.cacheWriteTokens) + ", got " + std::to_string(options.cacheWrite1h));
+    }
     // A name people type ("sonnet") stands for a model as `catalog resolve` says.
     std::string modelID = options.model;
     if (!options.displayName) {
         if (const auto typed = QuotaMetadataCatalog::modelForTypedName(options.model)) modelID = typed->id;
     }
-    const auto cost = QuotaModelCostEstimator::estimatedCostUSD(options.usage, modelID, options.displayName);
+    auto cost = QuotaModelCostEstimator::estimatedCostUSD(options.usage, modelID, options.displayName);
+    if (cost) *cost += OneHourCacheWrites::surchargeUSD(options.cacheWrite1h, modelID, options.displayName);
     const auto baseline =
         QuotaModelCostEstimator::estimatedBaselineCostWithoutCacheUSD(options.usage, modelID, options.displayName);
     if (globals.json) {
@@ -126,6 +133,8 @@ void registerCostCommand(CLI::App& root, GlobalOptions& globals) {
     count("--output", options->usage.outputTokens, "Output tokens (default 0)");
     count("--cache-read", options->usage.cacheReadTokens, "Tokens read from the prompt cache (default 0)");
     count("--cache-write", options->usage.cacheWriteTokens, "Tokens written to the prompt cache (default 0)");
+    count("--cache-write-1h", options->cacheWrite1h,
+          "Of the cache writes, those kept for an hour, priced at their own rate (default 0)");
     usage->callback([options, &globals] { priceUsage(*options, globals); });
 
     CLI::App* session = addGroup(*group, "session", "Price a session descriptor or an aggregate snapshot document");

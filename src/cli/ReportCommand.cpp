@@ -51,6 +51,8 @@ struct Words {
     const char *models, *input, *output, *cacheCreate, *cacheRead, *total, *cost, *totalRow;
     const char *allProviders, *noUsage, *in, *stop, *storesAt, *scanFirst, *active, *gap, *unpriced, *unpricedCell;
     const char *left, *ofLimit, *burnRate, *perMinute, *perHour, *atThisRate, *tokensAnd, *by;
+    const char* oneHour;
+    const char *charges, *premiumRequests, *aiu, *credits, *listSeparator;
 };
 
 constexpr Words kEnglish{"Daily usage", "Weekly usage", "Monthly usage", "Usage by session", "Five-hour blocks",
@@ -60,14 +62,16 @@ constexpr Words kEnglish{"Daily usage", "Weekly usage", "Monthly usage", "Usage 
                          " (without --no-scan the logs are read first)", "active", "idle",
                          " tokens of models without a price are not in the costs: ", "unpriced*",
                          "{} left", "% of limit", "Burn rate: ", " tokens/min", "/h", "At this rate the block ends with ",
-                         " tokens, ", " by "};
+                         " tokens, ", " by ", "1h ", "Charged in the tools' own units, not in the costs: ",
+                         " premium requests", " AIU", " credits", ", "};
 constexpr Words kChinese{"每日用量", "每周用量", "每月用量", "按会话的用量", "五小时区块", "日期", "周", "月",
                          "会话", "服务", "项目", "最后活动", "区块开始", "状态", "模型", "输入", "输出", "缓存写入",
                          "缓存读取", "总令牌", "费用", "合计", "全部服务", "没有找到用量。", "：", "。", "存储 ",
                          "（不带 --no-scan 时会先读取日志）", "进行中", "空闲",
                          " 个令牌属于没有价格的模型，未计入费用：", "无价格*",
                          "剩余 {}", "占上限", "消耗速度：", " 令牌/分钟", "/小时", "按此速度，区块结束时为 ", " 令牌、",
-                         "，截至 "};
+                         "，截至 ", "1小时 ", "工具以自身单位计的费用，未计入费用：", " 次高级请求", " AIU",
+                         " 积分", "、"};
 
 const Words& wordsFor(const GlobalOptions& globals) {
     return isChineseLanguage(resolveLanguage(globals)) ? kChinese : kEnglish;
@@ -163,6 +167,10 @@ public:
             std::vector<std::string> row(leading_ + 1, "");
             row.back() = "  └ " + b.modelName;
             for (auto& cell : tokenCells(b.tokens)) row.push_back(std::move(cell));
+            // The one-hour part of a model's cache writes, priced apart: "1,234 (1h 234)".
+            if (b.cacheWrite1hTokens > 0) {
+                row[leading_ + 3] += std::string(" (") + words_.oneHour + groupedInteger(b.cacheWrite1hTokens) + ")";
+            }
             row.push_back(b.priced ? usdCentsText(b.cost) : words_.unpricedCell);
             rows_.push_back(std::move(row));
         }
@@ -187,10 +195,21 @@ public:
             text += Ansi::yellow("*") + (oneLine ? note : std::string(trimmed(note)).insert(0, " ") + "\n  ") +
                     joined(models) + "\n";
         }
+        if (totals.charges.any()) text += chargesLine(totals.charges) + "\n";
         return text;
     }
 
 private:
+    // "Charged in the tools' own units, not in the costs: 3 premium requests, 12.5 AIU"
+    std::string chargesLine(const QuotaUsageCharges& charges) const {
+        std::string list;
+        for (const auto& [amount, unit] : {std::pair{charges.premiumRequests, words_.premiumRequests},
+                                           std::pair{charges.aiu, words_.aiu}, std::pair{charges.credits, words_.credits}}) {
+            if (amount != 0) list += (list.empty() ? "" : words_.listSeparator) + numberText(amount) + unit;
+        }
+        return words_.charges + list;
+    }
+
     std::size_t leading_;
     TableFormat format_;
     const Words& words_;
@@ -246,6 +265,8 @@ std::vector<std::string> reportedProviders(const ReportOptions& options) {
 void addTotals(UsageTotals& sum, const UsageTotals& more) {
     sum.tokens += more.tokens;
     sum.tokens.exactCostUSD.reset();
+    sum.cacheWrite1hTokens += more.cacheWrite1hTokens;
+    sum.charges += more.charges;
     sum.entries += more.entries;
     sum.totalCost += more.totalCost;
     sum.unpricedTokens += more.unpricedTokens;

@@ -72,7 +72,9 @@ TEST_F(ReportCommand, TablesAreAlignedWithTotalsAndMarkUnpricedTokens) {
     EXPECT_NE(text.out.find("\nTotal "), std::string::npos);
     EXPECT_NE(text.out.find("  └ claude-nebula-preview-20261015 "), std::string::npos);
     EXPECT_NE(text.out.find(" 220,235  unpriced*\n"), std::string::npos) << text.out;  // never $0.00
-    EXPECT_NE(text.out.find("2,667,716     $5.01*\n"), std::string::npos) << text.out;
+    // $5.01 at the cache-write price, plus 13,070 one-hour cache writes of claude-sonnet-4-5 at
+    // $6 instead of $3.75 per million: $0.03 more.
+    EXPECT_NE(text.out.find("2,667,716     $5.04*\n"), std::string::npos) << text.out;
     EXPECT_NE(text.out.find("\n* 220,235 tokens of models without a price are not in the costs: "
                             "claude-nebula-preview-20261015\n"),
               std::string::npos);
@@ -166,10 +168,14 @@ TEST_F(ReportCommand, TheWidgetShowsThisMachinesSnapshotWhenThereIsNoSiblingFile
         << tooltip;
     EXPECT_EQ(gaugepoint(with({"sources", "list", "--json"}, false)).out.find("Codex"), std::string::npos);
     EXPECT_EQ(gaugepoint(with({"widget", "--format", "line", "--now", now}, false)).out, "Codex 5h 99.2% left · in 5h\n");
-    // The 30-day cost leaves out a model without a price, and says how many tokens that is.
+    // Providers without a window show their day: none yet on the 6th; on the 5th, a cost that
+    // leaves out a model without a price, saying how many tokens that is (claude-opus-4-1 $0.75 +
+    // claude-sonnet-4-5 $0.05; gemini-2.5-pro $0.27 + gemini-2.5-flash $0.02).
     const auto text = gaugepoint(with({"widget", "--now", now}, false)).out;
-    EXPECT_NE(text.find("Claude  2.7M tokens · $5.01 in 30 days (220.2K unpriced)\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("Gemini  602.8K tokens · $0.72 in 30 days\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("Claude  0 tokens · $0.00 today\n"), std::string::npos) << text;
+    const auto dayBefore = gaugepoint(with({"widget", "--now", "2026-11-05T23:59:00Z"}, false)).out;
+    EXPECT_NE(dayBefore.find("Claude  419.2K tokens · $0.80 today (220.2K unpriced)\n"), std::string::npos) << dayBefore;
+    EXPECT_NE(dayBefore.find("Gemini  268.2K tokens · $0.29 today\n"), std::string::npos) << dayBefore;
 
     // A block limit, kept for later scans, turns the active Claude block into the tightest window.
     const std::string during = "2026-11-05T15:00:00Z";

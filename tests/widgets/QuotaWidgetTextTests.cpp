@@ -113,6 +113,39 @@ TEST(WidgetText, AlignsOneLinePerProvider) {
               "OpenRouter  余额 $18.42\n");
 }
 
+// A provider without windows shows its local day; one with windows keeps its 30-day usage.
+TEST(WidgetText, ProvidersWithoutWindowsShowTheirDay) {
+    const auto withUsage = [](ProviderQuota p, std::vector<QuotaDailyTokenEntry> days) {
+        p.tokenUsage = QuotaTokenUsageSummary{std::nullopt, std::nullopt, 7.5, 3'100'000};
+        p.dailyTokenUsage = std::move(days);
+        return p;
+    };
+    QuotaSnapshot s;
+    s.generatedAt = kNow;
+    s.providers = {
+        withUsage(provider("claude", "Claude", {timeWindow("primary", 42, 300, 0, at("2026-11-21T11:15:00Z"))}),
+                  {{"2026-11-21", 1.25, 400'000}}),
+        withUsage(provider("amp", "Amp", {}), {{"2026-11-20", 3.0, 900'000}, {"2026-11-21", 0.84, 1'234'000}}),
+        withUsage(provider("qwen", "Qwen", {}), {{"2026-11-21", 0, 33'000}}),  // nothing priced today
+        withUsage(provider("goose", "Goose", {}), {{"2026-11-20", 2.0, 50'000}}),  // only yesterday
+    };
+    QuotaWidgetUsageNotes notes;
+    notes.today = "2026-11-21";
+    notes.unpricedToday = {{"qwen", 33'000}};
+    notes.unpricedLast30Days = {{"qwen", 33'000}};
+    const auto english = QuotaWidgetView::make(s, kNow, "en", {}, notes);
+    EXPECT_EQ(english.providers[0].usageText, "3.1M tokens · $7.50 in 30 days");
+    EXPECT_EQ(english.providers[1].usageText, "1.2M tokens · $0.84 today");
+    EXPECT_EQ(english.providers[2].usageText, "33.0K tokens today (33.0K unpriced)");
+    EXPECT_EQ(english.providers[3].usageText, "0 tokens · $0.00 today");
+    const auto chinese = QuotaWidgetView::make(s, kNow, "zh-Hans", {}, notes);
+    EXPECT_EQ(chinese.providers[1].usageText, "今天 1.2M 令牌 · $0.84");
+    EXPECT_EQ(chinese.providers[2].usageText, "今天 33.0K 令牌（33.0K 未计价）");
+    EXPECT_NE(QuotaWidgetText::providerLines(english).find("Amp     1.2M tokens · $0.84 today\n"), std::string::npos);
+    // Without a day to go by (no calendar), the 30-day line stays.
+    EXPECT_EQ(QuotaWidgetView::make(s, kNow, "en").providers[1].usageText, "3.1M tokens · $7.50 in 30 days");
+}
+
 TEST(WidgetText, NamesFromFilesStayOnOneLineAndCreditsKeepTheirColumn) {
     auto snapshot = sample();
     snapshot.providers[0].displayName = "Clau\nde";

@@ -6,8 +6,11 @@
 // cache read) or, in older threads, in `usageLedger.events`; the two describe the same calls, so
 // a thread with ledger events is counted by them alone, each event taking its cache split from
 // the message it produced. A response is keyed by thread and message (or ledger event) id, so a
-// thread file copied elsewhere under threads/ and a repeated ledger event count once. Credits are
-// Amp's own unit, not US dollars, and are not turned into a cost.
+// thread file copied elsewhere under threads/ and a repeated ledger event count once. Credits
+// (`credits` of a message's usage or of a ledger event) are Amp's own unit, not US dollars: they
+// are kept as the response's charge, with it, and never turned into a cost.
+
+#include <cmath>
 
 #include <map>
 
@@ -34,7 +37,8 @@ struct Usage {
     std::string model;
     std::optional<Date> timestamp;
     std::int64_t input = 0, output = 0, cacheWrite = 0, cacheRead = 0;
-    bool bad = false;
+    double credits = 0;
+    bool bad = false, badCredits = false;
 };
 
 // A message's `usage` or a ledger event: the same names where they overlap. False when the JSON
@@ -56,6 +60,11 @@ bool readUsage(object usage, Usage& u) {
             u.bad |= !jsonline::tokenCount(v, u.cacheWrite);
         } else if (key == "cacheReadInputTokens") {
             u.bad |= !jsonline::tokenCount(v, u.cacheRead);
+        } else if (key == "credits") {
+            if (jsonline::isNull(v)) continue;
+            const auto credits = jsonline::number(v);
+            u.badCredits |= !credits || !std::isfinite(*credits) || *credits < 0;
+            if (credits) u.credits = *credits;
         } else if (key == "tokens") {
             object tokens;
             if (!v.get_object().get(tokens) && !readUsage(tokens, u)) return false;
@@ -157,7 +166,8 @@ std::string projectOf(object env) {
 class AmpLogs final : public CodingToolLogs {
 public:
     QuotaSessionProviderIdentity provider() const override { return {"amp", "Amp"}; }
-    std::int64_t parserVersion() const override { return 1; }
+    // 2: credits are kept.
+    std::int64_t parserVersion() const override { return 2; }
 
     std::vector<fs::path> defaultHomes() const override {
         if (auto homes = homesFromEnvironment("AMP_DATA_DIR"); !homes.empty()) return homes;
@@ -224,6 +234,7 @@ public:
 private:
     static void record(const Thread& thread, const std::string& key, const Usage& u, LogRecordSink& sink) {
         if (u.bad) return sink.badLine(0, key + ": a token count that is negative, fractional or absurd");
+        if (u.badCredits) return sink.badLine(0, key + ": credits that are negative or not a number");
         if (!u.timestamp) return sink.badLine(0, key + ": no timestamp");
         QuotaUsageEntry entry;
         entry.providerID = "amp";
@@ -232,7 +243,8 @@ private:
         entry.timestamp = *u.timestamp;
         entry.model = u.model.empty() ? "unknown" : u.model;
         entry.tokens = {u.input, u.output, u.cacheRead, u.cacheWrite, std::nullopt};
-        if (entry.tokens.totalTokens() == 0) return;
+        entry.charges.credits = u.credits;
+        if (entry.tokens.totalTokens() == 0 && !entry.charges.any()) return;
         recordResponse(sink, std::move(entry));
     }
 };

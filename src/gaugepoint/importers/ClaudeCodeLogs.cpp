@@ -6,8 +6,10 @@
 // lines, so a response is counted once across all files: by message.id and requestId, keeping
 // the line with the most output tokens. Lines of the model "<synthetic>" and API error lines are
 // Claude Code's own and count nothing. A record belongs to the session its sessionId names, so
-// subagent transcripts count toward their parent session.
+// subagent transcripts count toward their parent session. Of the cache writes, the part kept for
+// an hour (usage.cache_creation.ephemeral_1h_input_tokens) is carried beside them, as it costs more.
 
+#include <algorithm>
 #include <cstdlib>
 #include <set>
 
@@ -23,8 +25,24 @@ using simdjson::ondemand::object;
 using simdjson::ondemand::value;
 
 struct Usage {
-    std::optional<std::int64_t> input, output, cacheRead, cacheWrite;
+    std::optional<std::int64_t> input, output, cacheRead, cacheWrite, cacheWrite1h;
 };
+
+// The one-hour part of usage.cache_creation (the five-minute part is the rest of the cache writes).
+void readCacheCreation(object parts, Usage& u, bool& bad) {
+    for (auto field : parts) {
+        std::string_view key;
+        if (field.unescaped_key().get(key)) {
+            bad = true;
+            return;
+        }
+        if (key != "ephemeral_1h_input_tokens") continue;
+        value v = field.value();
+        if (jsonline::isNull(v)) continue;
+        u.cacheWrite1h = jsonline::integer(v);
+        if (!u.cacheWrite1h || !isPlausibleTokenCount(*u.cacheWrite1h)) bad = true;
+    }
+}
 
 // The fields of one record that the import reads.
 struct Record {
@@ -43,6 +61,11 @@ Usage readUsage(object usage, bool& bad) {
         if (field.unescaped_key().get(key)) {
             bad = true;
             break;
+        }
+        if (key == "cache_creation") {
+            object parts;
+            if (!field.value().get_object().get(parts)) readCacheCreation(parts, u, bad);
+            continue;
         }
         std::optional<std::int64_t>* slot = key == "input_tokens"                  ? &u.input
                                             : key == "output_tokens"               ? &u.output
@@ -121,7 +144,8 @@ std::optional<Record> readRecord(object line, bool wantText) {
 class ClaudeCodeLogs final : public CodingToolLogs {
 public:
     QuotaSessionProviderIdentity provider() const override { return {"claude", "Claude"}; }
-    std::int64_t parserVersion() const override { return 1; }
+    // 2: the one-hour part of the cache writes is kept.
+    std::int64_t parserVersion() const override { return 2; }
 
     std::vector<fs::path> defaultHomes() const override {
         if (const char* dirs = std::getenv("CLAUDE_CONFIG_DIR"); dirs && *dirs) {
@@ -187,6 +211,8 @@ private:
             entry.model = r.model.empty() ? "unknown" : r.model;
             entry.tokens = {r.usage->input.value_or(0), r.usage->output.value_or(0), r.usage->cacheRead.value_or(0),
                             r.usage->cacheWrite.value_or(0), r.cost};
+            // The parts add up to the cache writes; a larger part than the whole is held to it.
+            entry.cacheWrite1hTokens = std::min(r.usage->cacheWrite1h.value_or(0), entry.tokens.cacheWriteTokens);
             tokens = entry.tokens;
             sink.usage(std::move(entry));
         }

@@ -7,9 +7,12 @@
 // state, so a scan that reads on from the end of the file goes on from them.
 //
 // Copilot's input count holds the cached tokens (read and written), which are taken out of it;
-// reasoning is already inside output. Premium requests and AIU are not US dollars and are not
-// turned into a cost.
+// reasoning is already inside output. Premium requests (requests.cost) and AI units
+// (totalNanoAiu / 10^9) of each model are running totals too, counted by the same rule as the
+// tokens; they are not US dollars, are kept as the response's charges and never turned into a cost.
 
+#include <charconv>
+#include <cmath>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -27,21 +30,34 @@ using simdjson::ondemand::value;
 
 struct Totals {
     std::int64_t input = 0, output = 0, cacheRead = 0, cacheWrite = 0;
+    double premiumRequests = 0;
+    std::int64_t nanoAiu = 0;
     bool operator==(const Totals&) const = default;
 };
+
+std::string shortest(double value) {
+    char text[32];
+    const auto end = std::to_chars(text, text + sizeof text, value).ptr;
+    return {text, end};
+}
 
 // Marks the id of a shutdown already counted, among the models of the state.
 constexpr std::string_view kSeenEvent = "\x01event:";
 
-// The running totals per model, as the state text keeps them: "model\tin\tout\tread\twrite\n".
+// The running totals per model, as the state text keeps them, a line each:
+// "model\tin out read write premium nanoAiu".
 std::map<std::string, Totals> decodeState(std::string_view state) {
     std::map<std::string, Totals> totals;
-    std::istringstream in{std::string(state)};
-    std::string model;
-    Totals t;
-    while (std::getline(in, model, '\t') && in >> t.input >> t.output >> t.cacheRead >> t.cacheWrite) {
-        totals[model] = t;
-        in.ignore(1);
+    std::istringstream lines{std::string(state)};
+    std::string line;
+    while (std::getline(lines, line)) {
+        const auto tab = line.find('\t');
+        if (tab == std::string::npos) continue;
+        std::istringstream in{line.substr(tab + 1)};
+        Totals t;
+        if (in >> t.input >> t.output >> t.cacheRead >> t.cacheWrite >> t.premiumRequests >> t.nanoAiu) {
+            totals[line.substr(0, tab)] = t;
+        }
     }
     return totals;
 }
@@ -50,7 +66,8 @@ std::string encodeState(const std::map<std::string, Totals>& totals) {
     std::string state;
     for (const auto& [model, t] : totals) {
         state += model + "\t" + std::to_string(t.input) + " " + std::to_string(t.output) + " " + std::to_string(t.cacheRead) +
-                 " " + std::to_string(t.cacheWrite) + "\n";
+                 " " + std::to_string(t.cacheWrite) + " " + shortest(t.premiumRequests) + " " + std::to_string(t.nanoAiu) +
+                 "\n";
     }
     return state;
 }
@@ -63,13 +80,46 @@ std::string modelName(std::string_view key) {
     return std::string(key);
 }
 
-std::optional<Totals> readUsage(object usage) {
+bool readUsage(object usage, Totals& t) {
+    return jsonline::tokenCounts(usage, {{"inputTokens", {}, &t.input},
+                                         {"outputTokens", {}, &t.output},
+                                         {"cacheReadTokens", {}, &t.cacheRead},
+                                         {"cacheWriteTokens", {}, &t.cacheWrite}});
+}
+
+// requests.cost: the premium requests so far. False when it is not a number of zero or more.
+bool readRequests(object requests, Totals& t) {
+    for (auto field : requests) {
+        std::string_view key;
+        if (field.unescaped_key().get(key)) return false;
+        if (key != "cost") continue;
+        value v = field.value();
+        if (jsonline::isNull(v)) continue;
+        const auto cost = jsonline::number(v);
+        if (!cost || !std::isfinite(*cost) || *cost < 0) return false;
+        t.premiumRequests = *cost;
+    }
+    return true;
+}
+
+// One model's metrics: its usage, requests and totalNanoAiu. None when a figure is not a count.
+std::optional<Totals> readModelMetrics(object metrics, bool& any) {
     Totals t;
-    if (!jsonline::tokenCounts(usage, {{"inputTokens", {}, &t.input},
-                                       {"outputTokens", {}, &t.output},
-                                       {"cacheReadTokens", {}, &t.cacheRead},
-                                       {"cacheWriteTokens", {}, &t.cacheWrite}})) {
-        return std::nullopt;
+    for (auto field : metrics) {
+        std::string_view key;
+        object inner;
+        if (field.unescaped_key().get(key)) return std::nullopt;
+        value v = field.value();
+        if (key == "usage" && !v.get_object().get(inner)) {
+            any = true;
+            if (!readUsage(inner, t)) return std::nullopt;
+        } else if (key == "requests" && !v.get_object().get(inner)) {
+            if (!readRequests(inner, t)) return std::nullopt;
+        } else if (key == "totalNanoAiu" && !jsonline::isNull(v)) {
+            const auto nano = jsonline::integer(v);
+            if (!nano || *nano < 0) return std::nullopt;
+            t.nanoAiu = *nano;
+        }
     }
     return t;
 }
@@ -92,7 +142,8 @@ std::string workspaceDirectory(const fs::path& events) {
 class CopilotLogs final : public CodingToolLogs {
 public:
     QuotaSessionProviderIdentity provider() const override { return {"copilot", "Copilot"}; }
-    std::int64_t parserVersion() const override { return 1; }
+    // 2: premium requests and AI units are kept.
+    std::int64_t parserVersion() const override { return 2; }
 
     std::vector<fs::path> defaultHomes() const override {
         if (const char* home = std::getenv("COPILOT_HOME"); home && *home) return {fs::path(home)};
@@ -160,16 +211,12 @@ private:
                     if (m.unescaped_key().get(rawModel) || m.value().get_object().get(perModel)) {
                         return sink.badLine(offset, "malformed JSON");
                     }
-                    const std::string model = modelName(rawModel);
-                    for (auto u : perModel) {
-                        std::string_view part;
-                        object usage;
-                        if (u.unescaped_key().get(part)) return sink.badLine(offset, "malformed JSON");
-                        if (part != "usage" || u.value().get_object().get(usage)) continue;
-                        const auto now = readUsage(usage);
-                        if (!now) return sink.badLine(offset, "a token count that is negative, fractional or absurd");
-                        count(*now, model, id.empty() ? std::to_string(offset) : id, *timestamp, sessionID, totals, sink);
-                    }
+                    bool hasUsage = false;
+                    const auto now = readModelMetrics(perModel, hasUsage);
+                    if (!now) return sink.badLine(offset, "a token count or charge that is negative, fractional or absurd");
+                    if (!hasUsage) continue;
+                    count(*now, modelName(rawModel), id.empty() ? std::to_string(offset) : id, *timestamp, sessionID, totals,
+                          sink);
                 }
             }
         }
@@ -179,11 +226,13 @@ private:
                       const std::string& sessionID, std::map<std::string, Totals>& totals, LogRecordSink& sink) {
         const Totals before = totals[model];
         const bool restarted = now.input < before.input || now.output < before.output || now.cacheRead < before.cacheRead ||
-                               now.cacheWrite < before.cacheWrite;
+                               now.cacheWrite < before.cacheWrite || now.premiumRequests < before.premiumRequests ||
+                               now.nanoAiu < before.nanoAiu;
         const Totals from = restarted ? Totals{} : before;
         totals[model] = now;
-        const Totals grew{now.input - from.input, now.output - from.output, now.cacheRead - from.cacheRead,
-                          now.cacheWrite - from.cacheWrite};
+        const Totals grew{now.input - from.input,          now.output - from.output,
+                          now.cacheRead - from.cacheRead,  now.cacheWrite - from.cacheWrite,
+                          now.premiumRequests - from.premiumRequests, now.nanoAiu - from.nanoAiu};
         if (grew == Totals{}) return;
         QuotaUsageEntry entry;
         entry.providerID = "copilot";
@@ -193,6 +242,8 @@ private:
         entry.model = model;
         entry.tokens = {std::max<std::int64_t>(0, grew.input - grew.cacheRead - grew.cacheWrite), grew.output, grew.cacheRead,
                         grew.cacheWrite, std::nullopt};
+        entry.charges.premiumRequests = grew.premiumRequests;
+        entry.charges.aiu = double(grew.nanoAiu) / 1e9;  // nano-AIU to AIU
         recordResponse(sink, std::move(entry));
     }
 };

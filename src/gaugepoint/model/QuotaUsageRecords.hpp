@@ -14,6 +14,24 @@
 
 namespace gaugepoint {
 
+// What a tool charged in its own units, never US dollars and never turned into them: Copilot's
+// premium requests and AI units (AIU; one is worth a cent, but stays an AIU), Amp's credits.
+struct QuotaUsageCharges {
+    double premiumRequests = 0;
+    double aiu = 0;
+    double credits = 0;
+
+    bool any() const { return premiumRequests != 0 || aiu != 0 || credits != 0; }
+    QuotaUsageCharges& operator+=(const QuotaUsageCharges& other) {
+        premiumRequests += other.premiumRequests;
+        aiu += other.aiu;
+        credits += other.credits;
+        return *this;
+    }
+    bool operator==(const QuotaUsageCharges&) const = default;
+};
+BOOST_DESCRIBE_STRUCT(QuotaUsageCharges, (), (premiumRequests, aiu, credits))
+
 // One counted API response (Claude Code, Gemini CLI) or token delta (Codex CLI). The same
 // response found in several files has one dedupKey and is counted once.
 struct QuotaUsageEntry {
@@ -23,9 +41,14 @@ struct QuotaUsageEntry {
     Date timestamp;
     std::string model;
     QuotaSessionTokenUsage tokens;  // exactCostUSD: a cost the log itself reported
+    // The part of tokens.cacheWriteTokens written to the one-hour cache (0 to cacheWriteTokens):
+    // priced at its own rate, never counted a second time.
+    std::int64_t cacheWrite1hTokens = 0;
+    QuotaUsageCharges charges;  // what the tool charged for the response, counted like its tokens
     bool operator==(const QuotaUsageEntry&) const = default;
 };
-BOOST_DESCRIBE_STRUCT(QuotaUsageEntry, (), (providerID, sessionID, dedupKey, timestamp, model, tokens))
+BOOST_DESCRIBE_STRUCT(QuotaUsageEntry, (),
+                      (providerID, sessionID, dedupKey, timestamp, model, tokens, cacheWrite1hTokens, charges))
 
 // One message of a session as a log shows it; the same message in several files has one
 // messageKey. `text` is present only as far as the capture mode keeps text.

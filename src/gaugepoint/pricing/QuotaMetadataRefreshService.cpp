@@ -104,7 +104,8 @@ constexpr double kMaxPricePerMillionUSD = 100000;
 // whole, so the catalogue in force stays as it was.
 bool pricesPossible(const QuotaModelMetadata& model) {
     for (const auto& price : {model.inputCostPerMillionUSD, model.outputCostPerMillionUSD,
-                              model.cacheReadCostPerMillionUSD, model.cacheWriteCostPerMillionUSD}) {
+                              model.cacheReadCostPerMillionUSD, model.cacheWriteCostPerMillionUSD,
+                              model.cacheWrite1hCostPerMillionUSD}) {
         if (price && !(*price >= 0 && *price <= kMaxPricePerMillionUSD)) return false;
     }
     return true;

@@ -51,6 +51,9 @@ struct QuotaModelMetadata {
     std::optional<std::string> brandingSourceURL;
     std::vector<std::string> sourceURLs;
     std::optional<std::string> notes;
+    // Price of one million tokens written to the one-hour cache, where the catalogue states one
+    // (OneHourCacheWrites uses twice the input price otherwise). Not one of the four prices.
+    std::optional<double> cacheWrite1hCostPerMillionUSD;
 
     // True when at least one of the four prices is known.
     bool hasAnyPrice() const {
@@ -63,7 +66,8 @@ struct QuotaModelMetadata {
 BOOST_DESCRIBE_STRUCT(QuotaModelMetadata, (),
                       (id, displayName, aliases, providerID, family, organizationName, brandAssetName, logoURL,
                        inputCostPerMillionUSD, outputCostPerMillionUSD, cacheReadCostPerMillionUSD,
-                       cacheWriteCostPerMillionUSD, pricingSourceURL, brandingSourceURL, sourceURLs, notes))
+                       cacheWriteCostPerMillionUSD, pricingSourceURL, brandingSourceURL, sourceURLs, notes,
+                       cacheWrite1hCostPerMillionUSD))
 
 struct QuotaProviderMetadataPayload {
     std::int64_t version = 1;

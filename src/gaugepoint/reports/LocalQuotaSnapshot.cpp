@@ -179,12 +179,12 @@ QuotaSnapshot mergedWithNewerReadings(QuotaSnapshot snapshot, const std::optiona
 }  // namespace
 
 std::map<std::string, std::int64_t> unpricedTokens(const QuotaSyncConfiguration& configuration, Date now,
-                                                   const LocalCalendar& calendar) noexcept {
+                                                   const LocalCalendar& calendar, int days) noexcept {
     std::map<std::string, std::int64_t> unpriced;
     try {
         const QuotaUsageEntryStore store{QuotaSessionFileRegistry{configuration}};
         UsageReportFilter lastDays;
-        lastDays.since = calendar.dayKey(calendar.addingDays(now, -(kDays - 1)));
+        lastDays.since = calendar.dayKey(calendar.addingDays(now, -(days - 1)));
         for (const auto& tool : codingTools()) {
             lastDays.providerID = tool->provider().id;
             const std::int64_t tokens = usageOfDays(store, calendar, lastDays).unpricedTokens;

@@ -32,11 +32,11 @@ QuotaSnapshotSource source(const QuotaSyncConfiguration& configuration);
 // QuotaSessionFileRegistryError when the imported records cannot be read.
 QuotaSnapshot make(const QuotaSyncConfiguration& configuration, Date now, const LocalCalendar& calendar);
 
-// Per provider, the tokens of the snapshot's last 30 days at `now` that no price covers (left
-// out of its 30-day cost); providers without any are left out. Never throws: empty when the
-// imported records cannot be read.
+// Per provider, the tokens of the last `days` local days at `now` (30: the snapshot's, 1: today)
+// that no price covers (left out of their cost); providers without any are left out. Never
+// throws: empty when the imported records cannot be read.
 std::map<std::string, std::int64_t> unpricedTokens(const QuotaSyncConfiguration& configuration, Date now,
-                                                   const LocalCalendar& calendar) noexcept;
+                                                   const LocalCalendar& calendar, int days = 30) noexcept;
 
 // What publish() wrote.
 struct PublishResult {

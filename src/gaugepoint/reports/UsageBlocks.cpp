@@ -70,7 +70,7 @@ std::vector<UsageBlock> usageBlocks(std::vector<QuotaUsageEntry> entries, Date n
         }
         if (!open) open = OpenBlock{topOfUTCHour(e.timestamp), e.timestamp, e.timestamp, {}};
         open->last = e.timestamp;
-        open->tally.add(e.model, 1, e.tokens);
+        open->tally.add(e.model, 1, e.tokens, e.cacheWrite1hTokens, e.charges);
     }
     if (open) blocks.push_back(closed(*open, now));
     std::stable_sort(blocks.begin(), blocks.end(), [](const auto& a, const auto& b) { return a.startTime < b.startTime; });
@@ -81,6 +81,8 @@ UsageTotals usageBlockTotals(const std::vector<UsageBlock>& blocks) {
     UsageTotals totals;
     for (const auto& block : blocks) {
         totals.tokens += block.totals.tokens;
+        totals.cacheWrite1hTokens += block.totals.cacheWrite1hTokens;
+        totals.charges += block.totals.charges;
         totals.totalCost += block.totals.totalCost;
         totals.unpricedTokens += block.totals.unpricedTokens;
         totals.entries += block.totals.entries;

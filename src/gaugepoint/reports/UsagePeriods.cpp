@@ -121,8 +121,9 @@ UsagePeriodReport usageByPeriod(const QuotaUsageEntryStore& store, const LocalCa
     DayCursor days{calendar};
     for (const auto& bucket : store.usageBuckets(filter.providerID, since, until)) {
         const std::int64_t day = days.dayOf(dateFromSeconds(double(bucket.quarterHour) * kSecondsPerQuarterHour));
-        periods[periodKey(day, period, weekStartsMonday)].add(bucket.model, bucket.entries, bucket.tokens);
-        all.add(bucket.model, bucket.entries, bucket.tokens);
+        periods[periodKey(day, period, weekStartsMonday)].add(bucket.model, bucket.entries, bucket.tokens,
+                                                              bucket.cacheWrite1hTokens, bucket.charges);
+        all.add(bucket.model, bucket.entries, bucket.tokens, bucket.cacheWrite1hTokens, bucket.charges);
     }
     for (const auto* other : kept(others, filter, since, until)) {
         const std::int64_t day = dayNumber(calendar.dayKey(other->at)).value_or(0);
@@ -149,9 +150,9 @@ UsageSessionReport usageBySession(const QuotaUsageEntryStore& store, const Local
     for (const auto& row : store.sessionModelUsage(filter.providerID, since, until)) {
         Session& session = sessions[row.session];
         session.lastActivity = session.tally.empty() ? row.lastActivity : std::max(session.lastActivity, row.lastActivity);
-        session.tally.add(row.model, row.entries, row.tokens);
+        session.tally.add(row.model, row.entries, row.tokens, row.cacheWrite1hTokens, row.charges);
         if (row.projectPath) session.projectPath = row.projectPath;
-        all.add(row.model, row.entries, row.tokens);
+        all.add(row.model, row.entries, row.tokens, row.cacheWrite1hTokens, row.charges);
     }
     UsageSessionReport report;
     for (const auto& [key, session] : sessions) {

@@ -30,10 +30,12 @@ void strings(JsonWriter& w, const char* key, const std::vector<std::string>& val
     w.endArray();
 }
 
-void tokenFields(JsonWriter& w, const QuotaSessionTokenUsage& t) {
+// `cacheCreation1hTokens` is the part of `cacheCreationTokens` kept for an hour (not added twice).
+void tokenFields(JsonWriter& w, const QuotaSessionTokenUsage& t, std::int64_t cacheWrite1h) {
     field(w, "inputTokens", t.inputTokens);
     field(w, "outputTokens", t.outputTokens);
     field(w, "cacheCreationTokens", t.cacheWriteTokens);
+    field(w, "cacheCreation1hTokens", cacheWrite1h);
     field(w, "cacheReadTokens", t.cacheReadTokens);
     field(w, "totalTokens", t.totalTokens());
 }
@@ -42,6 +44,15 @@ void costFields(JsonWriter& w, const UsageTotals& totals) {
     field(w, "totalCost", totals.totalCost);
     field(w, "unpricedTokens", totals.unpricedTokens);
     field(w, "costSource", json::rawValue(totals.costSource));
+    // What the tools charged in their own units, apart from the cost: only when there is some.
+    if (!totals.charges.any()) return;
+    w.key("charges");
+    w.beginObject();
+    for (const auto& [key, amount] : {std::pair{"premiumRequests", totals.charges.premiumRequests},
+                                      std::pair{"aiu", totals.charges.aiu}, std::pair{"credits", totals.charges.credits}}) {
+        if (amount != 0) field(w, key, amount);
+    }
+    w.endObject();
 }
 
 void breakdowns(JsonWriter& w, const UsageTotals& totals) {
@@ -51,7 +62,7 @@ void breakdowns(JsonWriter& w, const UsageTotals& totals) {
     for (const auto& b : totals.modelBreakdowns) {
         w.beginObject();
         field(w, "modelName", b.modelName);
-        tokenFields(w, b.tokens);
+        tokenFields(w, b.tokens, b.cacheWrite1hTokens);
         if (b.priced) {
             field(w, "cost", b.cost);
         } else {
@@ -66,7 +77,7 @@ void breakdowns(JsonWriter& w, const UsageTotals& totals) {
 void totalsObject(JsonWriter& w, const UsageTotals& totals) {
     w.key("totals");
     w.beginObject();
-    tokenFields(w, totals.tokens);
+    tokenFields(w, totals.tokens, totals.cacheWrite1hTokens);
     costFields(w, totals);
     w.endObject();
 }
@@ -109,7 +120,7 @@ std::string rowsDocument(const char* key, const std::vector<Row>& rows, const Us
     for (const auto& row : rows) {
         w.beginObject();
         writeRow(w, row);
-        tokenFields(w, row.totals.tokens);
+        tokenFields(w, row.totals.tokens, row.totals.cacheWrite1hTokens);
         costFields(w, row.totals);
         breakdowns(w, row.totals);
         w.endObject();

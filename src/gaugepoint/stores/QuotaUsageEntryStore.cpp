@@ -24,6 +24,24 @@ constexpr const char* kDeferredIndexes = GP_INDEX_UE_FILE GP_INDEX_UE_SESSION GP
 constexpr const char* kDropDeferredIndexes =
     "DROP INDEX IF EXISTS idx_ue_file;\nDROP INDEX IF EXISTS idx_ue_session;\nDROP INDEX IF EXISTS idx_im_session;";
 
+// Columns that came after the first stores, in the entries and in their quarter sums alike: the
+// one-hour part of the cache writes, and what the tool charged in its own units. Older stores
+// get them with ensureSchema(), in this order.
+constexpr std::pair<const char*, const char*> kExtraColumns[] = {
+    {"cache_write_1h_tokens", "INTEGER NOT NULL DEFAULT 0"},
+    {"charge_premium_requests", "REAL NOT NULL DEFAULT 0"},
+    {"charge_aiu", "REAL NOT NULL DEFAULT 0"},
+    {"charge_credits", "REAL NOT NULL DEFAULT 0"},
+};
+#define GP_EXTRA_COLUMNS                                   \
+    "    cache_write_1h_tokens INTEGER NOT NULL DEFAULT 0,\n" \
+    "    charge_premium_requests REAL NOT NULL DEFAULT 0,\n"  \
+    "    charge_aiu REAL NOT NULL DEFAULT 0,\n"               \
+    "    charge_credits REAL NOT NULL DEFAULT 0,\n"
+#define GP_EXTRA_NAMES "cache_write_1h_tokens, charge_premium_requests, charge_aiu, charge_credits"
+#define GP_EXTRA_SUMS(row) \
+    "SUM(" row "cache_write_1h_tokens), SUM(" row "charge_premium_requests), SUM(" row "charge_aiu), SUM(" row "charge_credits)"
+
 constexpr const char* kSchema =
     "CREATE TABLE IF NOT EXISTS import_files (\n"
     "    file_key INTEGER PRIMARY KEY,\n"
@@ -49,6 +67,7 @@ constexpr const char* kSchema =
     "    cache_write_tokens INTEGER NOT NULL,\n"
     "    cost_usd REAL,\n"
     "    counted INTEGER NOT NULL,\n"
+    GP_EXTRA_COLUMNS
     "    UNIQUE (provider_id, dedup_key, file_key)\n"
     ");\n"
     // Reports group counted entries by time (in any zone), by model and by session.
@@ -106,6 +125,7 @@ constexpr const char* kQuarterSchema =
     "    cache_read_tokens INTEGER NOT NULL,\n"
     "    cache_write_tokens INTEGER NOT NULL,\n"
     "    cost_usd REAL,\n"
+    GP_EXTRA_COLUMNS
     "    PRIMARY KEY (quarter, provider_id, model, reported)\n"
     ") WITHOUT ROWID;";
 constexpr const char* kQuarterTriggers =
@@ -131,21 +151,26 @@ constexpr const char* kNoteAllQuarters =
     "INSERT OR IGNORE INTO usage_dirty_quarters (quarter)\n"
     "SELECT DISTINCT " GP_QUARTER("") " FROM usage_entries WHERE counted = 1";
 #undef GP_QUARTER
+#undef GP_EXTRA_COLUMNS
 
 // The sums of the noted quarters, from the rows: through the time index, one quarter at a time
 // (left to itself the planner indexes the counted flag and reads every row for every quarter).
 constexpr const char* kDirtyQuarterSums =
     "SELECT d.quarter, u.provider_id, u.model, IFNULL(u.cost_usd, 0) > 0 AS reported, COUNT(*),\n"
     "       SUM(u.input_tokens), SUM(u.output_tokens), SUM(u.cache_read_tokens), SUM(u.cache_write_tokens),\n"
-    "       SUM(u.cost_usd)\n"
+    "       SUM(u.cost_usd), " GP_EXTRA_SUMS("u.") "\n"
     "FROM usage_dirty_quarters d\n"
     "JOIN usage_entries u INDEXED BY idx_ue_time\n"
     "    ON u.counted = 1 AND u.timestamp >= d.quarter * 900 AND u.timestamp < d.quarter * 900 + 900\n";
+// Columns by name: an older store has its later columns in the order they were added.
+constexpr const char* kInsertQuarterSums =
+    "INSERT INTO usage_quarters (quarter, provider_id, model, reported, entries, input_tokens, output_tokens,\n"
+    "    cache_read_tokens, cache_write_tokens, cost_usd, " GP_EXTRA_NAMES ")\n";
 constexpr const char* kRefreshQuarters =
     "DELETE FROM usage_quarters WHERE quarter IN (SELECT quarter FROM usage_dirty_quarters)";
 constexpr const char* kStoredQuarterSums =
     "SELECT quarter, provider_id, model, reported, entries, input_tokens, output_tokens, cache_read_tokens,\n"
-    "       cache_write_tokens, cost_usd\n"
+    "       cache_write_tokens, cost_usd, " GP_EXTRA_NAMES "\n"
     "FROM usage_quarters WHERE quarter NOT IN (SELECT quarter FROM usage_dirty_quarters)";
 
 constexpr const char* kFindFile =
@@ -172,10 +197,11 @@ constexpr const char* kOwnRow =
 constexpr const char* kInsertEntry =
     "INSERT INTO usage_entries (\n    file_key,\n    provider_id,\n    dedup_key,\n    session_id,\n    timestamp,\n"
     "    model,\n    input_tokens,\n    output_tokens,\n    cache_read_tokens,\n    cache_write_tokens,\n"
-    "    cost_usd,\n    counted\n) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
+    "    cost_usd,\n    " GP_EXTRA_NAMES ",\n    counted\n) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
 constexpr const char* kUpdateEntry =
     "UPDATE usage_entries SET session_id = ?, timestamp = ?, model = ?, input_tokens = ?, output_tokens = ?,\n"
-    "    cache_read_tokens = ?, cache_write_tokens = ?, cost_usd = ? WHERE id = ?";
+    "    cache_read_tokens = ?, cache_write_tokens = ?, cost_usd = ?, cache_write_1h_tokens = ?,\n"
+    "    charge_premium_requests = ?, charge_aiu = ?, charge_credits = ? WHERE id = ?";
 // The row of a response that is counted: most output tokens, then the earliest recorded.
 constexpr const char* kBestRow =
     "SELECT id, input_tokens + output_tokens + cache_read_tokens + cache_write_tokens\n"
@@ -248,13 +274,15 @@ struct EntryWriter {
         } else {
             s.bindNull(first + 7);
         }
+        s.bind(first + 8, e.cacheWrite1hTokens).bind(first + 9, e.charges.premiumRequests);
+        s.bind(first + 10, e.charges.aiu).bind(first + 11, e.charges.credits);
     }
 
     void insertRow(std::int64_t fileKey, const QuotaUsageEntry& e, bool isCounted) {
         insert.reset();
         insert.bind(1, fileKey).bind(2, e.providerID).bind(3, e.dedupKey);
         bindValues(insert, 4, e);
-        insert.bind(12, std::int64_t(isCounted ? 1 : 0)).run();
+        insert.bind(16, std::int64_t(isCounted ? 1 : 0)).run();
     }
 
     void setFlag(std::int64_t id, std::int64_t flag) {
@@ -296,7 +324,7 @@ struct EntryWriter {
             if (e.tokens.outputTokens <= output) return {};
             update.reset();
             bindValues(update, 1, e);
-            update.bind(9, id).run();
+            update.bind(13, id).run();
         } else {
             own.reset();
             insertRow(fileKey, e, false);
@@ -344,9 +372,34 @@ std::vector<QuotaUsageEntry> readEntries(sqlite::Statement& select) {
         e.model = std::string(select.text(4).value_or(""));
         e.tokens = {select.integer(5), select.integer(6), select.integer(7), select.integer(8), std::nullopt};
         if (!select.isNull(9)) e.tokens.exactCostUSD = select.real(9);
+        e.cacheWrite1hTokens = select.integer(10);
+        e.charges = {select.real(11), select.real(12), select.real(13)};
         entries.push_back(std::move(e));
     }
     return entries;
+}
+
+}  // namespace
+
+namespace {
+
+// Adds `column` (declared as `declaration`) to `table` of an older store; false when it was there.
+// Another process opening the same store may add it between the look and the change: that is no
+// failure.
+bool addMissingColumn(sqlite::Connection& connection, const char* table, const std::string& column,
+                      const std::string& declaration) {
+    const auto has = [&] {
+        return sqlite::tableColumns(connection, table, "inspect " + std::string(table)).contains(column);
+    };
+    if (has()) return false;
+    try {
+        const std::string alter = "ALTER TABLE " + std::string(table) + " ADD COLUMN " + column + " " + declaration;
+        connection.exec(alter.c_str(), "add column " + column);
+    } catch (const sqlite::Failure&) {
+        if (!has()) throw;
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -355,16 +408,10 @@ void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
     connection.exec(kSchema, "ensure import tables");
     // Files read before the prefix digest was kept have none: they are read on as before, and
     // get one with their next read.
-    const auto hasDigest = [&] {
-        return sqlite::tableColumns(connection, "import_files", "inspect import files").contains("prefix_digest");
-    };
-    if (!hasDigest()) {
-        try {
-            connection.exec("ALTER TABLE import_files ADD COLUMN prefix_digest INTEGER", "add column prefix_digest");
-        } catch (const sqlite::Failure&) {
-            if (!hasDigest()) throw;  // else another process added it between the look and the change
-        }
-    }
+    addMissingColumn(connection, "import_files", "prefix_digest", "INTEGER");
+    // Entries recorded before a column was kept have 0 in it; their files are read again (the
+    // parsers' versions changed), which fills them in.
+    for (const auto& [column, declaration] : kExtraColumns) addMissingColumn(connection, "usage_entries", column, declaration);
     {
         sqlite::Statement count{connection,
                                 "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name IN "
@@ -382,7 +429,12 @@ void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
     }
     connection.exec(kQuarterSchema, "ensure usage quarters");
     connection.exec(kQuarterTriggers, "ensure usage quarters");
-    if (!hadQuarters) connection.exec(kNoteAllQuarters, "ensure usage quarters");
+    // Sums made before a column was summed are made again from the entries.
+    bool sumsGrew = false;
+    for (const auto& [column, declaration] : kExtraColumns) {
+        sumsGrew = addMissingColumn(connection, "usage_quarters", column, declaration) || sumsGrew;
+    }
+    if (!hadQuarters || sumsGrew) connection.exec(kNoteAllQuarters, "ensure usage quarters");
 }
 
 void QuotaUsageEntryStore::beginBulkBatch(sqlite::Connection& connection) {
@@ -415,7 +467,7 @@ void QuotaUsageEntryStore::refreshUsageQuarters() const {
     if (!dirty) return;
     registry_.inTransaction("refresh usage quarters", [](sqlite::Connection& connection) {
         connection.exec(kRefreshQuarters, "refresh usage quarters");
-        const std::string insert = std::string("INSERT INTO usage_quarters\n") + kDirtyQuarterSums +
+        const std::string insert = std::string(kInsertQuarterSums) + kDirtyQuarterSums +
                                    "GROUP BY d.quarter, u.provider_id, u.model, reported";
         connection.exec(insert.c_str(), "refresh usage quarters");
         connection.exec("DELETE FROM usage_dirty_quarters", "refresh usage quarters");
@@ -901,7 +953,7 @@ std::vector<QuotaUsageEntry> QuotaUsageEntryStore::countedEntries(const std::opt
     const EntryFilter filter{providerID, seconds(since), seconds(until)};
     std::string sql =
         "SELECT provider_id, session_id, dedup_key, timestamp, model, input_tokens, output_tokens, cache_read_tokens,\n"
-        "       cache_write_tokens, cost_usd\nFROM usage_entries";
+        "       cache_write_tokens, cost_usd, " GP_EXTRA_NAMES "\nFROM usage_entries";
     // By time: left to itself the planner goes through the session index and reads every entry
     // of the provider, when the few of the last day were asked for.
     if (since || until) sql += " INDEXED BY idx_ue_time";
@@ -918,7 +970,7 @@ std::vector<QuotaUsageEntry> QuotaUsageEntryStore::countedEntries(const std::opt
 namespace {
 
 // Columns `first`...`first` + 6 of a grouped row: reported (0/1), entries, the four sums, the sum
-// of the reported costs.
+// of the reported costs; the sum of the one-hour cache writes follows at `first` + 7.
 QuotaSessionTokenUsage groupTokens(const sqlite::Statement& row, int first) {
     QuotaSessionTokenUsage tokens{row.integer(first + 2), row.integer(first + 3), row.integer(first + 4),
                                   row.integer(first + 5), std::nullopt};
@@ -926,9 +978,13 @@ QuotaSessionTokenUsage groupTokens(const sqlite::Statement& row, int first) {
     return tokens;
 }
 
+QuotaUsageCharges groupCharges(const sqlite::Statement& row, int first) {
+    return {row.real(first), row.real(first + 1), row.real(first + 2)};
+}
+
 constexpr const char* kGroupedColumns =
     "IFNULL(cost_usd, 0) > 0 AS reported, COUNT(*), SUM(input_tokens), SUM(output_tokens), SUM(cache_read_tokens),\n"
-    "       SUM(cache_write_tokens), SUM(cost_usd)";
+    "       SUM(cache_write_tokens), SUM(cost_usd), " GP_EXTRA_SUMS("");
 
 }  // namespace
 
@@ -947,7 +1003,8 @@ std::vector<QuotaUsageEntryStore::UsageBucket> QuotaUsageEntryStore::usageBucket
         filter.bind(select);
         while (select.step()) {
             buckets.push_back({select.integer(0), std::string(select.text(1).value_or("")),
-                               std::string(select.text(2).value_or("")), select.integer(4), groupTokens(select, 3)});
+                               std::string(select.text(2).value_or("")), select.integer(4), groupTokens(select, 3),
+                               select.integer(10), groupCharges(select, 11)});
         }
     });
     return buckets;
@@ -968,7 +1025,8 @@ std::vector<QuotaUsageEntryStore::SessionModelUsage> QuotaUsageEntryStore::sessi
         while (select.step()) {
             rows.push_back({{std::string(select.text(0).value_or("")), std::string(select.text(1).value_or(""))},
                             std::string(select.text(2).value_or("")), select.integer(5), groupTokens(select, 4),
-                            dateFromSeconds(select.real(3)), sqlite::optionalText(select, 11)});
+                            dateFromSeconds(select.real(3)), sqlite::optionalText(select, 15), select.integer(11),
+                            groupCharges(select, 12)});
         }
     });
     return rows;

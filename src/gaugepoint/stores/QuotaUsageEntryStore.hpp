@@ -169,6 +169,8 @@ public:
         std::string model;
         std::int64_t entries = 0;
         QuotaSessionTokenUsage tokens;
+        std::int64_t cacheWrite1hTokens = 0;  // the one-hour part of tokens.cacheWriteTokens
+        QuotaUsageCharges charges;
     };
     std::vector<UsageBucket> usageBuckets(const std::optional<std::string>& providerID = std::nullopt,
                                           std::optional<Date> since = std::nullopt,
@@ -183,6 +185,8 @@ public:
         QuotaSessionTokenUsage tokens;
         Date lastActivity;
         std::optional<std::string> projectPath;
+        std::int64_t cacheWrite1hTokens = 0;  // the one-hour part of tokens.cacheWriteTokens
+        QuotaUsageCharges charges;
     };
     std::vector<SessionModelUsage> sessionModelUsage(const std::optional<std::string>& providerID = std::nullopt,
                                                      std::optional<Date> since = std::nullopt,

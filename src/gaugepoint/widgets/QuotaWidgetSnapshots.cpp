@@ -48,15 +48,19 @@ std::optional<QuotaSnapshot> preferred(const QuotaSyncConfiguration& configurati
     return thisMachine(configuration, now, nowPinned, calendar);
 }
 
-std::map<std::string, std::int64_t> unpricedTokensOf(const QuotaSnapshot& snapshot, const QuotaSyncConfiguration& configuration,
-                                                     Date now, const LocalCalendar& calendar) {
-    if (!snapshot.source || snapshot.source->sourceID != configuration.localSourceID()) return {};
-    return LocalQuotaSnapshot::unpricedTokens(configuration, now, calendar);
+QuotaWidgetUsageNotes usageNotesOf(const QuotaSnapshot& snapshot, const QuotaSyncConfiguration& configuration, Date now,
+                                   const LocalCalendar& calendar) {
+    QuotaWidgetUsageNotes notes;
+    notes.today = calendar.dayKey(now);
+    if (!snapshot.source || snapshot.source->sourceID != configuration.localSourceID()) return notes;
+    notes.unpricedLast30Days = LocalQuotaSnapshot::unpricedTokens(configuration, now, calendar);
+    notes.unpricedToday = LocalQuotaSnapshot::unpricedTokens(configuration, now, calendar, 1);
+    return notes;
 }
 
 QuotaWidgetView view(const QuotaSnapshot& snapshot, Date now, std::string_view language, const QuotaFreshnessPolicy& policy,
                      const QuotaSyncConfiguration& configuration, const LocalCalendar& calendar) {
-    return QuotaWidgetView::make(snapshot, now, language, policy, unpricedTokensOf(snapshot, configuration, now, calendar));
+    return QuotaWidgetView::make(snapshot, now, language, policy, usageNotesOf(snapshot, configuration, now, calendar));
 }
 
 std::string widgetDocument(const QuotaSnapshot& snapshot, Date now, std::string_view language,

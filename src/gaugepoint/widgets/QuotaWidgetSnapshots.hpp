@@ -33,13 +33,14 @@ std::optional<QuotaSnapshot> thisMachine(const QuotaSyncConfiguration& configura
 std::optional<QuotaSnapshot> preferred(const QuotaSyncConfiguration& configuration, Date now, bool nowPinned,
                                        const LocalCalendar& calendar);
 
-// The tokens of the last 30 days without a price, per provider, to name beside `snapshot`'s
-// usage: this machine's own when `snapshot` is this machine's, else none (another machine's or
-// the sibling app's snapshot carries no such figure). Never throws.
-std::map<std::string, std::int64_t> unpricedTokensOf(const QuotaSnapshot& snapshot, const QuotaSyncConfiguration& configuration,
-                                                     Date now, const LocalCalendar& calendar);
+// What to name beside `snapshot`'s usage at `now`: today's day in the zone of `calendar`, and the
+// tokens without a price of the last 30 days and of today, per provider: this machine's own when
+// `snapshot` is this machine's, else none (another machine's or the sibling app's snapshot
+// carries no such figure). Never throws.
+QuotaWidgetUsageNotes usageNotesOf(const QuotaSnapshot& snapshot, const QuotaSyncConfiguration& configuration, Date now,
+                                   const LocalCalendar& calendar);
 
-// The view every face shows of `snapshot` at `now`, with unpricedTokensOf() named.
+// The view every face shows of `snapshot` at `now`, with usageNotesOf() named.
 QuotaWidgetView view(const QuotaSnapshot& snapshot, Date now, std::string_view language, const QuotaFreshnessPolicy& policy,
                      const QuotaSyncConfiguration& configuration, const LocalCalendar& calendar);
 

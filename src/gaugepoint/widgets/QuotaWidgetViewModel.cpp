@@ -1,5 +1,6 @@
 #include "gaugepoint/widgets/QuotaWidgetViewModel.hpp"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "gaugepoint/quota/QuotaReadingText.hpp"
@@ -55,21 +56,50 @@ std::string compactCount(std::int64_t count) {
     return text;
 }
 
-std::optional<std::string> usageText(const std::optional<QuotaTokenUsageSummary>& usage, std::int64_t unpricedTokens,
-                                     std::string_view language) {
-    if (!usage || !usage->last30DaysTokens) return std::nullopt;
-    const std::string tokens = compactCount(*usage->last30DaysTokens);
-    const auto cost = QuotaFormatting::currency(usage->last30DaysCostUSD, "USD", "en_US");
+std::int64_t noted(const std::map<std::string, std::int64_t>& tokens, const std::string& providerID) {
+    const auto found = tokens.find(providerID);
+    return found == tokens.end() ? 0 : found->second;
+}
+
+// "2.7M tokens · $5.01 in 30 days (220.2K unpriced)" or "… today …"; no cost when unknown.
+std::string usagePhrase(std::int64_t tokens, std::optional<double> costUSD, std::int64_t unpricedTokens, bool today,
+                        std::string_view language) {
+    const std::string count = compactCount(tokens);
+    const auto cost = QuotaFormatting::currency(costUSD, "USD", "en_US");
     const std::string unpriced = unpricedTokens > 0 ? compactCount(unpricedTokens) : "";
     if (isChineseLanguage(language)) {
-        return "30 天 " + tokens + " 令牌" + (cost ? " · " + *cost : "") + (unpriced.empty() ? "" : "（" + unpriced + " 未计价）");
+        return std::string(today ? "今天 " : "30 天 ") + count + " 令牌" + (cost ? " · " + *cost : "") +
+               (unpriced.empty() ? "" : "（" + unpriced + " 未计价）");
     }
-    return tokens + " tokens" + (cost ? " · " + *cost : "") + " in 30 days" + (unpriced.empty() ? "" : " (" + unpriced + " unpriced)");
+    return count + " tokens" + (cost ? " · " + *cost : "") + (today ? " today" : " in 30 days") +
+           (unpriced.empty() ? "" : " (" + unpriced + " unpriced)");
+}
+
+// The provider's day `today` from its daily usage: nothing used yet is a day of 0 tokens and $0.
+std::string dayUsageText(const std::vector<QuotaDailyTokenEntry>& days, const std::string& today,
+                         std::int64_t unpricedTokens, std::string_view language) {
+    const auto day = std::find_if(days.begin(), days.end(), [&](const auto& d) { return d.dayKey == today; });
+    const std::int64_t tokens = day == days.end() ? 0 : day->totalTokens;
+    // A cost made only of tokens without a price is unknown, not $0.
+    const bool nonePriced = unpricedTokens > 0 && unpricedTokens >= tokens;
+    const std::optional<double> cost = nonePriced ? std::nullopt : std::optional(day == days.end() ? 0 : day->costUSD);
+    return usagePhrase(tokens, cost, unpricedTokens, true, language);
+}
+
+std::optional<std::string> usageText(const ProviderQuota& provider, const QuotaWidgetUsageNotes& notes,
+                                     std::string_view language) {
+    const auto& usage = provider.tokenUsage;
+    if (!usage || !usage->last30DaysTokens) return std::nullopt;
+    if (!provider.hasQuotaWindows() && notes.today && provider.dailyTokenUsage) {
+        return dayUsageText(*provider.dailyTokenUsage, *notes.today, noted(notes.unpricedToday, provider.id), language);
+    }
+    return usagePhrase(*usage->last30DaysTokens, usage->last30DaysCostUSD, noted(notes.unpricedLast30Days, provider.id),
+                       false, language);
 }
 
 QuotaWidgetProviderView providerView(const ProviderQuota& provider, Date generatedAt, Date now,
                                      std::string_view language, const QuotaFreshnessPolicy& policy,
-                                     std::int64_t unpricedTokens) {
+                                     const QuotaWidgetUsageNotes& notes) {
     const QuotaProviderNow reading = quotaProviderNow(provider, generatedAt, now, policy);
     QuotaWidgetProviderView view;
     view.id = provider.id;
@@ -80,7 +110,7 @@ QuotaWidgetProviderView providerView(const ProviderQuota& provider, Date generat
     if (QuotaProductCatalog::creditsAreUSD(provider.id)) {
         view.balanceText = QuotaFormatting::balance(provider.creditsRemaining, "USD", language);
     }
-    view.usageText = usageText(provider.tokenUsage, unpricedTokens, language);
+    view.usageText = usageText(provider, notes, language);
     if (const auto top = provider.topWindow()) view.topWindowID = top->id;
     if (const auto* headline = reading.constraining()) view.headlineWindowID = headline->window.id;
     view.observedAt = reading.observedAt;
@@ -95,17 +125,14 @@ QuotaWidgetProviderView providerView(const ProviderQuota& provider, Date generat
 }  // namespace
 
 QuotaWidgetView QuotaWidgetView::make(const QuotaSnapshot& snapshot, Date now, std::string_view language,
-                                      const QuotaFreshnessPolicy& policy,
-                                      const std::map<std::string, std::int64_t>& unpricedTokens) {
+                                      const QuotaFreshnessPolicy& policy, const QuotaWidgetUsageNotes& notes) {
     QuotaWidgetView view;
     view.generatedAt = snapshot.generatedAt;
     view.nextResetAt = snapshot.nextResetAt();
     view.language = std::string(language);
     view.providers.reserve(snapshot.providers.size());
     for (const auto& provider : snapshot.providers) {
-        const auto unpriced = unpricedTokens.find(provider.id);
-        view.providers.push_back(providerView(provider, snapshot.generatedAt, now, language, policy,
-                                              unpriced == unpricedTokens.end() ? 0 : unpriced->second));
+        view.providers.push_back(providerView(provider, snapshot.generatedAt, now, language, policy, notes));
     }
     return view;
 }

@@ -47,7 +47,9 @@ struct QuotaWidgetProviderView {
     std::optional<std::string> creditsText;
     std::optional<std::string> balanceText;  // for providers whose credits are US dollars
     // Tokens and cost of the last 30 days when known: "3.1M tokens · $5.49 in 30 days", with
-    // the tokens no price covers named: "… in 30 days (220.2K unpriced)".
+    // the tokens no price covers named: "… in 30 days (220.2K unpriced)". A provider without
+    // windows shows its local day instead, when the snapshot has its days: "1.2M tokens · $0.84
+    // today" ("0 tokens · $0.00 today" before its first use of the day).
     std::optional<std::string> usageText;
     std::optional<std::string> topWindowID;
     // The window with the least left: it decides the provider's headline.
@@ -62,6 +64,15 @@ BOOST_DESCRIBE_STRUCT(QuotaWidgetProviderView, (),
                       (id, displayName, quotaStrategy, status, creditsText, balanceText, usageText, topWindowID,
                        headlineWindowID, observedAt, ageSeconds, stale, ageText, windows))
 
+// What the view names beside a snapshot's usage, from this machine's stores: per provider id, the
+// tokens without a price of the last 30 days and of today, and today's local day ("yyyy-MM-dd").
+// Without `today` every provider keeps its 30-day line.
+struct QuotaWidgetUsageNotes {
+    std::map<std::string, std::int64_t> unpricedLast30Days;
+    std::map<std::string, std::int64_t> unpricedToday;
+    std::optional<std::string> today;
+};
+
 struct QuotaWidgetView {
     Date generatedAt;
     std::optional<Date> nextResetAt;
@@ -70,11 +81,10 @@ struct QuotaWidgetView {
 
     // The view of `snapshot` at `now` in `language`; readings older than `policy` allows are
     // stale. Clock times use the user's locale.
-    // `unpricedTokens` (provider id -> tokens of the last 30 days without a price) are named
-    // beside that provider's 30-day usage.
+    // `notes` name the tokens without a price beside each provider's usage, and give the day
+    // of a provider without windows.
     static QuotaWidgetView make(const QuotaSnapshot& snapshot, Date now, std::string_view language,
-                                const QuotaFreshnessPolicy& policy = {},
-                                const std::map<std::string, std::int64_t>& unpricedTokens = {});
+                                const QuotaFreshnessPolicy& policy = {}, const QuotaWidgetUsageNotes& notes = {});
 };
 BOOST_DESCRIBE_STRUCT(QuotaWidgetView, (), (generatedAt, nextResetAt, language, providers))
 
