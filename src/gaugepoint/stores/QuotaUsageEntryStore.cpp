@@ -202,10 +202,13 @@ constexpr const char* kUpdateEntry =
     "UPDATE usage_entries SET session_id = ?, timestamp = ?, model = ?, input_tokens = ?, output_tokens = ?,\n"
     "    cache_read_tokens = ?, cache_write_tokens = ?, cost_usd = ?, cache_write_1h_tokens = ?,\n"
     "    charge_premium_requests = ?, charge_aiu = ?, charge_credits = ? WHERE id = ?";
-// The row of a response that is counted: most output tokens, then the earliest recorded.
+// The row of a response that is counted: most output tokens, then the earliest, then the first
+// session by name, and only then the earliest recorded. Files are read on several threads, so
+// the order copies are recorded in varies: it must not decide which session a copy counts for.
 constexpr const char* kBestRow =
     "SELECT id, input_tokens + output_tokens + cache_read_tokens + cache_write_tokens\n"
-    "FROM usage_entries WHERE provider_id = ? AND dedup_key = ?\nORDER BY output_tokens DESC, id ASC LIMIT 1";
+    "FROM usage_entries WHERE provider_id = ? AND dedup_key = ?\n"
+    "ORDER BY output_tokens DESC, timestamp ASC, session_id ASC, id ASC LIMIT 1";
 constexpr const char* kSetCounted = "UPDATE usage_entries SET counted = ? WHERE id = ?";
 
 constexpr const char* kFileEntries =
