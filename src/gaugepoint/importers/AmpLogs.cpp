@@ -197,6 +197,7 @@ public:
         if (thread.id.empty()) thread.id = file.path.stem().string();
         DocumentRecords whole;
         whole.session(thread.id, thread.project);
+        if (!thread.title.empty()) whole.sessionTitle(thread.id, thread.title);
         std::map<std::string, const Message*> byID;
         for (const auto& m : thread.messages) {
             if (!m.id.empty()) byID.emplace(m.id, &m);

@@ -49,8 +49,8 @@ struct WalkedFiles {
     std::vector<WalkProblem> problems;
 };
 
-// Loads the parser states of the changed files that may go on from their position, before any
-// write starts (the writer holds the connection for whole batches).
+// Loads the parser states of the changed files that may go on from their position, and the marks
+// of the databases, before any write starts (the writer holds the connection for whole batches).
 void loadParserStates(const QuotaSessionFileRegistry& registry, const std::string& sourceID, std::vector<ToolFiles>& tools) {
     registry.withConnection([&](sqlite::Connection& connection) {
         sqlite::StatementCache statements{connection};
@@ -58,7 +58,7 @@ void loadParserStates(const QuotaSessionFileRegistry& registry, const std::strin
             for (const auto& file : tool.files) {
                 const auto found = tool.known.find(file.path.string());
                 if (found == tool.known.end()) continue;
-                if (isUnchanged(*tool.tool, found->second, file) || !goesOn(*tool.tool, found->second, file)) continue;
+                if (isUnchanged(*tool.tool, found->second, file) || !keepsParserState(*tool.tool, found->second, file)) continue;
                 QuotaSessionFileRegistryEntry key;
                 key.path = found->first;
                 key.sourceID = sourceID;
