@@ -165,8 +165,12 @@ private:
         ++tally_.filesRead;
         if (file.layout == LogLayout::wholeDocument) return readDocument(opened, std::move(piece));
         if (file.layout == LogLayout::database) {
+            // A read from the marks may touch no session: the file keeps the one it named.
             const auto marks = files.states.find(path);
-            if (marks != files.states.end()) piece.state = marks->second.state;
+            if (marks != files.states.end()) {
+                piece.state = marks->second.state;
+                piece.entry.sessionID = entry->sessionID;
+            }
             return readDatabase(file, std::move(piece));
         }
         PrefixDigest digest;
