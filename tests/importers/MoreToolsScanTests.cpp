@@ -173,6 +173,23 @@ TEST(MoreToolsScan, SessionsTakeTheTitlesTheirToolsKeepAndTheirRenames) {
     EXPECT_EQ(renamed.updatedSessions, 2);
     EXPECT_EQ(title("ses_a"), "Fix the login for good at last");
     EXPECT_EQ(title(thread), std::string(119, 'x') + "…");
+
+    // Gemini's summary, patched into a chat's header as it goes on.
+    const LogTree gemini{{"gemini"}};
+    const auto chat = gemini.home("gemini") / "tmp" / "p" / "chats" / "session-2026-11-20T10-00-titled.jsonl";
+    fs::create_directories(chat.parent_path());
+    const auto summary = [](const char* text) { return std::string(R"({"$set":{"summary":")") + text + "\"}}\n"; };
+    testing::writeFile(chat, R"({"sessionId":"titled","projectHash":"x","startTime":"2026-11-20T10:00:00Z"})"
+                             "\n" R"({"id":"m1","timestamp":"2026-11-20T10:00:01Z","type":"gemini","model":"gemini-2.5-pro",)"
+                             R"("tokens":{"input":10,"output":5,"cached":0,"thoughts":0,"tool":0,"total":15}})"
+                             "\n" + summary("Draft the notes"));
+    gemini.scan();
+    const QuotaSessionCatalogStore geminiCatalog{gemini.configuration};
+    ASSERT_TRUE(geminiCatalog.loadDescriptor("test-machine", "titled"));
+    EXPECT_EQ(geminiCatalog.loadDescriptor("test-machine", "titled")->title, "Draft the notes");
+    std::ofstream(chat, std::ios::app) << summary("Final notes");
+    gemini.scan();
+    EXPECT_EQ(geminiCatalog.loadDescriptor("test-machine", "titled")->title, "Final notes");
 }
 
 // A writer in the middle of a transaction (WAL, as the tools run) neither blocks the scan nor

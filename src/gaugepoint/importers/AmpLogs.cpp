@@ -157,7 +157,8 @@ std::string projectOf(object env) {
 class AmpLogs final : public CodingToolLogs {
 public:
     QuotaSessionProviderIdentity provider() const override { return {"amp", "Amp"}; }
-    std::int64_t parserVersion() const override { return 1; }
+    // 2: thread titles.
+    std::int64_t parserVersion() const override { return 2; }
 
     std::vector<fs::path> defaultHomes() const override {
         if (auto homes = homesFromEnvironment("AMP_DATA_DIR"); !homes.empty()) return homes;

@@ -45,7 +45,8 @@ std::string modelName(JsonLineParser& parser, std::string_view json) {
 class GooseLogs final : public CodingToolLogs {
 public:
     QuotaSessionProviderIdentity provider() const override { return {"goose", "Goose"}; }
-    std::int64_t parserVersion() const override { return 1; }
+    // 2: session names as titles, and reads from the table's marks.
+    std::int64_t parserVersion() const override { return 2; }
 
     std::vector<fs::path> defaultHomes() const override {
         if (const char* root = std::getenv("GOOSE_PATH_ROOT"); root && *root) return {fs::path(root) / "data"};
