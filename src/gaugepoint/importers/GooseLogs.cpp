@@ -9,7 +9,6 @@
 // records no cache split. `accumulated_cost` is US dollars Goose computed itself. A session's
 // `name` is its title.
 
-#include <chrono>
 #include <cstdlib>
 
 #include "gaugepoint/importers/CodingToolLogs.hpp"
@@ -97,9 +96,8 @@ public:
             if (!read.whole) read.rowGroups.push_back("session:" + id);
             record(rows, id, file, sink);
         }
-        const auto now = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
         DatabaseMarks next;
-        next.set("sessions", markOf(database, "sessions", std::min<std::int64_t>(stamp, now.count())));
+        next.set("sessions", markOf(database, "sessions", notAfterNow(stamp, 1)));
         state = next.text();
         return read;
     }

@@ -11,7 +11,6 @@
 // input, output + reasoning, cache read, cache write. Its `cost` is US dollars it computed itself
 // (0 for free or subscription providers, which are then priced like any other usage).
 
-#include <chrono>
 #include <map>
 #include <set>
 
@@ -168,9 +167,9 @@ public:
         }
         if (read.whole || only) readMessages(database, file, tables, only, stamps, sink);
         DatabaseMarks next;
-        next.set("message", markOf(database, "message", upToNow(stamps.message)));
-        if (tables.parts) next.set("part", markOf(database, "part", upToNow(stamps.part)));
-        if (tables.stampedSessions) next.set("session", markOf(database, "session", upToNow(stamps.session)));
+        next.set("message", markOf(database, "message", notAfterNow(stamps.message, 1000)));
+        if (tables.parts) next.set("part", markOf(database, "part", notAfterNow(stamps.part, 1000)));
+        if (tables.stampedSessions) next.set("session", markOf(database, "session", notAfterNow(stamps.session, 1000)));
         state = next.text();
         return read;
     }
@@ -200,14 +199,6 @@ private:
         return tables;
     }
     static constexpr const char* kStepFinish = " AND data LIKE '%step-finish%'";
-
-    // A mark never runs ahead of this machine's clock, so a row stamped in the future cannot hide
-    // the updates that follow it.
-    static std::int64_t upToNow(std::int64_t stamp) {
-        const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
-            std::chrono::system_clock::now().time_since_epoch());
-        return std::min<std::int64_t>(stamp, now.count());
-    }
 
     // The `idColumn` of the rows of `table` added or updated since `mark` (`filter` narrows
     // them); raises `stamp` to their latest update time.

@@ -2,7 +2,9 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <charconv>
+#include <chrono>
 
 #include "gaugepoint/importers/JsonLineParser.hpp"
 #include "gaugepoint/platform/Error.hpp"
@@ -141,6 +143,11 @@ std::optional<TableMark> DatabaseMarks::of(std::string_view table) const {
 }
 
 void DatabaseMarks::set(std::string_view table, TableMark mark) { tables_[std::string(table)] = mark; }
+
+std::int64_t notAfterNow(std::int64_t stamp, std::int64_t perSecond) {
+    const double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    return std::min(stamp, std::int64_t(now * double(perSecond)));
+}
 
 bool lostRows(sqlite3* database, std::string_view table, const TableMark& mark) {
     const std::string name(table);

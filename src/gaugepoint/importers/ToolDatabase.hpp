@@ -54,6 +54,11 @@ private:
 // commit is not missed. Reading a row again only replaces what it gave.
 constexpr std::int64_t kLateCommitSeconds = 10;
 
+// `stamp`, an update time in units of 1/`perSecond` s since 1970, but no later than this
+// machine's clock: a mark never runs ahead of it, so a row stamped in the future cannot hide the
+// updates that follow it.
+std::int64_t notAfterNow(std::int64_t stamp, std::int64_t perSecond);
+
 // Whether rows of `table` that the read up to `mark` saw are gone: fewer rows at or below its
 // last rowid than it counted (rows deleted, rowids renumbered by a vacuum). Such a database is
 // read whole again. Throws sqlite::Failure.
