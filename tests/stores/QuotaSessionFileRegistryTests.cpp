@@ -33,6 +33,12 @@ std::vector<std::string> paths(const std::vector<QuotaSessionFileRegistryEntry>&
     return list;
 }
 
+// The registry file of `config`, in its directory made for it (to be written raw before opening).
+std::filesystem::path registryFile(const QuotaSyncConfiguration& config) {
+    std::filesystem::create_directories(*config.appGroupDirectory);
+    return *config.appGroupDirectory / QuotaSessionFileRegistry::defaultFilename;
+}
+
 TEST(SessionFileRegistry, EntriesAreKeyedByPathSourceProviderAndMode) {
     ScratchDirectory dir;
     const QuotaSessionFileRegistry registry{configurationIn(dir)};
@@ -66,8 +72,7 @@ TEST(SessionFileRegistry, EntriesAreKeyedByPathSourceProviderAndMode) {
 TEST(SessionFileRegistry, ARegistryFromBeforeSourceScopingIsRebuiltKeepingEveryRow) {
     ScratchDirectory dir;
     const auto config = configurationIn(dir);
-    std::filesystem::create_directories(*config.appGroupDirectory);
-    const auto file = *config.appGroupDirectory / QuotaSessionFileRegistry::defaultFilename;
+    const auto file = registryFile(config);
     {
         RawDatabase raw{file};
         ASSERT_EQ(raw.exec("CREATE TABLE session_file_registry (path TEXT NOT NULL, provider_id TEXT NOT NULL,"
@@ -95,8 +100,7 @@ TEST(SessionFileRegistry, ARegistryFromBeforeSourceScopingIsRebuiltKeepingEveryR
 TEST(SessionFileRegistry, OlderImportTablesGainTheirNewColumnsKeepingTheirRows) {
     ScratchDirectory dir;
     const auto config = configurationIn(dir);
-    std::filesystem::create_directories(*config.appGroupDirectory);
-    const auto file = *config.appGroupDirectory / QuotaSessionFileRegistry::defaultFilename;
+    const auto file = registryFile(config);
     {
         RawDatabase raw{file};
         ASSERT_EQ(raw.exec("CREATE TABLE session_file_registry (path TEXT NOT NULL, source_id TEXT NOT NULL DEFAULT '',"
