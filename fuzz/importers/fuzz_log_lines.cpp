@@ -27,6 +27,7 @@ public:
     }
     void message(QuotaImportedMessage) override { ++calls; }
     void session(const std::string&, const std::string&) override { ++calls; }
+    void sessionTitle(const std::string&, const std::string&) override { ++calls; }
     void rateLimits(QuotaObservedRateLimits) override { ++calls; }
     void badLine(std::int64_t, std::string reason) override {
         ++calls;

@@ -58,6 +58,18 @@ TEST(ScanCommand, SummarisesEachScanInOneLine) {
     EXPECT_EQ(named.out.find("\u202e"), std::string::npos) << named.out;
 }
 
+TEST(ScanCommand, ListsSessionsUnderTheTitlesTheirToolsKeep) {
+    testing::ScratchDirectory dir;
+    const std::string logs = testing::testData("logs").string(), group = (dir / "g").string();
+    const auto scan = gaugepoint({"scan", "--quiet", "--app-group-dir", group, "--opencode-dir", logs + "/opencode",
+                                  "--goose-dir", logs + "/goose", "--amp-dir", logs + "/amp"});
+    ASSERT_EQ(scan.exitCode, 0) << scan.err;
+    const auto list = gaugepoint({"sessions", "list", "--app-group-dir", group}).out;
+    for (const char* title : {"Fix the login", "Charts", "Tidy the build", "Refactor auth"}) {
+        EXPECT_NE(list.find(std::string("  ") + title + "\n"), std::string::npos) << title << " in\n" << list;
+    }
+}
+
 // Every file of the App Group directory: its bytes and its modification time.
 std::map<std::string, std::pair<std::string, std::filesystem::file_time_type>> storeFiles(const std::filesystem::path& dir) {
     std::map<std::string, std::pair<std::string, std::filesystem::file_time_type>> files;

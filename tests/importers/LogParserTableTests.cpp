@@ -20,6 +20,7 @@ struct Recorded final : LogRecordSink {
     void usage(QuotaUsageEntry entry) override { entries.push_back(std::move(entry)); }
     void message(QuotaImportedMessage) override {}
     void session(const std::string&, const std::string&) override {}
+    void sessionTitle(const std::string&, const std::string&) override {}
     void rateLimits(QuotaObservedRateLimits observed) override { limits.push_back(std::move(observed)); }
     void badLine(std::int64_t, std::string) override { ++badLines; }
 };

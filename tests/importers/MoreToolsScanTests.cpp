@@ -28,6 +28,9 @@ std::map<std::string, testing::DayTotals> expectedDays(const char* provider, con
     return days;
 }
 
+// This machine's time in ms, as OpenCode stamps its writes.
+const std::string kNowMs = "CAST(strftime('%s', 'now') AS INTEGER) * 1000";
+
 std::int64_t tokensOf(const LogTree& tree, const std::string& provider) {
     std::int64_t tokens = 0;
     for (const auto& e : tree.usage().countedEntries(provider)) tokens += e.tokens.totalTokens();
@@ -87,8 +90,8 @@ TEST(MoreToolsScan, RowsUpdatedInPlaceCountOnceWithTheirFinalValues) {
     const std::int64_t opencode = tokensOf(tree, "opencode"), goose = tokensOf(tree, "goose");
     {
         testing::RawDatabase db{tree.home("opencode") / "opencode.db"};
-        // The running message finishes: 1,000 tokens more than its zero row.
-        ASSERT_EQ(db.exec(R"(UPDATE message SET time_updated = time_updated + 1, data = json_set(data, '$.tokens.input', 400,
+        // The running message finishes (OpenCode stamps the write): 1,000 tokens more than its zero row.
+        ASSERT_EQ(db.exec(R"(UPDATE message SET time_updated = )" + kNowMs + R"(, data = json_set(data, '$.tokens.input', 400,
                              '$.tokens.output', 600) WHERE id = 'msg_b4')"), "");
         // A finished one is rewritten with the same numbers (its cost grows): nothing changes.
         ASSERT_EQ(db.exec("UPDATE message SET data = json_set(data, '$.cost', 1.5) WHERE id = 'msg_b2'"), "");
@@ -96,11 +99,97 @@ TEST(MoreToolsScan, RowsUpdatedInPlaceCountOnceWithTheirFinalValues) {
     {
         testing::RawDatabase db{tree.home("goose") / "sessions" / "sessions.db"};
         ASSERT_EQ(db.exec("UPDATE sessions SET accumulated_input_tokens = accumulated_input_tokens + 700,"
-                          " accumulated_total_tokens = accumulated_total_tokens + 700 WHERE id = '20261101_1'"), "");
+                          " accumulated_total_tokens = accumulated_total_tokens + 700, updated_at = datetime('now')"
+                          " WHERE id = '20261101_1'"), "");
     }
     for (int scan = 0; scan < 2; ++scan) tree.scan();
     EXPECT_EQ(tokensOf(tree, "opencode"), opencode + 1000);
     EXPECT_EQ(tokensOf(tree, "goose"), goose + 700);
+}
+
+// A scan reads a tool's database from the marks the last one left: the rows added or stamped as
+// updated since, each replacing what it gave (so a change the tool did not stamp is not even
+// read). A database replaced by another file, or one that lost rows, is read whole again.
+TEST(MoreToolsScan, ADatabaseIsReadFromItsMarksAndWholeOnceReplacedOrShrunk) {
+    const LogTree tree{kMoreTools};
+    tree.scan();
+    const std::int64_t opencode = tokensOf(tree, "opencode");
+    const auto path = tree.home("opencode") / "opencode.db";
+    const auto write = [&](const std::string& sql) {
+        testing::RawDatabase db{path};
+        ASSERT_EQ(db.exec(sql), "");
+    };
+    write("UPDATE message SET data = json_set(data, '$.tokens.input', 5000 + json_extract(data, '$.tokens.input'))"
+          " WHERE id = 'msg_a2'");
+    write("INSERT INTO message VALUES ('msg_n1', 'ses_b', 1793509200000, " + kNowMs +
+          R"(, '{"role":"assistant","modelID":"gpt-5","time":{"created":1793509200000},"tokens":{"input":50,"output":50}}'))");
+    EXPECT_EQ(tree.scan().tokens, 100);
+    // The response goes on: two steps, its row rewritten with the last one's tokens.
+    write("INSERT INTO part VALUES ('prt_n1', 'msg_n1', 'ses_b', 1793509201000, " + kNowMs +
+          R"(, '{"type":"step-finish","tokens":{"input":300,"output":200}}'),)"
+          "('prt_n2', 'msg_n1', 'ses_b', 1793509202000, " + kNowMs +
+          R"(, '{"type":"step-finish","tokens":{"input":30,"output":20}}'))");
+    write("UPDATE message SET time_updated = " + kNowMs +
+          ", data = json_set(data, '$.tokens.input', 30, '$.tokens.output', 20) WHERE id = 'msg_n1'");
+    for (int scan = 0; scan < 2; ++scan) tree.scan();
+    EXPECT_EQ(tokensOf(tree, "opencode"), opencode + 550);
+
+    fs::copy_file(path, path.string() + ".new");
+    fs::rename(path.string() + ".new", path);
+    tree.scan();
+    EXPECT_EQ(tokensOf(tree, "opencode"), opencode + 550 + 5000);
+    write("DELETE FROM part WHERE message_id = 'msg_n1'; DELETE FROM message WHERE id = 'msg_n1'");
+    tree.scan();
+    EXPECT_EQ(tokensOf(tree, "opencode"), opencode + 5000);
+    EXPECT_EQ(tree.scan().filesRead, 0);
+}
+
+// The titles the tools keep name their sessions, renames included, as one bounded line; a tool
+// that keeps none gives the derived title (here the project folder: no prompt text is kept).
+TEST(MoreToolsScan, SessionsTakeTheTitlesTheirToolsKeepAndTheirRenames) {
+    const LogTree tree{kMoreTools};
+    tree.scan();
+    const QuotaSessionCatalogStore catalog{tree.configuration};
+    const auto title = [&](const char* id) {
+        const auto descriptor = catalog.loadDescriptor("test-machine", id);
+        return descriptor ? descriptor->title : "(no session)";
+    };
+    const char* thread = "T-5a1c0f7e-0001-4b2c-9d8e-7f6a5b4c3d2e";
+    EXPECT_EQ(title("ses_a"), "Fix the login");
+    EXPECT_EQ(title("20261030_1"), "Tidy the build");
+    EXPECT_EQ(title(thread), "Refactor auth");
+    EXPECT_EQ(title("pi-s1"), "api");
+
+    {
+        testing::RawDatabase db{tree.home("opencode") / "opencode.db"};
+        ASSERT_EQ(db.exec("UPDATE session SET title = 'Fix the login' || char(9) || 'for good' || char(10) || 'at last',"
+                          " time_updated = " + kNowMs + " WHERE id = 'ses_a'"), "");
+    }
+    const auto threadFile = tree.home("amp") / "threads" / (std::string(thread) + ".json");
+    std::string content = testing::readFile(threadFile);
+    content.replace(content.find("Refactor auth"), 13, std::string(300, 'x'));
+    testing::writeFile(threadFile, content);
+    const auto renamed = tree.scan();
+    EXPECT_EQ(renamed.updatedSessions, 2);
+    EXPECT_EQ(title("ses_a"), "Fix the login for good at last");
+    EXPECT_EQ(title(thread), std::string(119, 'x') + "…");
+
+    // Gemini's summary, patched into a chat's header as it goes on.
+    const LogTree gemini{{"gemini"}};
+    const auto chat = gemini.home("gemini") / "tmp" / "p" / "chats" / "session-2026-11-20T10-00-titled.jsonl";
+    fs::create_directories(chat.parent_path());
+    const auto summary = [](const char* text) { return std::string(R"({"$set":{"summary":")") + text + "\"}}\n"; };
+    testing::writeFile(chat, R"({"sessionId":"titled","projectHash":"x","startTime":"2026-11-20T10:00:00Z"})"
+                             "\n" R"({"id":"m1","timestamp":"2026-11-20T10:00:01Z","type":"gemini","model":"gemini-2.5-pro",)"
+                             R"("tokens":{"input":10,"output":5,"cached":0,"thoughts":0,"tool":0,"total":15}})"
+                             "\n" + summary("Draft the notes"));
+    gemini.scan();
+    const QuotaSessionCatalogStore geminiCatalog{gemini.configuration};
+    ASSERT_TRUE(geminiCatalog.loadDescriptor("test-machine", "titled"));
+    EXPECT_EQ(geminiCatalog.loadDescriptor("test-machine", "titled")->title, "Draft the notes");
+    std::ofstream(chat, std::ios::app) << summary("Final notes");
+    gemini.scan();
+    EXPECT_EQ(geminiCatalog.loadDescriptor("test-machine", "titled")->title, "Final notes");
 }
 
 // A writer in the middle of a transaction (WAL, as the tools run) neither blocks the scan nor

@@ -2,6 +2,8 @@
 
 #include "StoreTestSupport.hpp"
 #include "gaugepoint/stores/QuotaSessionFileRegistry.hpp"
+#include "gaugepoint/stores/QuotaUsageEntryStore.hpp"
+#include "gaugepoint/stores/SQLiteStatementCache.hpp"
 
 namespace gaugepoint {
 namespace {
@@ -29,6 +31,12 @@ std::vector<std::string> paths(const std::vector<QuotaSessionFileRegistryEntry>&
     std::vector<std::string> list;
     for (const auto& e : entries) list.push_back(e.path + "@" + e.sourceID + ":" + std::to_string(e.lastOffset));
     return list;
+}
+
+// The registry file of `config`, in its directory made for it (to be written raw before opening).
+std::filesystem::path registryFile(const QuotaSyncConfiguration& config) {
+    std::filesystem::create_directories(*config.appGroupDirectory);
+    return *config.appGroupDirectory / QuotaSessionFileRegistry::defaultFilename;
 }
 
 TEST(SessionFileRegistry, EntriesAreKeyedByPathSourceProviderAndMode) {
@@ -64,8 +72,7 @@ TEST(SessionFileRegistry, EntriesAreKeyedByPathSourceProviderAndMode) {
 TEST(SessionFileRegistry, ARegistryFromBeforeSourceScopingIsRebuiltKeepingEveryRow) {
     ScratchDirectory dir;
     const auto config = configurationIn(dir);
-    std::filesystem::create_directories(*config.appGroupDirectory);
-    const auto file = *config.appGroupDirectory / QuotaSessionFileRegistry::defaultFilename;
+    const auto file = registryFile(config);
     {
         RawDatabase raw{file};
         ASSERT_EQ(raw.exec("CREATE TABLE session_file_registry (path TEXT NOT NULL, provider_id TEXT NOT NULL,"
@@ -86,6 +93,42 @@ TEST(SessionFileRegistry, ARegistryFromBeforeSourceScopingIsRebuiltKeepingEveryR
               std::vector<std::string>{"4"});
     registry.upsert(entry("/a", "mac", "claude", Mode::metadataOnly, 9));  // another source: a row of its own
     EXPECT_EQ(registry.list().size(), 3u);
+}
+
+// Import tables written before prefix digests and tool titles were kept gain both columns, keep
+// their rows, and take a title (as one line) from then on.
+TEST(SessionFileRegistry, OlderImportTablesGainTheirNewColumnsKeepingTheirRows) {
+    ScratchDirectory dir;
+    const auto config = configurationIn(dir);
+    const auto file = registryFile(config);
+    {
+        RawDatabase raw{file};
+        ASSERT_EQ(raw.exec("CREATE TABLE session_file_registry (path TEXT NOT NULL, source_id TEXT NOT NULL DEFAULT '',"
+                           " provider_id TEXT NOT NULL, capture_mode TEXT NOT NULL, session_id TEXT, file_identifier TEXT,"
+                           " size INTEGER, modified_at REAL, last_offset INTEGER NOT NULL, parser_version INTEGER NOT NULL,"
+                           " updated_at REAL NOT NULL, PRIMARY KEY (path, source_id, provider_id, capture_mode));"
+                           "CREATE TABLE import_files (file_key INTEGER PRIMARY KEY, path TEXT NOT NULL,"
+                           " source_id TEXT NOT NULL, provider_id TEXT NOT NULL, capture_mode TEXT NOT NULL,"
+                           " parser_state TEXT NOT NULL DEFAULT '', UNIQUE (path, source_id, provider_id, capture_mode));"
+                           "CREATE TABLE import_sessions (provider_id TEXT NOT NULL, session_id TEXT NOT NULL,"
+                           " project_path TEXT, PRIMARY KEY (provider_id, session_id)) WITHOUT ROWID;"
+                           "INSERT INTO import_sessions VALUES ('goose', 's1', '/home/dev/p');"),
+                  "");
+    }
+    const QuotaSessionFileRegistry registry{config};
+    const QuotaUsageEntryStore usage{registry};
+    EXPECT_EQ(usage.sessionContents({{"goose", "s1"}}).front().title, std::nullopt);
+    registry.inTransaction("titles", [](sqlite::Connection& connection) {
+        sqlite::StatementCache statements{connection};
+        QuotaUsageEntryStore::noteSessionTitles(statements, "goose", {{"s1", "  Tidy\x1b[2J the\nbuild "}});
+    });
+    const auto content = usage.sessionContents({{"goose", "s1"}}).front();
+    EXPECT_EQ(content.projectPath, "/home/dev/p");
+    EXPECT_EQ(content.title, "Tidy [2J the build");
+    EXPECT_EQ(usage.dirtySessions(), (std::vector<QuotaUsageEntryStore::SessionKey>{{"goose", "s1"}}));
+    RawDatabase raw{file};
+    EXPECT_EQ(raw.column("SELECT COUNT(*) FROM pragma_table_info('import_files') WHERE name = 'prefix_digest'"),
+              std::vector<std::string>{"1"});
 }
 
 TEST(SessionFileRegistry, FileIdentifiersFollowTheFileNotThePath) {

@@ -166,7 +166,7 @@ std::string projectOf(object env) {
 class AmpLogs final : public CodingToolLogs {
 public:
     QuotaSessionProviderIdentity provider() const override { return {"amp", "Amp"}; }
-    // 2: credits are kept.
+    // 2: credits are kept, and thread titles.
     std::int64_t parserVersion() const override { return 2; }
 
     std::vector<fs::path> defaultHomes() const override {
@@ -207,6 +207,7 @@ public:
         if (thread.id.empty()) thread.id = file.path.stem().string();
         DocumentRecords whole;
         whole.session(thread.id, thread.project);
+        if (!thread.title.empty()) whole.sessionTitle(thread.id, thread.title);
         std::map<std::string, const Message*> byID;
         for (const auto& m : thread.messages) {
             if (!m.id.empty()) byID.emplace(m.id, &m);

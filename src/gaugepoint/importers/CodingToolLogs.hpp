@@ -25,9 +25,18 @@ class JsonLineParser;
 
 // How a log file is read: appended line by line (read on from where the last scan stopped),
 // rewritten whole (read again from the start whenever it changes), or a SQLite database the tool
-// keeps (opened read-only and read again whenever it or its write-ahead log changes; rows the
-// tool updates in place then replace what they gave).
+// keeps (opened read-only whenever it or its write-ahead log changes, and read from the marks the
+// last read left: the rows added or updated since replace what those rows gave before).
 enum class LogLayout { appendedLines, wholeDocument, database };
+
+// What one read of a tool's database covered: every row (what the file gave before is then
+// replaced whole), or only the rows of `rowGroups`. A group names the records of one row of the
+// tool's: the usage entries and messages whose key is the group, or begins with it and a "/";
+// each group read replaces what it gave before.
+struct DatabaseRead {
+    bool whole = true;
+    std::vector<std::string> rowGroups;
+};
 
 // One complete line of a file and where it starts (bytes from the start of the file). The
 // bytes after `text` are readable up to the parser's padding, as fast JSON parsers need.
@@ -44,6 +53,9 @@ public:
     virtual void message(QuotaImportedMessage message) = 0;
     // Where a session ran ("" when the log does not say).
     virtual void session(const std::string& sessionID, const std::string& projectPath) = 0;
+    // The title the tool keeps for a session (raw: the store makes it one bounded line); the
+    // latest read of it wins, so a session the tool renamed takes its new title.
+    virtual void sessionTitle(const std::string& sessionID, const std::string& title) = 0;
     virtual void rateLimits(QuotaObservedRateLimits limits) = 0;
     virtual void badLine(std::int64_t offset, std::string reason) = 0;
 };
@@ -57,6 +69,9 @@ public:
     void session(const std::string& sessionID, const std::string& projectPath) override {
         sessions_.emplace_back(sessionID, projectPath);
     }
+    void sessionTitle(const std::string& sessionID, const std::string& title) override {
+        titles_.emplace_back(sessionID, title);
+    }
     void rateLimits(QuotaObservedRateLimits limits) override { limits_.push_back(std::move(limits)); }
     void badLine(std::int64_t offset, std::string reason) override {
         if (!bad_) bad_ = std::pair{offset, std::move(reason)};
@@ -69,6 +84,7 @@ private:
     std::vector<QuotaUsageEntry> usage_;
     std::vector<QuotaImportedMessage> messages_;
     std::vector<std::pair<std::string, std::string>> sessions_;
+    std::vector<std::pair<std::string, std::string>> titles_;
     std::vector<QuotaObservedRateLimits> limits_;
     std::optional<std::pair<std::int64_t, std::string>> bad_;
 };
@@ -82,6 +98,9 @@ public:
     void session(const std::string& sessionID, const std::string& projectPath) override {
         sessions_.emplace_back(sessionID, projectPath);
     }
+    void sessionTitle(const std::string& sessionID, const std::string& title) override {
+        titles_.emplace_back(sessionID, title);
+    }
     void rateLimits(QuotaObservedRateLimits limits) override { limits_.push_back(std::move(limits)); }
     void badLine(std::int64_t offset, std::string reason) override { bad_.emplace_back(offset, std::move(reason)); }
     // Passes everything on, bad parts included.
@@ -91,6 +110,7 @@ private:
     std::vector<QuotaUsageEntry> usage_;
     std::vector<QuotaImportedMessage> messages_;
     std::vector<std::pair<std::string, std::string>> sessions_;
+    std::vector<std::pair<std::string, std::string>> titles_;
     std::vector<QuotaObservedRateLimits> limits_;
     std::vector<std::pair<std::int64_t, std::string>> bad_;
 };
@@ -128,9 +148,12 @@ public:
     // the document cannot be read as a whole (cut short while being written): the file then keeps
     // what it gave before and is read again when it next changes.
     virtual bool parseDocument(std::string_view text, const LogFileContext& file, LogRecordSink& sink) const = 0;
-    // Reads a database the tool keeps, opened read-only (LogLayout::database). Throws
-    // gaugepoint::Error when it cannot be read; the file then keeps what it gave before.
-    virtual void readDatabase(sqlite3* database, const LogFileContext& file, LogRecordSink& sink) const;
+    // Reads a database the tool keeps, opened read-only (LogLayout::database), inside one read
+    // transaction. `marks` is what the last read of the same file left ("" for none, and then the
+    // whole database is read); the tool updates it to cover this read. Throws gaugepoint::Error
+    // when it cannot be read; the file then keeps what it gave before, and its marks.
+    virtual DatabaseRead readDatabase(sqlite3* database, const LogFileContext& file, std::string& marks,
+                                      LogRecordSink& sink) const;
 };
 
 // Every tool the scan reads: Claude Code, Codex CLI, Gemini CLI, OpenCode, Copilot CLI, Qwen

@@ -31,11 +31,13 @@ void PendingRecords::flushTo(LogRecordSink& sink) {
         for (auto& e : usage_) sink.usage(std::move(e));
         for (auto& m : messages_) sink.message(std::move(m));
         for (const auto& [session, project] : sessions_) sink.session(session, project);
+        for (const auto& [session, title] : titles_) sink.sessionTitle(session, title);
         for (auto& l : limits_) sink.rateLimits(std::move(l));
     }
     usage_.clear();
     messages_.clear();
     sessions_.clear();
+    titles_.clear();
     limits_.clear();
     bad_.reset();
 }
@@ -44,16 +46,18 @@ void DocumentRecords::flushTo(LogRecordSink& sink) {
     for (auto& e : usage_) sink.usage(std::move(e));
     for (auto& m : messages_) sink.message(std::move(m));
     for (const auto& [session, project] : sessions_) sink.session(session, project);
+    for (const auto& [session, title] : titles_) sink.sessionTitle(session, title);
     for (auto& l : limits_) sink.rateLimits(std::move(l));
     for (auto& [offset, reason] : bad_) sink.badLine(offset, std::move(reason));
     usage_.clear();
     messages_.clear();
     sessions_.clear();
+    titles_.clear();
     limits_.clear();
     bad_.clear();
 }
 
-void CodingToolLogs::readDatabase(sqlite3*, const LogFileContext&, LogRecordSink&) const {}
+DatabaseRead CodingToolLogs::readDatabase(sqlite3*, const LogFileContext&, std::string&, LogRecordSink&) const { return {}; }
 
 std::vector<std::filesystem::path> homesFromEnvironment(const char* name) {
     std::vector<std::filesystem::path> homes;

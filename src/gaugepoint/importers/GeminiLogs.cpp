@@ -6,7 +6,8 @@
 // A "gemini" message with a "tokens" object is one response: input is the prompt without its
 // cached part plus the tool-use prompt, output is the answer plus the reasoning ("thoughts"),
 // cached input is cache read, and there is no cache write. Messages are identified by session
-// and message id, so a grown document or a copied line counts each message once.
+// and message id, so a grown document or a copied line counts each message once. A session's
+// `summary` (in the document or header, or patched in by a "$set" line) is its title.
 
 #include <cstdlib>
 #include <fstream>
@@ -144,31 +145,37 @@ std::string projectRootOf(const fs::path& chatFile) {
 // A document {"sessionId", "messages": [...]}: its messages in order. False when it is not whole.
 bool readDocumentObject(object document, std::int64_t offset, const LogFileContext& file, std::string& sessionID,
                         LogRecordSink& sink) {
+    std::string summary;
     for (auto field : document) {
         std::string_view key;
         if (field.unescaped_key().get(key)) return false;
         value v = field.value();
         if (key == "sessionId") {
             if (const auto id = jsonline::text(v)) sessionID = std::string(*id);
+        } else if (key == "summary") {
+            if (const auto text = jsonline::text(v)) summary = std::string(*text);
         } else if (key == "messages") {
             if (sessionID.empty()) sessionID = file.path.stem().string();  // the id comes first in every version seen
             if (!readMessages(v, sessionID, offset, file, sink)) return false;
         }
     }
-    if (!sessionID.empty()) sink.session(sessionID, projectRootOf(file.path));
+    if (sessionID.empty()) return true;
+    sink.session(sessionID, projectRootOf(file.path));
+    if (!summary.empty()) sink.sessionTitle(sessionID, summary);
     return true;
 }
 
 // What a line of the append-only form is, from its top-level keys.
 struct LineKind {
-    std::string sessionID;
+    std::string sessionID, summary;
     bool message = false, document = false, patch = false, rewind = false;
 };
 
 class GeminiLogs final : public CodingToolLogs {
 public:
     QuotaSessionProviderIdentity provider() const override { return {"gemini", "Gemini"}; }
-    std::int64_t parserVersion() const override { return 2; }
+    // 3: session titles (summaries).
+    std::int64_t parserVersion() const override { return 3; }
 
     std::vector<fs::path> defaultHomes() const override {
         if (const char* home = std::getenv("GEMINI_CLI_HOME"); home && *home) return {fs::path(home) / ".gemini"};
@@ -223,6 +230,8 @@ private:
             if (field.unescaped_key().get(key)) return sink.badLine(offset, "malformed JSON");
             if (key == "sessionId") {
                 if (const auto id = jsonline::text(field.value())) kind.sessionID = std::string(*id);
+            } else if (key == "summary") {
+                if (const auto text = jsonline::text(field.value())) kind.summary = std::string(*text);
             }
             kind.message = kind.message || key == "type";
             kind.document = kind.document || key == "messages";
@@ -246,6 +255,9 @@ private:
                     if (name == "messages" && !readMessages(set.value(), sessionID, offset, file, sink)) {
                         return sink.badLine(offset, "a message list that is not whole");
                     }
+                    if (name == "summary") {
+                        if (const auto text = jsonline::text(set.value())) sink.sessionTitle(sessionID, std::string(*text));
+                    }
                 }
             }
             return;
@@ -259,6 +271,7 @@ private:
             return;
         }
         sink.session(sessionID, projectRootOf(file.path));
+        if (!kind.summary.empty()) sink.sessionTitle(sessionID, kind.summary);
     }
 };
 

@@ -164,7 +164,15 @@ private:
                        entry->lastOffset <= std::int64_t(info.st_size);
         ++tally_.filesRead;
         if (file.layout == LogLayout::wholeDocument) return readDocument(opened, std::move(piece));
-        if (file.layout == LogLayout::database) return readDatabase(file, std::move(piece));
+        if (file.layout == LogLayout::database) {
+            // A read from the marks may touch no session: the file keeps the one it named.
+            const auto marks = files.states.find(path);
+            if (marks != files.states.end()) {
+                piece.state = marks->second.state;
+                piece.entry.sessionID = entry->sessionID;
+            }
+            return readDatabase(file, std::move(piece));
+        }
         PrefixDigest digest;
         if (readsOn && entry->lastOffset > 0) {
             const auto resume = files.states.find(path);
@@ -218,13 +226,15 @@ private:
         return queue_.push(std::move(piece));
     }
 
-    // A tool's database, read whole: its figures are as the walk saw them before the read, so a
-    // write during the read is read again at the next scan.
+    // A tool's database, read from the marks its last read left (`piece.state`, "" when it is
+    // read whole): its figures are as the walk saw them before the read, so a write during the
+    // read is read again at the next scan.
     bool readDatabase(const LogFileCandidate& file, Piece piece) {
         piece.records = std::make_unique<Collected>(piece.entry.path, options_.capture);
         const LogFileContext context{piece.entry.path, options_.capture, &parser_};
+        DatabaseRead read;
         try {
-            readToolDatabase(*piece.tool, file.path, context, *piece.records);
+            read = readToolDatabase(*piece.tool, file.path, context, piece.state, *piece.records);
         } catch (const Error& e) {
             --tally_.filesRead;
             skipped(piece.entry.path, e.what());
@@ -236,7 +246,9 @@ private:
         piece.entry.size = file.size;
         piece.entry.modifiedAt = file.modifiedAt;
         piece.entry.fileIdentifier = file.identity;
-        piece.forgetFirst = true;  // rows updated in place: what the database gave before is replaced
+        // Rows updated in place: what the rows read gave before is replaced.
+        piece.forgetFirst = read.whole;
+        piece.rowGroups = std::move(read.rowGroups);
         return queue_.push(std::move(piece));
     }
 
@@ -367,6 +379,13 @@ bool isUnchanged(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry
 bool goesOn(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& entry, const LogFileCandidate& file) {
     return file.layout == LogLayout::appendedLines && entry.lastOffset > 0 && entry.parserVersion == tool.parserVersion() &&
            entry.fileIdentifier == file.identity && entry.lastOffset <= file.size;
+}
+
+bool keepsParserState(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& entry, const LogFileCandidate& file) {
+    if (file.layout == LogLayout::database) {
+        return entry.parserVersion == tool.parserVersion() && entry.fileIdentifier == file.identity;
+    }
+    return goesOn(tool, entry, file);
 }
 
 std::int64_t bytesToRead(const ToolFiles& tool) {

@@ -34,6 +34,10 @@ bool isUnchanged(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry
 // Whether a changed file is read on from where the last read stopped (else from its start).
 bool goesOn(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& entry, const LogFileCandidate& file);
 
+// Whether a changed file's read needs what its last read left: the parser's state of an
+// appended file read on, the marks of a database that is the same file read by the same rules.
+bool keepsParserState(const CodingToolLogs& tool, const QuotaSessionFileRegistryEntry& entry, const LogFileCandidate& file);
+
 // The bytes a scan is to read of one tool: what its changed files added since they were read.
 std::int64_t bytesToRead(const ToolFiles& tool);
 

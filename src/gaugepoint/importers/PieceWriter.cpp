@@ -76,9 +76,13 @@ private:
                                                                          !piece.expected, created);
         QuotaUsageEntryStore::Tally forgotten;
         if (piece.forgetFirst && !created) forgotten = QuotaUsageEntryStore::forgetFile(statements, key);
+        if (!piece.rowGroups.empty() && !created) {
+            forgotten = QuotaUsageEntryStore::forgetRows(statements, key, e.providerID, piece.rowGroups);
+        }
         const auto added =
             QuotaUsageEntryStore::record(statements, key, records.usage_, records.messages_, e.providerID, records.sessions_,
                                          sinceEmpty_ ? &*sinceEmpty_ : nullptr);
+        if (!records.titles_.empty()) QuotaUsageEntryStore::noteSessionTitles(statements, e.providerID, records.titles_);
         if (records.limits_) QuotaUsageEntryStore::noteRateLimits(statements, *records.limits_);
         QuotaSessionFileRegistry::upsert(statements, e);
         tally_.tokens += forgotten.countedTokens + added.countedTokens;

@@ -44,14 +44,15 @@ double secondsSetting(const QuotaSyncConfiguration& configuration, std::string_v
     return seconds >= 0 && seconds < 86400 ? seconds : fallback;
 }
 
-// Loads the parser states of the tool's changed files that may go on from their position. On a
-// read connection of its own: the writer may hold the shared one for a whole batch meanwhile.
+// Loads the parser states of the tool's changed files that may go on from their position, and the
+// marks of its databases. On a read connection of its own: the writer may hold the shared one
+// for a whole batch meanwhile.
 void loadParserStates(const QuotaSessionFileRegistry& registry, const std::string& sourceID, ToolFiles& tool) {
     std::vector<const std::pair<const std::string, QuotaSessionFileRegistryEntry>*> goOn;  // path, entry
     for (const auto& file : tool.files) {
         const auto found = tool.known.find(file.path.string());
         if (found == tool.known.end()) continue;
-        if (!isUnchanged(*tool.tool, found->second, file) && goesOn(*tool.tool, found->second, file)) {
+        if (!isUnchanged(*tool.tool, found->second, file) && keepsParserState(*tool.tool, found->second, file)) {
             goOn.push_back(&*found);
         }
     }

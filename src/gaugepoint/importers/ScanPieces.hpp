@@ -40,6 +40,9 @@ public:
         if (firstSession_.empty()) firstSession_ = sessionID;
         sessions_.emplace_back(sessionID, projectPath);
     }
+    void sessionTitle(const std::string& sessionID, const std::string& title) override {
+        titles_.emplace_back(sessionID, title);
+    }
     void rateLimits(QuotaObservedRateLimits limits) override {
         if (!limits_ || limits.observedAt > limits_->observedAt) limits_ = std::move(limits);
     }
@@ -49,6 +52,7 @@ public:
         usage_.clear();
         messages_.clear();
         sessions_.clear();
+        titles_.clear();
         limits_.reset();
         bad_.clear();
     }
@@ -56,6 +60,7 @@ public:
     std::vector<QuotaUsageEntry> usage_;
     std::vector<QuotaImportedMessage> messages_;
     std::vector<std::pair<std::string, std::string>> sessions_;
+    std::vector<std::pair<std::string, std::string>> titles_;  // session id, title as the tool wrote it
     std::optional<QuotaObservedRateLimits> limits_;
     std::vector<QuotaScanProblem> bad_;
     std::string firstSession_;
@@ -71,6 +76,7 @@ struct Piece {
     QuotaSessionFileRegistryEntry entry;   // the file's entry as this piece leaves it
     std::optional<std::int64_t> expected;  // the position the registry must still hold
     bool forgetFirst = false;              // what the file gave before is replaced
+    std::vector<std::string> rowGroups;    // else what these rows of a database gave is replaced
     std::string state;                     // the parser's state after this piece
     std::optional<std::int64_t> prefixDigest;  // of the file's bytes up to this piece's end
     std::unique_ptr<Collected> records;

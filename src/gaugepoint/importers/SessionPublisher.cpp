@@ -78,7 +78,7 @@ Published build(const QuotaUsageEntryStore::SessionKey& key, const QuotaUsageEnt
     d.sourceName = sourceName;
     d.provider = providerIdentity(key.providerID);
     d.projectPath = content.projectPath;
-    d.title = titleOf(content.messages, d.projectPath, d.provider);
+    d.title = content.title && !content.title->empty() ? *content.title : titleOf(content.messages, d.projectPath, d.provider);
     d.startedAt = content.usage.first;
     d.endedAt = content.usage.last;
     if (content.firstMessage && (!d.startedAt || *content.firstMessage < *d.startedAt)) d.startedAt = content.firstMessage;

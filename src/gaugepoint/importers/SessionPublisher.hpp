@@ -19,8 +19,9 @@ struct PublishTally {
 // Publishes every session marked behind, in batches, clearing each mark once its session is in
 // the catalogue; a publish stopped half way is finished by the next. Descriptors are written
 // under the configuration's local source. A descriptor that did not change is not written, so it
-// keeps its change time. A title is the first line of the first prompt whose text was kept (the
-// capture mode decides), else the project folder's name. Under metadataOnly no messages are
+// keeps its change time. A title is the one the tool keeps for the session, else the first line
+// of the first prompt whose text was kept (the capture mode decides), else the project folder's
+// name. Under metadataOnly no messages are
 // published and a descriptor counts the prompts and counted responses. Throws the stores' errors.
 PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog,
                                   QuotaSessionContentCaptureMode capture);

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <map>
 #include <set>
 #include <unordered_map>
 
 #include "gaugepoint/platform/Json.hpp"
+#include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/stores/SQLiteConnectionHolder.hpp"
 
 namespace gaugepoint {
@@ -94,6 +96,7 @@ constexpr const char* kSchema =
     "    provider_id TEXT NOT NULL,\n"
     "    session_id TEXT NOT NULL,\n"
     "    project_path TEXT,\n"
+    "    title TEXT,\n"
     "    PRIMARY KEY (provider_id, session_id)\n"
     ") WITHOUT ROWID;\n"
     "CREATE TABLE IF NOT EXISTS import_dirty_sessions (\n"
@@ -218,6 +221,22 @@ constexpr const char* kFileEntries =
 constexpr const char* kDeleteFileEntries = "DELETE FROM usage_entries WHERE file_key = ?";
 constexpr const char* kFileMessageSessions = "SELECT DISTINCT provider_id, session_id FROM import_messages WHERE file_key = ?";
 constexpr const char* kDeleteFileMessages = "DELETE FROM import_messages WHERE file_key = ?";
+// The same for one group of a file's rows: ?1 the file, ?2 the provider, ?3 the group, ?4 the
+// group and "/", ?5 the group and "0" (the character after "/"), so the keys that begin with
+// ?4 are a range of the unique indexes.
+#define GP_GROUP_KEYS(column) "(" column " = ?3 OR (" column " >= ?4 AND " column " < ?5))"
+constexpr const char* kGroupEntries =
+    "SELECT provider_id, dedup_key, session_id, counted,\n"
+    "       input_tokens + output_tokens + cache_read_tokens + cache_write_tokens\n"
+    "FROM usage_entries WHERE provider_id = ?2 AND file_key = ?1 AND " GP_GROUP_KEYS("dedup_key");
+constexpr const char* kDeleteGroupEntries =
+    "DELETE FROM usage_entries WHERE provider_id = ?2 AND file_key = ?1 AND " GP_GROUP_KEYS("dedup_key");
+constexpr const char* kGroupMessageSessions =
+    "SELECT DISTINCT provider_id, session_id FROM import_messages\n"
+    "WHERE file_key = ?1 AND provider_id = ?2 AND " GP_GROUP_KEYS("message_key");
+constexpr const char* kDeleteGroupMessages =
+    "DELETE FROM import_messages WHERE file_key = ?1 AND provider_id = ?2 AND " GP_GROUP_KEYS("message_key");
+#undef GP_GROUP_KEYS
 
 // The lines of one response join: the most output tokens win, and texts follow each other.
 constexpr const char* kUpsertMessage =
@@ -240,6 +259,13 @@ constexpr const char* kUpsertSession =
     "INSERT INTO import_sessions (provider_id, session_id, project_path) VALUES (?, ?, ?)\n"
     "ON CONFLICT(provider_id, session_id) DO UPDATE SET\n"
     "    project_path = COALESCE(import_sessions.project_path, excluded.project_path)";
+// A session's title as the tool keeps it: the latest read wins (a rename). Only a change marks
+// the session behind.
+constexpr const char* kSessionTitle = "SELECT title FROM import_sessions WHERE provider_id = ? AND session_id = ?";
+constexpr const char* kSetSessionTitle =
+    "INSERT INTO import_sessions (provider_id, session_id, title) VALUES (?, ?, ?)\n"
+    "ON CONFLICT(provider_id, session_id) DO UPDATE SET title = excluded.title";
+constexpr std::size_t kTitleColumns = 120;  // terminal columns a stored title may take
 constexpr const char* kMarkDirty = "INSERT OR IGNORE INTO import_dirty_sessions (provider_id, session_id) VALUES (?, ?)";
 // The mark of every session at once: a row no provider can have (their identifiers are never empty).
 constexpr const char* kMarkAll = "INSERT OR IGNORE INTO import_dirty_sessions (provider_id, session_id) VALUES ('', '')";
@@ -382,6 +408,7 @@ std::vector<QuotaUsageEntry> readEntries(sqlite::Statement& select) {
     return entries;
 }
 
+
 }  // namespace
 
 namespace {
@@ -410,8 +437,10 @@ bool addMissingColumn(sqlite::Connection& connection, const char* table, const s
 void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
     connection.exec(kSchema, "ensure import tables");
     // Files read before the prefix digest was kept have none: they are read on as before, and
-    // get one with their next read.
+    // get one with their next read. Sessions imported before titles were kept have none until
+    // their tool's log is read again.
     addMissingColumn(connection, "import_files", "prefix_digest", "INTEGER");
+    addMissingColumn(connection, "import_sessions", "title", "TEXT");
     // Entries recorded before a column was kept have 0 in it; their files are read again (the
     // parsers' versions changed), which fills them in.
     for (const auto& [column, declaration] : kExtraColumns) addMissingColumn(connection, "usage_entries", column, declaration);
@@ -556,7 +585,20 @@ void QuotaUsageEntryStore::setParserState(sqlite::StatementCache& statements, st
     update.bind(1, state).bind(2, fileKey).run();
 }
 
-QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::StatementCache& statements, std::int64_t fileKey) {
+namespace {
+
+// The statements that find and remove some of a file's records, and their parameters.
+struct Forgetting {
+    const char* entries;
+    const char* deleteEntries;
+    const char* messageSessions;
+    const char* deleteMessages;
+    std::function<void(sqlite::Statement&)> bind;
+};
+
+// Removes the records `what` selects; a response they counted is then counted from the best
+// row left in other files, and the sessions they touched are marked behind.
+QuotaUsageEntryStore::Tally forget(sqlite::StatementCache& statements, const Forgetting& what) {
     struct Gone {
         std::string provider, key, session;
         bool counted;
@@ -564,8 +606,8 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::StatementCa
     };
     std::vector<Gone> gone;
     {
-        auto& select = statements.get(kFileEntries, "prepare forget file", "execute forget file");
-        select.bind(1, fileKey);
+        auto& select = statements.get(what.entries, "prepare forget file", "execute forget file");
+        what.bind(select);
         while (select.step()) {
             gone.push_back({std::string(select.text(0).value_or("")), std::string(select.text(1).value_or("")),
                             std::string(select.text(2).value_or("")), select.integer(3) != 0, select.integer(4)});
@@ -573,15 +615,19 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::StatementCa
     }
     std::set<std::pair<std::string, std::string>> sessions;
     {
-        auto& select = statements.get(kFileMessageSessions, "prepare forget file", "execute forget file");
-        select.bind(1, fileKey);
+        auto& select = statements.get(what.messageSessions, "prepare forget file", "execute forget file");
+        what.bind(select);
         while (select.step()) sessions.emplace(select.text(0).value_or(""), select.text(1).value_or(""));
     }
-    statements.get(kDeleteFileEntries, "prepare forget file", "execute forget file").bind(1, fileKey).run();
-    statements.get(kDeleteFileMessages, "prepare forget file", "execute forget file").bind(1, fileKey).run();
+    auto& deleteEntries = statements.get(what.deleteEntries, "prepare forget file", "execute forget file");
+    what.bind(deleteEntries);
+    deleteEntries.run();
+    auto& deleteMessages = statements.get(what.deleteMessages, "prepare forget file", "execute forget file");
+    what.bind(deleteMessages);
+    deleteMessages.run();
 
     EntryWriter writer{statements};
-    Tally tally;
+    QuotaUsageEntryStore::Tally tally;
     for (const auto& g : gone) {
         sessions.emplace(g.provider, g.session);
         if (!g.counted) continue;
@@ -592,6 +638,29 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::StatementCa
     }
     auto& mark = statements.get(kMarkDirty, "prepare mark session", "execute mark session");
     for (const auto& [provider, session] : sessions) markDirty(mark, provider, session);
+    return tally;
+}
+
+}  // namespace
+
+QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetFile(sqlite::StatementCache& statements, std::int64_t fileKey) {
+    return forget(statements, {kFileEntries, kDeleteFileEntries, kFileMessageSessions, kDeleteFileMessages,
+                               [&](sqlite::Statement& s) { s.bind(1, fileKey); }});
+}
+
+QuotaUsageEntryStore::Tally QuotaUsageEntryStore::forgetRows(sqlite::StatementCache& statements, std::int64_t fileKey,
+                                                             std::string_view providerID,
+                                                             const std::vector<std::string>& groups) {
+    Tally tally;
+    for (const auto& group : groups) {
+        const std::string below = group + "/", after = group + "0";
+        const Tally t = forget(statements, {kGroupEntries, kDeleteGroupEntries, kGroupMessageSessions, kDeleteGroupMessages,
+                                            [&](sqlite::Statement& s) {
+                                                s.bind(1, fileKey).bind(2, providerID).bind(3, group);
+                                                s.bind(4, below).bind(5, after);
+                                            }});
+        tally.countedTokens += t.countedTokens;
+    }
     return tally;
 }
 
@@ -645,6 +714,25 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::record(
     auto& mark = statements.get(kMarkDirty, "prepare mark session", "execute mark session");
     for (const auto& session : sessions) markDirty(mark, providerID, session);
     return tally;
+}
+
+void QuotaUsageEntryStore::noteSessionTitles(sqlite::StatementCache& statements, std::string_view providerID,
+                                             const std::vector<std::pair<std::string, std::string>>& titles) {
+    auto& stored = statements.get(kSessionTitle, "prepare session title", "execute session title");
+    auto& set = statements.get(kSetSessionTitle, "prepare session title", "execute session title");
+    auto& mark = statements.get(kMarkDirty, "prepare mark session", "execute mark session");
+    for (const auto& [session, raw] : titles) {
+        const std::string title = truncatedToWidth(trimmed(singleLine(raw)), kTitleColumns);
+        if (title.empty()) continue;
+        stored.reset();
+        stored.bind(1, providerID).bind(2, session);
+        const bool same = stored.step() && stored.text(0) == std::optional<std::string_view>(title);
+        stored.reset();
+        if (same) continue;
+        set.reset();
+        set.bind(1, providerID).bind(2, session).bind(3, title).run();
+        markDirty(mark, providerID, session);
+    }
 }
 
 void QuotaUsageEntryStore::noteRateLimits(sqlite::StatementCache& statements, const QuotaObservedRateLimits& limits) {
@@ -727,7 +815,8 @@ constexpr const char* kSessionMessages =
 constexpr const char* kSessionMessageSpan =
     "SELECT COUNT(DISTINCT CASE WHEN is_prompt = 1 THEN message_key END), MIN(timestamp), MAX(timestamp)\n"
     "FROM import_messages WHERE provider_id = ? AND session_id = ?";
-constexpr const char* kSessionProject = "SELECT project_path FROM import_sessions WHERE provider_id = ? AND session_id = ?";
+constexpr const char* kSessionProject =
+    "SELECT project_path, title FROM import_sessions WHERE provider_id = ? AND session_id = ?";
 // The same three readings for every session at once, each in one pass over its table (no
 // index by session is needed, so they can run before a first import has built one). The usage
 // is summed here rather than by a GROUP BY, which would sort every row first.
@@ -737,7 +826,7 @@ constexpr const char* kEveryCountedEntry =
 constexpr const char* kEverySessionMessageSpan =
     "SELECT provider_id, session_id, COUNT(DISTINCT CASE WHEN is_prompt = 1 THEN message_key END),\n"
     "       MIN(timestamp), MAX(timestamp)\nFROM import_messages GROUP BY provider_id, session_id";
-constexpr const char* kEverySessionProject = "SELECT provider_id, session_id, project_path FROM import_sessions";
+constexpr const char* kEverySessionProject = "SELECT provider_id, session_id, project_path, title FROM import_sessions";
 
 // Adds one row of per-model sums (model, COUNT, the four SUMs, SUM(cost), MIN and MAX time,
 // from column `first` on) to a session's usage.
@@ -797,14 +886,16 @@ std::vector<QuotaImportedMessage> readSessionMessages(sqlite::StatementCache& st
     return messages;
 }
 
-std::optional<std::string> readSessionProject(sqlite::StatementCache& statements,
-                                              const QuotaUsageEntryStore::SessionKey& session) {
+// A session's project and the title its tool keeps, into `content`.
+void readSessionProject(sqlite::StatementCache& statements, const QuotaUsageEntryStore::SessionKey& session,
+                        QuotaUsageEntryStore::SessionContent& content) {
     auto& select = statements.get(kSessionProject, "prepare session project", "execute session project");
     select.bind(1, session.providerID).bind(2, session.sessionID);
-    std::optional<std::string> path;
-    if (select.step()) path = sqlite::optionalText(select, 0);
+    if (select.step()) {
+        content.projectPath = sqlite::optionalText(select, 0);
+        content.title = sqlite::optionalText(select, 1);
+    }
     select.reset();
-    return path;
 }
 
 }  // namespace
@@ -831,7 +922,7 @@ std::vector<QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::sessionC
         for (const auto& session : sessions) {
             SessionContent& content = contents.emplace_back();
             content.usage = readSessionUsage(statements, session);
-            content.projectPath = readSessionProject(statements, session);
+            readSessionProject(statements, session, content);
             if (withMessages) {
                 content.messages = readSessionMessages(statements, session);
                 for (const auto& m : content.messages) {
@@ -905,7 +996,11 @@ std::map<QuotaUsageEntryStore::SessionKey, QuotaUsageEntryStore::SessionContent>
             content.lastMessage = sqlite::optionalDate(spans, 4);
         }
         sqlite::Statement projects{connection, kEverySessionProject, "prepare session project", "execute session project"};
-        while (projects.step()) contentOf(projects).projectPath = sqlite::optionalText(projects, 2);
+        while (projects.step()) {
+            SessionContent& content = contentOf(projects);
+            content.projectPath = sqlite::optionalText(projects, 2);
+            content.title = sqlite::optionalText(projects, 3);
+        }
     });
     for (auto& [key, content] : contents) {
         // As the per-session reading orders them: by name, then most tokens first.

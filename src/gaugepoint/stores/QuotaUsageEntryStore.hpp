@@ -6,7 +6,7 @@
 //                    (a dedup key) exactly one is counted, the one with the most output tokens;
 //   import_messages  one row per file and message, with text only as the capture mode allows
 //                    (the importer keeps only the prompts, without text, under metadataOnly);
-//   import_sessions  where each session ran; import_dirty_sessions, sessions whose catalogue
+//   import_sessions  where each session ran and the title its tool keeps; import_dirty_sessions, sessions whose catalogue
 //                    descriptor is behind; import_rate_limits, the newest limits per provider;
 //   import_files     an integer key, the parser's state (Codex running totals) and a digest of
 //                    the bytes read so far per file.
@@ -64,6 +64,10 @@ public:
     // Removes what the file contributed. A response it shared with other files is then counted
     // from the best of those. The sessions it touched are marked behind.
     static Tally forgetFile(sqlite::StatementCache& statements, std::int64_t fileKey);
+    // The same for the file's records of some rows only: of each group, the usage entries and
+    // messages keyed by the group or by the group, "/" and more.
+    static Tally forgetRows(sqlite::StatementCache& statements, std::int64_t fileKey, std::string_view providerID,
+                            const std::vector<std::string>& groups);
     // The dedup keys written since the usage entries were found empty: a key not among them
     // needs no lookup (the first import of a history writes most responses once). Kept as
     // hashes, so a collision costs a lookup and never a wrong count. Not for concurrent use.
@@ -98,6 +102,11 @@ public:
                         const std::vector<QuotaImportedMessage>& messages, std::string_view providerID,
                         const std::vector<std::pair<std::string, std::string>>& sessionProjects,
                         KeysSinceEmpty* sinceEmpty = nullptr);
+    // Keeps the titles the tool gave its sessions (session id, title), each made one line of at
+    // most 120 terminal columns; an empty one is ignored. A session whose title changed is marked
+    // behind.
+    static void noteSessionTitles(sqlite::StatementCache& statements, std::string_view providerID,
+                                  const std::vector<std::pair<std::string, std::string>>& titles);
     // Keeps `limits` when they are newer than those stored for the provider.
     static void noteRateLimits(sqlite::StatementCache& statements, const QuotaObservedRateLimits& limits);
 
@@ -140,6 +149,7 @@ public:
         std::int64_t prompts = 0;
         std::optional<Date> firstMessage, lastMessage;
         std::optional<std::string> projectPath;
+        std::optional<std::string> title;  // the one the tool keeps, if it keeps one
     };
     std::vector<SessionContent> sessionContents(const std::vector<SessionKey>& sessions, bool withMessages = true) const;
     // The content of every session the store knows, without messages (as sessionContents with
