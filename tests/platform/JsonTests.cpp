@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include "gaugepoint/platform/Json.hpp"
 
 namespace gaugepoint::jsontest {
@@ -81,6 +83,17 @@ TEST(JsonCodec, NumbersMustFitTheirType) {
     EXPECT_EQ(decodeError(R"({"count":1e300,"ratio":2,"tally":{},"leaves":[]})"), "count: integer out of range");
     EXPECT_EQ(decodeError(R"({"count":18446744073709551615,"ratio":2,"tally":{},"leaves":[]})"), "count: integer out of range");
     EXPECT_EQ(decodeError(R"({"count":1,"ratio":-1e999,"tally":{},"leaves":[]})"), "ratio: number out of range");
+}
+
+// Numbers are read correctly rounded (a fast reading can be a unit in the last place off), so a
+// document written back from what was read reads back the same.
+TEST(JsonCodec, NumbersAreReadToTheNearestDoubleAndWrittenBackTheSame) {
+    for (const std::string text : {"-2111111111111111111111111111111111111111111111111111111111111111111111111111111111111111111111111110",
+                                   "-2.111111111111111e+99", "0.1", "2.2250738585072011e-308", "9007199254740993.0"}) {
+        const auto read = json::decode<Document>(R"({"count":1,"ratio":)" + text + R"(,"tally":{},"leaves":[]})");
+        EXPECT_EQ(read.ratio, std::strtod(text.c_str(), nullptr)) << text;
+        EXPECT_EQ(json::decode<Document>(json::encode(read)).ratio, read.ratio) << text;
+    }
 }
 
 TEST(JsonCodec, SyntaxErrorsGiveLineAndColumn) {

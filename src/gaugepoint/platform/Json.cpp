@@ -1,7 +1,9 @@
 #include "gaugepoint/platform/Json.hpp"
 
-#include <boost/json/parser.hpp>
+#include <boost/json/basic_parser_impl.hpp>
+#include <boost/json/value_stack.hpp>
 
+#include <charconv>
 #include <cmath>
 #include <limits>
 
@@ -38,20 +40,62 @@ std::string positionText(std::string_view text, std::size_t offset) {
     return "line " + std::to_string(line) + ", column " + std::to_string(column);
 }
 
+// Builds the value as the library's own parser does, but for the reading of numbers with a
+// fraction or an exponent: its fast reading can be one unit in the last place off, so that a
+// document written back from what was read would not read back to the same numbers. Those are
+// read again from their text, rounded correctly.
+struct ValueBuilder {
+    static constexpr std::size_t max_object_size = boost::json::object::max_size();
+    static constexpr std::size_t max_array_size = boost::json::array::max_size();
+    static constexpr std::size_t max_key_size = boost::json::string::max_size();
+    static constexpr std::size_t max_string_size = boost::json::string::max_size();
+
+    boost::json::value_stack stack;
+    std::string number;  // the parts of a number split across inputs
+
+    using ec = boost::system::error_code;
+    using sv = boost::json::string_view;
+    bool on_document_begin(ec&) { return true; }
+    bool on_document_end(ec&) { return true; }
+    bool on_object_begin(ec&) { return true; }
+    bool on_object_end(std::size_t n, ec&) { return stack.push_object(n), true; }
+    bool on_array_begin(ec&) { return true; }
+    bool on_array_end(std::size_t n, ec&) { return stack.push_array(n), true; }
+    bool on_key_part(sv s, std::size_t, ec&) { return stack.push_chars(s), true; }
+    bool on_key(sv s, std::size_t, ec&) { return stack.push_key(s), true; }
+    bool on_string_part(sv s, std::size_t, ec&) { return stack.push_chars(s), true; }
+    bool on_string(sv s, std::size_t, ec&) { return stack.push_string(s), true; }
+    bool on_number_part(sv s, ec&) { return number.append(s.data(), s.size()), true; }
+    bool on_int64(std::int64_t i, sv, ec&) { return number.clear(), stack.push_int64(i), true; }
+    bool on_uint64(std::uint64_t u, sv, ec&) { return number.clear(), stack.push_uint64(u), true; }
+    bool on_double(double d, sv s, ec&) {
+        number.append(s.data(), s.size());
+        double exact = 0;
+        const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), exact);
+        if (error == std::errc() && end == number.data() + number.size()) d = exact;  // else (out of range) as read
+        number.clear();
+        return stack.push_double(d), true;
+    }
+    bool on_bool(bool b, ec&) { return stack.push_bool(b), true; }
+    bool on_null(ec&) { return stack.push_null(), true; }
+    bool on_comment_part(sv, ec&) { return true; }
+    bool on_comment(sv, ec&) { return true; }
+};
+
 }  // namespace
 
 boost::json::value parse(std::string_view text, boost::json::storage_ptr storage) {
     boost::json::parse_options options;
     options.max_depth = 64;  // documents here are shallow; deep nesting is hostile input
-    boost::json::parser parser{{}, options};
-    parser.reset(std::move(storage));
+    boost::json::basic_parser<ValueBuilder> parser{options};
+    parser.handler().stack.reset(std::move(storage));
     boost::system::error_code ec;
-    const std::size_t consumed = parser.write_some(text.data(), text.size(), ec);
+    const std::size_t consumed = parser.write_some(false, text.data(), text.size(), ec);
     if (!ec && consumed < text.size()) ec = boost::json::error::extra_data;
     if (ec) {
         throw DecodingError("invalid JSON at " + positionText(text, consumed), ec.message());
     }
-    return parser.release();
+    return parser.handler().stack.release();
 }
 
 std::string_view kindName(const boost::json::value& value) {
