@@ -10,6 +10,7 @@
 #include "gaugepoint/platform/Error.hpp"
 #include "gaugepoint/platform/Json.hpp"
 #include "gaugepoint/stores/SQLite.hpp"
+#include "gaugepoint/stores/SQLiteReadOnly.hpp"
 
 namespace gaugepoint {
 namespace {
@@ -18,26 +19,10 @@ namespace {
 // database is then read at the next scan).
 constexpr int kBusyMilliseconds = 2000;
 
-// A file path as a "file:" URI: the characters URIs give a meaning are escaped.
-std::string uriOf(const std::filesystem::path& path) {
-    static constexpr char hex[] = "0123456789ABCDEF";
-    std::string uri = "file:";
-    for (const unsigned char c : path.string()) {
-        if (c == '%' || c == '?' || c == '#' || c < 0x20 || c >= 0x7F) {
-            uri += '%';
-            uri += hex[c >> 4];
-            uri += hex[c & 15];
-        } else {
-            uri += char(c);
-        }
-    }
-    return uri + "?mode=ro";
-}
-
 class ReadOnlyDatabase {
 public:
     explicit ReadOnlyDatabase(const std::filesystem::path& path) : path_(path.string()) {
-        const int rc = sqlite3_open_v2(uriOf(path).c_str(), &db_, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
+        const int rc = sqlite3_open_v2(sqlite::readOnlyURI(path).c_str(), &db_, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
         if (rc != SQLITE_OK) fail("cannot be opened");
         sqlite3_busy_timeout(db_, kBusyMilliseconds);
     }
