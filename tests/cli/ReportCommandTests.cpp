@@ -168,11 +168,11 @@ TEST_F(ReportCommand, TheWidgetShowsThisMachinesSnapshotWhenThereIsNoSiblingFile
         << tooltip;
     EXPECT_EQ(gaugepoint(with({"sources", "list", "--json"}, false)).out.find("Codex"), std::string::npos);
     EXPECT_EQ(gaugepoint(with({"widget", "--format", "line", "--now", now}, false)).out, "Codex 5h 99.2% left · in 5h\n");
-    // Providers without a window show their day: none yet on the 6th; on the 5th, a cost that
-    // leaves out a model without a price, saying how many tokens that is (claude-opus-4-1 $0.75 +
-    // claude-sonnet-4-5 $0.05; gemini-2.5-pro $0.27 + gemini-2.5-flash $0.02).
+    // Providers without a window show their day: nothing used yet on the 6th keeps the 30 days;
+    // on the 5th, a cost that leaves out a model without a price, saying how many tokens that is
+    // (claude-opus-4-1 $0.75 + claude-sonnet-4-5 $0.05; gemini-2.5-pro $0.27 + gemini-2.5-flash $0.02).
     const auto text = gaugepoint(with({"widget", "--now", now}, false)).out;
-    EXPECT_NE(text.find("Claude  0 tokens · $0.00 today\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("Claude  2.7M tokens · $5.04 in 30 days (220.2K unpriced)\n"), std::string::npos) << text;
     const auto dayBefore = gaugepoint(with({"widget", "--now", "2026-11-05T23:59:00Z"}, false)).out;
     EXPECT_NE(dayBefore.find("Claude  419.2K tokens · $0.80 today (220.2K unpriced)\n"), std::string::npos) << dayBefore;
     EXPECT_NE(dayBefore.find("Gemini  268.2K tokens · $0.29 today\n"), std::string::npos) << dayBefore;

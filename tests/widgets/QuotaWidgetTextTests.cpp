@@ -113,7 +113,8 @@ TEST(WidgetText, AlignsOneLinePerProvider) {
               "OpenRouter  余额 $18.42\n");
 }
 
-// A provider without windows shows its local day; one with windows keeps its 30-day usage.
+// A provider without windows shows its local day; one with windows, or with nothing used today,
+// keeps its 30-day usage.
 TEST(WidgetText, ProvidersWithoutWindowsShowTheirDay) {
     const auto withUsage = [](ProviderQuota p, std::vector<QuotaDailyTokenEntry> days) {
         p.tokenUsage = QuotaTokenUsageSummary{std::nullopt, std::nullopt, 7.5, 3'100'000};
@@ -137,7 +138,7 @@ TEST(WidgetText, ProvidersWithoutWindowsShowTheirDay) {
     EXPECT_EQ(english.providers[0].usageText, "3.1M tokens · $7.50 in 30 days");
     EXPECT_EQ(english.providers[1].usageText, "1.2M tokens · $0.84 today");
     EXPECT_EQ(english.providers[2].usageText, "33.0K tokens today (33.0K unpriced)");
-    EXPECT_EQ(english.providers[3].usageText, "0 tokens · $0.00 today");
+    EXPECT_EQ(english.providers[3].usageText, "3.1M tokens · $7.50 in 30 days");
     const auto chinese = QuotaWidgetView::make(s, kNow, "zh-Hans", {}, notes);
     EXPECT_EQ(chinese.providers[1].usageText, "今天 1.2M 令牌 · $0.84");
     EXPECT_EQ(chinese.providers[2].usageText, "今天 33.0K 令牌（33.0K 未计价）");

@@ -75,23 +75,29 @@ std::string usagePhrase(std::int64_t tokens, std::optional<double> costUSD, std:
            (unpriced.empty() ? "" : " (" + unpriced + " unpriced)");
 }
 
-// The provider's day `today` from its daily usage: nothing used yet is a day of 0 tokens and $0.
-std::string dayUsageText(const std::vector<QuotaDailyTokenEntry>& days, const std::string& today,
-                         std::int64_t unpricedTokens, std::string_view language) {
-    const auto day = std::find_if(days.begin(), days.end(), [&](const auto& d) { return d.dayKey == today; });
-    const std::int64_t tokens = day == days.end() ? 0 : day->totalTokens;
-    // A cost made only of tokens without a price is unknown, not $0.
-    const bool nonePriced = unpricedTokens > 0 && unpricedTokens >= tokens;
-    const std::optional<double> cost = nonePriced ? std::nullopt : std::optional(day == days.end() ? 0 : day->costUSD);
-    return usagePhrase(tokens, cost, unpricedTokens, true, language);
+// The provider's usage of the day `today`, when it used anything that day.
+const QuotaDailyTokenEntry* usedToday(const ProviderQuota& provider, const std::optional<std::string>& today) {
+    if (!today || !provider.dailyTokenUsage) return nullptr;
+    const auto& days = *provider.dailyTokenUsage;
+    const auto day = std::find_if(days.begin(), days.end(), [&](const auto& d) { return d.dayKey == *today; });
+    return day != days.end() && day->totalTokens > 0 ? &*day : nullptr;
 }
 
+std::string dayUsageText(const QuotaDailyTokenEntry& day, std::int64_t unpricedTokens, std::string_view language) {
+    // A cost made only of tokens without a price is unknown, not $0.
+    const bool nonePriced = unpricedTokens > 0 && unpricedTokens >= day.totalTokens;
+    return usagePhrase(day.totalTokens, nonePriced ? std::nullopt : std::optional(day.costUSD), unpricedTokens, true,
+                       language);
+}
+
+// A provider without windows shows its day; one with windows, or without use today (a line of
+// zeros says nothing), its 30 days.
 std::optional<std::string> usageText(const ProviderQuota& provider, const QuotaWidgetUsageNotes& notes,
                                      std::string_view language) {
     const auto& usage = provider.tokenUsage;
     if (!usage || !usage->last30DaysTokens) return std::nullopt;
-    if (!provider.hasQuotaWindows() && notes.today && provider.dailyTokenUsage) {
-        return dayUsageText(*provider.dailyTokenUsage, *notes.today, noted(notes.unpricedToday, provider.id), language);
+    if (const auto* day = provider.hasQuotaWindows() ? nullptr : usedToday(provider, notes.today)) {
+        return dayUsageText(*day, noted(notes.unpricedToday, provider.id), language);
     }
     return usagePhrase(*usage->last30DaysTokens, usage->last30DaysCostUSD, noted(notes.unpricedLast30Days, provider.id),
                        false, language);

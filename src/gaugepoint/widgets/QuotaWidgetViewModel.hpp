@@ -48,8 +48,8 @@ struct QuotaWidgetProviderView {
     std::optional<std::string> balanceText;  // for providers whose credits are US dollars
     // Tokens and cost of the last 30 days when known: "3.1M tokens · $5.49 in 30 days", with
     // the tokens no price covers named: "… in 30 days (220.2K unpriced)". A provider without
-    // windows shows its local day instead, when the snapshot has its days: "1.2M tokens · $0.84
-    // today" ("0 tokens · $0.00 today" before its first use of the day).
+    // windows shows its local day instead, when the snapshot has its days and it used anything
+    // that day: "1.2M tokens · $0.84 today".
     std::optional<std::string> usageText;
     std::optional<std::string> topWindowID;
     // The window with the least left: it decides the provider's headline.
