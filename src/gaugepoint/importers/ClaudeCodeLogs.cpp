@@ -149,15 +149,7 @@ public:
 
     std::vector<fs::path> defaultHomes() const override {
         if (const char* dirs = std::getenv("CLAUDE_CONFIG_DIR"); dirs && *dirs) {
-            std::vector<fs::path> homes;
-            std::string_view rest = dirs;
-            while (!rest.empty()) {
-                const auto comma = rest.find(',');
-                const auto part = trimmed(rest.substr(0, comma));
-                if (!part.empty()) homes.emplace_back(part);
-                rest = comma == std::string_view::npos ? std::string_view{} : rest.substr(comma + 1);
-            }
-            return homes;
+            return homesFromEnvironment("CLAUDE_CONFIG_DIR");  // set, even to only commas: no other home
         }
         const char* home = std::getenv("HOME");
         if (!home || !*home) return {};

@@ -60,9 +60,9 @@ public:
     virtual void badLine(std::int64_t offset, std::string reason) = 0;
 };
 
-// Holds what one line gave until the whole line has been read, so that a line found bad half
-// way contributes nothing.
-class PendingRecords final : public LogRecordSink {
+// What a sink was given, held to be passed on later (or dropped); bad-line reports are the
+// holder's own business.
+class HeldRecords : public LogRecordSink {
 public:
     void usage(QuotaUsageEntry entry) override { usage_.push_back(std::move(entry)); }
     void message(QuotaImportedMessage message) override { messages_.push_back(std::move(message)); }
@@ -73,6 +73,24 @@ public:
         titles_.emplace_back(sessionID, title);
     }
     void rateLimits(QuotaObservedRateLimits limits) override { limits_.push_back(std::move(limits)); }
+
+protected:
+    // Passes on everything held, in the order of its kinds, and holds nothing after.
+    void passOn(LogRecordSink& sink);
+    void drop();
+
+private:
+    std::vector<QuotaUsageEntry> usage_;
+    std::vector<QuotaImportedMessage> messages_;
+    std::vector<std::pair<std::string, std::string>> sessions_;
+    std::vector<std::pair<std::string, std::string>> titles_;
+    std::vector<QuotaObservedRateLimits> limits_;
+};
+
+// Holds what one line gave until the whole line has been read, so that a line found bad half
+// way contributes nothing.
+class PendingRecords final : public HeldRecords {
+public:
     void badLine(std::int64_t offset, std::string reason) override {
         if (!bad_) bad_ = std::pair{offset, std::move(reason)};
     }
@@ -81,37 +99,18 @@ public:
     void flushTo(LogRecordSink& sink);
 
 private:
-    std::vector<QuotaUsageEntry> usage_;
-    std::vector<QuotaImportedMessage> messages_;
-    std::vector<std::pair<std::string, std::string>> sessions_;
-    std::vector<std::pair<std::string, std::string>> titles_;
-    std::vector<QuotaObservedRateLimits> limits_;
     std::optional<std::pair<std::int64_t, std::string>> bad_;
 };
 
 // Holds what a whole document gives until its end has been read, so that a document cut short
 // gives nothing; a bad part of a complete document is reported and skipped, the rest counts.
-class DocumentRecords final : public LogRecordSink {
+class DocumentRecords final : public HeldRecords {
 public:
-    void usage(QuotaUsageEntry entry) override { usage_.push_back(std::move(entry)); }
-    void message(QuotaImportedMessage message) override { messages_.push_back(std::move(message)); }
-    void session(const std::string& sessionID, const std::string& projectPath) override {
-        sessions_.emplace_back(sessionID, projectPath);
-    }
-    void sessionTitle(const std::string& sessionID, const std::string& title) override {
-        titles_.emplace_back(sessionID, title);
-    }
-    void rateLimits(QuotaObservedRateLimits limits) override { limits_.push_back(std::move(limits)); }
     void badLine(std::int64_t offset, std::string reason) override { bad_.emplace_back(offset, std::move(reason)); }
     // Passes everything on, bad parts included.
     void flushTo(LogRecordSink& sink);
 
 private:
-    std::vector<QuotaUsageEntry> usage_;
-    std::vector<QuotaImportedMessage> messages_;
-    std::vector<std::pair<std::string, std::string>> sessions_;
-    std::vector<std::pair<std::string, std::string>> titles_;
-    std::vector<QuotaObservedRateLimits> limits_;
     std::vector<std::pair<std::int64_t, std::string>> bad_;
 };
 

@@ -24,36 +24,36 @@ const std::vector<std::unique_ptr<CodingToolLogs>>& codingTools() {
     return tools;
 }
 
-void PendingRecords::flushTo(LogRecordSink& sink) {
-    if (bad_) {
-        sink.badLine(bad_->first, std::move(bad_->second));
-    } else {
-        for (auto& e : usage_) sink.usage(std::move(e));
-        for (auto& m : messages_) sink.message(std::move(m));
-        for (const auto& [session, project] : sessions_) sink.session(session, project);
-        for (const auto& [session, title] : titles_) sink.sessionTitle(session, title);
-        for (auto& l : limits_) sink.rateLimits(std::move(l));
-    }
-    usage_.clear();
-    messages_.clear();
-    sessions_.clear();
-    titles_.clear();
-    limits_.clear();
-    bad_.reset();
-}
-
-void DocumentRecords::flushTo(LogRecordSink& sink) {
+void HeldRecords::passOn(LogRecordSink& sink) {
     for (auto& e : usage_) sink.usage(std::move(e));
     for (auto& m : messages_) sink.message(std::move(m));
     for (const auto& [session, project] : sessions_) sink.session(session, project);
     for (const auto& [session, title] : titles_) sink.sessionTitle(session, title);
     for (auto& l : limits_) sink.rateLimits(std::move(l));
-    for (auto& [offset, reason] : bad_) sink.badLine(offset, std::move(reason));
+    drop();
+}
+
+void HeldRecords::drop() {
     usage_.clear();
     messages_.clear();
     sessions_.clear();
     titles_.clear();
     limits_.clear();
+}
+
+void PendingRecords::flushTo(LogRecordSink& sink) {
+    if (bad_) {
+        sink.badLine(bad_->first, std::move(bad_->second));
+        drop();
+    } else {
+        passOn(sink);
+    }
+    bad_.reset();
+}
+
+void DocumentRecords::flushTo(LogRecordSink& sink) {
+    passOn(sink);
+    for (auto& [offset, reason] : bad_) sink.badLine(offset, std::move(reason));
     bad_.clear();
 }
 

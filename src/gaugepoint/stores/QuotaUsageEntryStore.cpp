@@ -828,19 +828,18 @@ constexpr const char* kEverySessionMessageSpan =
     "       MIN(timestamp), MAX(timestamp)\nFROM import_messages GROUP BY provider_id, session_id";
 constexpr const char* kEverySessionProject = "SELECT provider_id, session_id, project_path, title FROM import_sessions";
 
-// Adds one row of per-model sums (model, COUNT, the four SUMs, SUM(cost), MIN and MAX time,
-// from column `first` on) to a session's usage.
-void addModelRow(sqlite::Statement& select, int first, QuotaUsageEntryStore::SessionUsage& usage) {
+// Adds one row of kSessionUsage (model, COUNT, the four SUMs, SUM(cost), MIN and MAX time) to a
+// session's usage.
+void addModelRow(sqlite::Statement& select, QuotaUsageEntryStore::SessionUsage& usage) {
     QuotaSessionModelUsageSummary model;
-    model.id = std::string(select.text(first).value_or(""));
+    model.id = std::string(select.text(0).value_or(""));
     model.displayName = model.id;
     model.sessionCount = 1;
-    model.messageCount = select.integer(first + 1);
-    model.tokenUsage = {select.integer(first + 2), select.integer(first + 3), select.integer(first + 4),
-                        select.integer(first + 5), std::nullopt};
-    if (!select.isNull(first + 6)) model.tokenUsage.exactCostUSD = select.real(first + 6);
+    model.messageCount = select.integer(1);
+    model.tokenUsage = {select.integer(2), select.integer(3), select.integer(4), select.integer(5), std::nullopt};
+    if (!select.isNull(6)) model.tokenUsage.exactCostUSD = select.real(6);
     usage.models.push_back(std::move(model));
-    const Date earliest = dateFromSeconds(select.real(first + 7)), latest = dateFromSeconds(select.real(first + 8));
+    const Date earliest = dateFromSeconds(select.real(7)), latest = dateFromSeconds(select.real(8));
     if (!usage.first || earliest < *usage.first) usage.first = earliest;
     if (!usage.last || latest > *usage.last) usage.last = latest;
 }
@@ -857,7 +856,7 @@ QuotaUsageEntryStore::SessionUsage readSessionUsage(sqlite::StatementCache& stat
     QuotaUsageEntryStore::SessionUsage result;
     auto& select = statements.get(kSessionUsage, "prepare session usage", "execute session usage");
     select.bind(1, session.providerID).bind(2, session.sessionID);
-    while (select.step()) addModelRow(select, 0, result);
+    while (select.step()) addModelRow(select, result);
     sortModels(result);
     return result;
 }
