@@ -149,9 +149,10 @@ TEST(LogScanFaults, AScanKilledAtAnyMomentLosesAndDoublesNothing) {
     }
 }
 
-// While a first import runs, its indexes by file and session are missing and it holds the write
-// lock for whole batches: a store opened meanwhile must neither wait for it nor fail, and the
-// next opening with nobody writing makes what an import stopped before its end left out.
+// While a first import runs, the registry's secondary indexes and the usage indexes by time, file
+// and session are missing and it holds the write lock for whole batches: a store opened meanwhile
+// must neither wait for it nor fail (reads by time go without their index), and the next opening
+// with nobody writing makes what an import stopped before its end left out.
 TEST(LogScanFaults, OpeningDuringAFirstImportNeitherWaitsNorLeavesIndexesOut) {
     std::vector<std::string> indexes;  // as a registry that no scan wrote has them
     {
@@ -162,12 +163,23 @@ TEST(LogScanFaults, OpeningDuringAFirstImportNeitherWaitsNorLeavesIndexesOut) {
     // Every opening of the tree's store happens in a process of its own: a process keeps its
     // connection, and the set-up runs on opening.
     const LogTree tree;
-    const auto open = [&] { return testing::exitStatus(testing::inChildProcess([&] { return (tree.usage().countedEntries(), 0); })); };
+    const auto open = [&] {
+        return testing::exitStatus(testing::inChildProcess([&] {
+            const auto since = dateFromSeconds(0);
+            const auto usage = tree.usage();
+            return (usage.countedEntries(), usage.countedEntries(std::nullopt, since), usage.usageBuckets(std::nullopt, since), 0);
+        }));
+    };
     ASSERT_EQ(open(), 0);
     {
         testing::RawDatabase writer{tree.configuration.appGroupDirectory.value() /
                                     std::string(QuotaSessionFileRegistry::defaultFilename)};
-        ASSERT_EQ(writer.exec("DROP INDEX idx_ue_file; DROP INDEX idx_ue_session; DROP INDEX idx_im_session; BEGIN IMMEDIATE"), "");
+        ASSERT_EQ(writer.exec("DROP INDEX idx_ue_time; DROP INDEX idx_ue_file; DROP INDEX idx_ue_session; "
+                              "DROP INDEX idx_im_session; DROP INDEX idx_session_file_registry_provider_updated_at; "
+                              "DROP INDEX idx_session_file_registry_source_provider_updated_at; "
+                              "DROP INDEX idx_session_file_registry_file_identifier; "
+                              "DROP INDEX idx_session_file_registry_session_id; BEGIN IMMEDIATE"),
+                  "");
         const auto started = std::chrono::steady_clock::now();
         EXPECT_EQ(open(), 0);
         EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(1500));

@@ -148,6 +148,23 @@ TEST(UsagePeriods, StoredQuarterSumsAgreeWithTheEntriesBeforeAndAfterTheyAreRefr
     store.refreshUsageQuarters();
     EXPECT_EQ(sums(), fromEntries());
     EXPECT_EQ(sums().size(), 2u);
+
+    // After a first import every quarter is summed in one pass: the same groups and sums.
+    fixture.add({usageEntry("codex", "2026-11-10T10:21:00Z", 7, "gpt-5-codex")}, "b");
+    store.refreshUsageQuarters();
+    const auto flat = [&] {
+        std::vector<std::string> rows;
+        for (const auto& b : store.usageBuckets()) {
+            rows.push_back(std::to_string(b.quarterHour) + " " + b.providerID + " " + b.model + " " +
+                           std::to_string(b.entries) + " " + std::to_string(b.tokens.totalTokens()) + " " +
+                           std::to_string(b.tokens.exactCostUSD.value_or(-1)));
+        }
+        return rows;
+    };
+    const auto changedWay = flat();
+    store.refreshUsageQuarters(QuotaUsageEntryStore::Quarters::every);
+    EXPECT_EQ(flat(), changedWay);
+    EXPECT_EQ(changedWay.size(), 3u);
 }
 
 }  // namespace

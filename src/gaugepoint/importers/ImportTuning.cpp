@@ -9,9 +9,19 @@ ImportTuning::ImportTuning(const QuotaSessionFileRegistry& registry, const Quota
     registry_.setMemoryMapLimit(0);
     catalog_.setMemoryMapLimit(0);
     registry_.withConnection([](sqlite::Connection& connection) {
-        connection.exec("PRAGMA cache_size=-65536; PRAGMA temp_store=MEMORY; PRAGMA wal_autocheckpoint=0",
+        connection.exec("PRAGMA cache_size=-131072; PRAGMA temp_store=MEMORY; PRAGMA wal_autocheckpoint=0",
                         "set import cache");
     });
+}
+
+void ImportTuning::afterWriting() const {
+    try {
+        registry_.withConnection([](sqlite::Connection& connection) {
+            connection.exec("PRAGMA cache_size=-2000", "reset import cache");
+        });
+    } catch (const Error&) {
+        // A larger cache only costs memory.
+    }
 }
 
 ImportTuning::~ImportTuning() {

@@ -27,6 +27,7 @@ public:
                     if (QuotaUsageEntryStore::hasNoEntries(statements)) {
                         sinceEmpty_.emplace();
                         QuotaUsageEntryStore::deferIndexes(connection);
+                        QuotaSessionFileRegistry::deferIndexes(connection);
                         QuotaUsageEntryStore::markEverySessionBehind(statements);
                     }
                     checkedEmpty_ = true;
@@ -49,9 +50,10 @@ public:
     bool deferredIndexes() const { return sinceEmpty_.has_value(); }
 
 private:
-    // A batch ends after this many pieces or this long, whichever comes first: few commits, and
+    // A batch ends after this many pieces or this long, whichever comes first: few commits (a
+    // page of a usage index is written to the log again by every batch that changes it), and
     // little work lost when a scan is stopped.
-    static constexpr std::size_t kBatchPieces = 10000;
+    static constexpr std::size_t kBatchPieces = 100000;
     static constexpr std::chrono::milliseconds kBatchTime{2000};
 
     void write(sqlite::StatementCache& statements, Piece& piece) {

@@ -171,6 +171,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
         joinReaders();
         throw;
     }
+    tuning.afterWriting();
     joinWalkers();
     joinReaders();
     for (const auto& failure : walkFailures) {
@@ -214,8 +215,12 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     }
     const QuotaUsageEntryStore usage{registry};
     const auto registryWork = [&] {  // the registry's file only: beside the catalogue's work
-        if (deferredIndexes) usage.buildDeferredIndexes();
-        usage.refreshUsageQuarters();
+        if (deferredIndexes) {
+            usage.buildDeferredIndexes();
+            registry.buildIndexes();
+        }
+        usage.refreshUsageQuarters(deferredIndexes ? QuotaUsageEntryStore::Quarters::every
+                                                   : QuotaUsageEntryStore::Quarters::changed);
         // A first import leaves the whole store in the write-ahead log: copied into the file
         // here, beside the catalogue's writing, rather than when the process closes it.
         if (deferredIndexes) registry.walCheckpoint();

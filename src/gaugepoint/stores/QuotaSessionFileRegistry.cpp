@@ -87,6 +87,39 @@ bool sourceInPrimaryKey(sqlite::Connection& connection) {
     return false;
 }
 
+// The secondary indexes, each made in its own step with its own label.
+struct Index {
+    const char* name;
+    const char* sql;
+    const char* label;
+};
+constexpr Index kIndexes[] = {
+    {"idx_session_file_registry_provider_updated_at",
+     "CREATE INDEX IF NOT EXISTS idx_session_file_registry_provider_updated_at\n"
+     "ON session_file_registry(provider_id, updated_at DESC)",
+     "ensure provider_updated_at index"},
+    {"idx_session_file_registry_source_provider_updated_at",
+     "CREATE INDEX IF NOT EXISTS idx_session_file_registry_source_provider_updated_at\n"
+     "ON session_file_registry(source_id, provider_id, updated_at DESC)",
+     "ensure source_provider_updated_at index"},
+    {"idx_session_file_registry_file_identifier",
+     "CREATE INDEX IF NOT EXISTS idx_session_file_registry_file_identifier\n"
+     "ON session_file_registry(file_identifier)",
+     "ensure file_identifier index"},
+    {"idx_session_file_registry_session_id",
+     "CREATE INDEX IF NOT EXISTS idx_session_file_registry_session_id\n"
+     "ON session_file_registry(session_id)",
+     "ensure session_id index"},
+};
+
+std::size_t presentIndexes(sqlite::Connection& connection) {
+    sqlite::Statement count{connection,
+                            "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name LIKE "
+                            "'idx_session_file_registry_%'",
+                            "inspect registry indexes", "inspect registry indexes"};
+    return count.step() ? std::size_t(count.integer(0)) : 0;
+}
+
 void migrate(sqlite::Connection& connection) {
     const auto columns =
         sqlite::tableColumns(connection, "session_file_registry", "inspect table info for session_file_registry");
@@ -105,18 +138,16 @@ void migrate(sqlite::Connection& connection) {
             throw;
         }
     }
-    connection.exec("CREATE INDEX IF NOT EXISTS idx_session_file_registry_provider_updated_at\n"
-                    "ON session_file_registry(provider_id, updated_at DESC)",
-                    "ensure provider_updated_at index");
-    connection.exec("CREATE INDEX IF NOT EXISTS idx_session_file_registry_source_provider_updated_at\n"
-                    "ON session_file_registry(source_id, provider_id, updated_at DESC)",
-                    "ensure source_provider_updated_at index");
-    connection.exec("CREATE INDEX IF NOT EXISTS idx_session_file_registry_file_identifier\n"
-                    "ON session_file_registry(file_identifier)",
-                    "ensure file_identifier index");
-    connection.exec("CREATE INDEX IF NOT EXISTS idx_session_file_registry_session_id\n"
-                    "ON session_file_registry(session_id)",
-                    "ensure session_id index");
+    // A first import builds the indexes at its end (QuotaSessionFileRegistry::deferIndexes): one
+    // missing while a writer holds the file is left to it, not waited for.
+    const bool allThere = presentIndexes(connection) == std::size(kIndexes);
+    for (const auto& index : kIndexes) {
+        if (allThere) {
+            connection.exec(index.sql, index.label);
+        } else {
+            connection.execUnlessLocked(index.sql, index.label, SQLiteConnectionHolder::busyTimeout());
+        }
+    }
     // The log import's rows live in this file so that they commit with the entries that say
     // how far each file was read.
     QuotaUsageEntryStore::ensureSchema(connection);
@@ -316,6 +347,18 @@ void QuotaSessionFileRegistry::walCheckpoint() const noexcept {
         runRegistry([](sqlite::Connection& connection) { connection.checkpointQuietly(); });
     } catch (...) {
     }
+}
+
+void QuotaSessionFileRegistry::deferIndexes(sqlite::Connection& connection) {
+    for (const auto& index : kIndexes) {
+        connection.exec(("DROP INDEX IF EXISTS " + std::string(index.name)).c_str(), "defer registry indexes");
+    }
+}
+
+void QuotaSessionFileRegistry::buildIndexes() const {
+    runInTransaction("build registry indexes", [](sqlite::Connection& connection) {
+        for (const auto& index : kIndexes) connection.exec(index.sql, index.label);
+    });
 }
 
 std::optional<std::string> QuotaSessionFileRegistry::fileIdentifier(const std::filesystem::path& path) {

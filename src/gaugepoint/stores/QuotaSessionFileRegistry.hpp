@@ -110,6 +110,12 @@ public:
     static void upsert(sqlite::StatementCache& statements, const QuotaSessionFileRegistryEntry& entry);
     static std::optional<std::int64_t> lastOffset(sqlite::StatementCache& statements,
                                                   const QuotaSessionFileRegistryEntry& entry);
+    // For a first import, inside its first transaction: drops the four secondary indexes, which
+    // buildIndexes() makes again in one pass (sorting the entries) once the import is written.
+    // Should the import stop before, the next open makes them; an open while a writer holds
+    // the file leaves them to it.
+    static void deferIndexes(sqlite::Connection& connection);
+    void buildIndexes() const;
 
 private:
     template <class Operation>

@@ -18,13 +18,35 @@ namespace {
 // rows) instead of keeping them up to date row by row. Opening the file makes any that is
 // missing (an import stopped before its end), unless a writer holds the file: an import still
 // running makes them itself, and a reader opening meanwhile must not wait for it.
+// Reports group counted entries by time (in any zone), by model and by session.
+#define GP_INDEX_UE_TIME "CREATE INDEX IF NOT EXISTS idx_ue_time ON usage_entries(timestamp) WHERE counted = 1;\n"
 #define GP_INDEX_UE_FILE "CREATE INDEX IF NOT EXISTS idx_ue_file ON usage_entries(file_key);\n"
 #define GP_INDEX_UE_SESSION \
     "CREATE INDEX IF NOT EXISTS idx_ue_session ON usage_entries(provider_id, session_id) WHERE counted = 1;\n"
 #define GP_INDEX_IM_SESSION "CREATE INDEX IF NOT EXISTS idx_im_session ON import_messages(provider_id, session_id);\n"
-constexpr const char* kDeferredIndexes = GP_INDEX_UE_FILE GP_INDEX_UE_SESSION GP_INDEX_IM_SESSION;
+constexpr const char* kDeferredIndexes = GP_INDEX_UE_TIME GP_INDEX_UE_FILE GP_INDEX_UE_SESSION GP_INDEX_IM_SESSION;
 constexpr const char* kDropDeferredIndexes =
-    "DROP INDEX IF EXISTS idx_ue_file;\nDROP INDEX IF EXISTS idx_ue_session;\nDROP INDEX IF EXISTS idx_im_session;";
+    "DROP INDEX IF EXISTS idx_ue_time;\nDROP INDEX IF EXISTS idx_ue_file;\nDROP INDEX IF EXISTS idx_ue_session;\n"
+    "DROP INDEX IF EXISTS idx_im_session;";
+constexpr const char* kCountDeferredIndexes =
+    "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name IN "
+    "('idx_ue_time', 'idx_ue_file', 'idx_ue_session', 'idx_im_session')";
+constexpr std::int64_t kDeferredIndexCount = 4;
+// Statements that name the time index for the planner: while a first import runs it is not
+// there yet (it is built at the end), and a reader meanwhile goes without the hint rather than
+// fail.
+constexpr std::string_view kTimeIndexHint = " INDEXED BY idx_ue_time";
+constexpr const char* kTimeIndexPresent = "SELECT 1 FROM sqlite_master WHERE type = 'index' AND name = 'idx_ue_time'";
+
+// `sql` as it may run on `connection`: without kTimeIndexHint when the index is missing.
+std::string timeIndexed(sqlite::Connection& connection, std::string sql) {
+    sqlite::CachedStatement present{connection, kTimeIndexPresent, "prepare usage indexes", "execute usage indexes"};
+    if (present.step()) return sql;
+    for (auto at = sql.find(kTimeIndexHint); at != std::string::npos; at = sql.find(kTimeIndexHint, at)) {
+        sql.erase(at, kTimeIndexHint.size());
+    }
+    return sql;
+}
 
 // Columns that came after the first stores, in the entries and in their quarter sums alike: the
 // one-hour part of the cache writes, and what the tool charged in its own units. Older stores
@@ -72,9 +94,6 @@ constexpr const char* kSchema =
     GP_EXTRA_COLUMNS
     "    UNIQUE (provider_id, dedup_key, file_key)\n"
     ");\n"
-    // Reports group counted entries by time (in any zone), by model and by session.
-    "CREATE INDEX IF NOT EXISTS idx_ue_time ON usage_entries(timestamp) WHERE counted = 1;\n"
-    
     "CREATE TABLE IF NOT EXISTS import_messages (\n"
     "    id INTEGER PRIMARY KEY,\n"
     "    file_key INTEGER NOT NULL,\n"
@@ -153,7 +172,6 @@ constexpr const char* kDropQuarterTriggers =
 constexpr const char* kNoteAllQuarters =
     "INSERT OR IGNORE INTO usage_dirty_quarters (quarter)\n"
     "SELECT DISTINCT " GP_QUARTER("") " FROM usage_entries WHERE counted = 1";
-#undef GP_QUARTER
 #undef GP_EXTRA_COLUMNS
 
 // The sums of the noted quarters, from the rows: through the time index, one quarter at a time
@@ -163,8 +181,16 @@ constexpr const char* kDirtyQuarterSums =
     "       SUM(u.input_tokens), SUM(u.output_tokens), SUM(u.cache_read_tokens), SUM(u.cache_write_tokens),\n"
     "       SUM(u.cost_usd), " GP_EXTRA_SUMS("u.") "\n"
     "FROM usage_dirty_quarters d\n"
-    "JOIN usage_entries u INDEXED BY idx_ue_time\n"
+    "JOIN usage_entries u INDEXED BY idx_ue_time\n"  // see kTimeIndexHint
     "    ON u.counted = 1 AND u.timestamp >= d.quarter * 900 AND u.timestamp < d.quarter * 900 + 900\n";
+// The sums of every quarter, in one pass over the table (the same groups and sums).
+constexpr const char* kEveryQuarterSums =
+    "SELECT " GP_QUARTER("") " AS quarter, provider_id, model, IFNULL(cost_usd, 0) > 0 AS reported, COUNT(*),\n"
+    "       SUM(input_tokens), SUM(output_tokens), SUM(cache_read_tokens), SUM(cache_write_tokens),\n"
+    "       SUM(cost_usd), " GP_EXTRA_SUMS("") "\n"
+    "FROM usage_entries NOT INDEXED WHERE counted = 1\n"
+    "GROUP BY quarter, provider_id, model, reported";
+#undef GP_QUARTER
 // Columns by name: an older store has its later columns in the order they were added.
 constexpr const char* kInsertQuarterSums =
     "INSERT INTO usage_quarters (quarter, provider_id, model, reported, entries, input_tokens, output_tokens,\n"
@@ -445,11 +471,8 @@ void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
     // parsers' versions changed), which fills them in.
     for (const auto& [column, declaration] : kExtraColumns) addMissingColumn(connection, "usage_entries", column, declaration);
     {
-        sqlite::Statement count{connection,
-                                "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name IN "
-                                "('idx_ue_file', 'idx_ue_session', 'idx_im_session')",
-                                "prepare usage indexes", "execute usage indexes"};
-        if (count.step() && count.integer(0) < 3) {
+        sqlite::Statement count{connection, kCountDeferredIndexes, "prepare usage indexes", "execute usage indexes"};
+        if (count.step() && count.integer(0) < kDeferredIndexCount) {
             connection.execUnlessLocked(kDeferredIndexes, "ensure usage indexes", SQLiteConnectionHolder::busyTimeout());
         }
     }
@@ -489,7 +512,7 @@ void QuotaUsageEntryStore::buildDeferredIndexes() const {
     });
 }
 
-void QuotaUsageEntryStore::refreshUsageQuarters() const {
+void QuotaUsageEntryStore::refreshUsageQuarters(Quarters which) const {
     bool dirty = false;  // a scan that changed nothing writes nothing
     registry_.withConnection([&](sqlite::Connection& connection) {
         sqlite::CachedStatement any{connection, "SELECT 1 FROM usage_dirty_quarters LIMIT 1", "prepare usage quarters",
@@ -497,11 +520,16 @@ void QuotaUsageEntryStore::refreshUsageQuarters() const {
         dirty = any.step();
     });
     if (!dirty) return;
-    registry_.inTransaction("refresh usage quarters", [](sqlite::Connection& connection) {
-        connection.exec(kRefreshQuarters, "refresh usage quarters");
-        const std::string insert = std::string(kInsertQuarterSums) + kDirtyQuarterSums +
-                                   "GROUP BY d.quarter, u.provider_id, u.model, reported";
-        connection.exec(insert.c_str(), "refresh usage quarters");
+    registry_.inTransaction("refresh usage quarters", [which](sqlite::Connection& connection) {
+        if (which == Quarters::every) {
+            connection.exec("DELETE FROM usage_quarters", "refresh usage quarters");
+            connection.exec((std::string(kInsertQuarterSums) + kEveryQuarterSums).c_str(), "refresh usage quarters");
+        } else {
+            connection.exec(kRefreshQuarters, "refresh usage quarters");
+            const std::string insert = timeIndexed(connection, std::string(kInsertQuarterSums) + kDirtyQuarterSums +
+                                                                   "GROUP BY d.quarter, u.provider_id, u.model, reported");
+            connection.exec(insert.c_str(), "refresh usage quarters");
+        }
         connection.exec("DELETE FROM usage_dirty_quarters", "refresh usage quarters");
         return true;
     });
@@ -820,9 +848,11 @@ constexpr const char* kSessionProject =
 // The same three readings for every session at once, each in one pass over its table (no
 // index by session is needed, so they can run before a first import has built one). The usage
 // is summed here rather than by a GROUP BY, which would sort every row first.
+// In the table's order: through the time index (which the planner takes for the flag) every row
+// would be a lookup of its own, most of them pages already read and let go.
 constexpr const char* kEveryCountedEntry =
     "SELECT provider_id, session_id, model, input_tokens, output_tokens, cache_read_tokens, cache_write_tokens,\n"
-    "       cost_usd, timestamp\nFROM usage_entries WHERE counted = 1";
+    "       cost_usd, timestamp\nFROM usage_entries NOT INDEXED WHERE counted = 1";
 constexpr const char* kEverySessionMessageSpan =
     "SELECT provider_id, session_id, COUNT(DISTINCT CASE WHEN is_prompt = 1 THEN message_key END),\n"
     "       MIN(timestamp), MAX(timestamp)\nFROM import_messages GROUP BY provider_id, session_id";
@@ -1053,11 +1083,12 @@ std::vector<QuotaUsageEntry> QuotaUsageEntryStore::countedEntries(const std::opt
         "       cache_write_tokens, cost_usd, " GP_EXTRA_NAMES "\nFROM usage_entries";
     // By time: left to itself the planner goes through the session index and reads every entry
     // of the provider, when the few of the last day were asked for.
-    if (since || until) sql += " INDEXED BY idx_ue_time";
+    if (since || until) sql += kTimeIndexHint;
     sql += " WHERE counted = 1" + filter.sql("provider_id", "timestamp") + "\nORDER BY timestamp, id";
     std::vector<QuotaUsageEntry> entries;
     registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, sql.c_str(), "prepare usage entries", "execute usage entries"};
+        sqlite::Statement select{connection, timeIndexed(connection, sql).c_str(), "prepare usage entries",
+                                 "execute usage entries"};
         filter.bind(select);
         entries = readEntries(select);
     });
@@ -1096,7 +1127,8 @@ std::vector<QuotaUsageEntryStore::UsageBucket> QuotaUsageEntryStore::usageBucket
                             filter.sql("provider_id", "quarter") + "\nORDER BY quarter";
     std::vector<UsageBucket> buckets;
     registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, sql.c_str(), "prepare usage buckets", "execute usage buckets"};
+        sqlite::Statement select{connection, timeIndexed(connection, sql).c_str(), "prepare usage buckets",
+                                 "execute usage buckets"};
         filter.bind(select);
         while (select.step()) {
             buckets.push_back({select.integer(0), std::string(select.text(1).value_or("")),

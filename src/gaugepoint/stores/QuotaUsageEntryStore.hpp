@@ -163,8 +163,11 @@ public:
                                                 std::optional<Date> until = std::nullopt) const;
     std::optional<QuotaObservedRateLimits> latestRateLimits(std::string_view providerID) const;
 
-    // Sums again the quarter hours whose counted entries changed (a scan ends with it).
-    void refreshUsageQuarters() const;
+    // Sums again the quarter hours whose counted entries changed (a scan ends with it). After a
+    // first import, when every quarter changed, `everyQuarter` sums them all in one pass over the
+    // entries instead of one quarter at a time.
+    enum class Quarters { changed, every };
+    void refreshUsageQuarters(Quarters which = Quarters::changed) const;
 
     // Counted usage summed per quarter hour (UTC), provider, model and whether the log reported
     // a cost; `tokens.exactCostUSD` is the sum of the reported costs in that last case. Every
