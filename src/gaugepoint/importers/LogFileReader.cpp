@@ -116,7 +116,9 @@ public:
         : options_(options), sourceID_(sourceID), queue_(queue), tally_(tally), now_(now), quietLastLine_(quietLastLine) {}
 
     void readAll(FileList& files, ReadProgress& progress) {
-        while (const auto next = files.take()) {
+        // What waits here would wait for the walks too.
+        const auto beforeWaiting = [&] { send(); };
+        while (const auto next = files.take(beforeWaiting)) {
             const auto& [tool, file] = *next;
             const auto found = tool->known.find(file->path.string());
             const QuotaSessionFileRegistryEntry* entry = found == tool->known.end() ? nullptr : &found->second;
@@ -128,6 +130,7 @@ public:
             }
             progress.fileDone(tally_.bytesRead - before);
         }
+        send();
     }
 
 private:
@@ -223,7 +226,7 @@ private:
         piece.entry.size = std::int64_t(info.st_size);
         piece.entry.modifiedAt = fileModificationTime(info);
         piece.forgetFirst = true;  // a document is read whole: what it gave before is replaced
-        return queue_.push(std::move(piece));
+        return send(std::move(piece));
     }
 
     // A tool's database, read from the marks its last read left (`piece.state`, "" when it is
@@ -249,7 +252,7 @@ private:
         // Rows updated in place: what the rows read gave before is replaced.
         piece.forgetFirst = read.whole;
         piece.rowGroups = std::move(read.rowGroups);
-        return queue_.push(std::move(piece));
+        return send(std::move(piece));
     }
 
     // Reads complete lines from `offset` in pieces, each ending after its last complete line. A
@@ -317,7 +320,7 @@ private:
             piece.entry.size.reset();
             piece.prefixDigest = digest.value();
             piece.records = std::exchange(records, std::make_unique<Collected>(piece.entry.path, options_.capture));
-            if (!queue_.push(std::exchange(piece, std::move(next)))) return false;
+            if (!send(std::exchange(piece, std::move(next)))) return false;
         }
         struct stat info {};
         ::fstat(opened.fd(), &info);
@@ -340,7 +343,19 @@ private:
         piece.entry.size = std::int64_t(info.st_size);
         piece.entry.modifiedAt = fileModificationTime(info);
         piece.records = std::move(records);
-        return queue_.push(std::move(piece));
+        return send(std::move(piece));
+    }
+
+    // Pieces go to the writer in groups of up to kGroupPieces pieces or kGroupBytes of the files;
+    // send() without a piece sends what is held. False when the writer has given up.
+    bool send(std::optional<Piece> piece = std::nullopt) {
+        if (piece) {
+            outgoingBytes_ += piece->bytes;
+            outgoing_.push_back(std::move(*piece));
+            if (outgoing_.size() < kGroupPieces && outgoingBytes_ < kGroupBytes) return true;
+        }
+        outgoingBytes_ = 0;
+        return outgoing_.empty() || queue_.push(outgoing_);
     }
 
     bool isQuiet(const struct stat& info) const {
@@ -367,6 +382,10 @@ private:
     std::unique_ptr<char[]> buffer_;
     JsonLineParser parser_;
     std::unique_ptr<simdjson::dom::parser> lastLineParser_;  // made on the first last line to check
+    static constexpr std::size_t kGroupPieces = 32;
+    static constexpr std::int64_t kGroupBytes = std::int64_t(4) << 20;
+    std::vector<Piece> outgoing_;
+    std::int64_t outgoingBytes_ = 0;
 };
 
 }  // namespace
@@ -413,8 +432,14 @@ void FileList::finish() {
     added_.notify_all();
 }
 
-std::optional<std::pair<const ToolFiles*, const LogFileCandidate*>> FileList::take() {
+std::optional<std::pair<const ToolFiles*, const LogFileCandidate*>> FileList::take(
+    const std::function<void()>& beforeWaiting) {
     std::unique_lock lock{mutex_};
+    if (next_ >= files_.size() && !finished_) {
+        lock.unlock();
+        beforeWaiting();
+        lock.lock();
+    }
     added_.wait(lock, [&] { return next_ < files_.size() || finished_; });
     if (next_ >= files_.size()) return std::nullopt;
     return files_[next_++];

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -49,8 +50,9 @@ public:
     void add(const ToolFiles& tool);
     // No more tools will come.
     void finish();
-    // The next file no reader has taken, waiting while walks go on; none at the end.
-    std::optional<std::pair<const ToolFiles*, const LogFileCandidate*>> take();
+    // The next file no reader has taken, waiting while walks go on (`beforeWaiting` runs first,
+    // outside the list's lock); none at the end.
+    std::optional<std::pair<const ToolFiles*, const LogFileCandidate*>> take(const std::function<void()>& beforeWaiting);
 
 private:
     std::mutex mutex_;

@@ -20,6 +20,7 @@ public:
     // Writes every piece the queue gives until the reader has finished.
     void writeAll(PieceQueue& queue) {
         auto next = queue.pop();
+        std::unique_ptr<Collected> spent;  // the records just written, for a reader to free
         while (next) {
             registry_.inTransaction("import logs", [&](sqlite::Connection& connection) {
                 sqlite::StatementCache statements{connection};
@@ -36,13 +37,14 @@ public:
                 const auto started = std::chrono::steady_clock::now();
                 for (std::size_t written = 1;; ++written) {
                     write(statements, *next);
+                    spent = std::move(next->records);
                     next.reset();
                     if (written >= kBatchPieces || std::chrono::steady_clock::now() - started >= kBatchTime) break;
-                    if (!(next = queue.pop())) break;
+                    if (!(next = queue.pop(std::move(spent)))) break;
                 }
                 if (sinceEmpty_) QuotaUsageEntryStore::endBulkBatch(connection);
             });
-            if (!next) next = queue.pop();
+            if (!next) next = queue.pop(std::move(spent));
         }
     }
 

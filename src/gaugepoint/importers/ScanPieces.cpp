@@ -2,22 +2,31 @@
 
 namespace gaugepoint::scanning {
 
-bool PieceQueue::push(Piece piece) {
-    std::unique_lock lock{mutex_};
-    ++readersWaiting_;
-    roomLeft_.wait(lock, [&] {
-        return abandoned_ || pieces_.empty() || (pieces_.size() < kMostPieces && bytes_ + piece.bytes <= kMostBytes);
-    });
-    --readersWaiting_;
-    if (abandoned_) return false;
-    bytes_ += piece.bytes;
-    pieces_.push_back(std::move(piece));
-    ready_.notify_one();
-    return true;
+bool PieceQueue::push(std::vector<Piece>& pieces) {
+    std::int64_t bytes = 0;
+    for (const auto& piece : pieces) bytes += piece.bytes;
+    std::vector<std::unique_ptr<Collected>> written;
+    {
+        std::unique_lock lock{mutex_};
+        ++readersWaiting_;
+        roomLeft_.wait(lock, [&] {
+            return abandoned_ || pieces_.empty() ||
+                   (pieces_.size() + pieces.size() <= kMostPieces && bytes_ + bytes <= kMostBytes);
+        });
+        --readersWaiting_;
+        if (abandoned_) return false;
+        bytes_ += bytes;
+        for (auto& piece : pieces) pieces_.push_back(std::move(piece));
+        written.swap(written_);
+        ready_.notify_one();
+    }
+    pieces.clear();
+    return true;  // `written` is freed here, outside the lock
 }
 
-std::optional<Piece> PieceQueue::pop() {
+std::optional<Piece> PieceQueue::pop(std::unique_ptr<Collected> written) {
     std::unique_lock lock{mutex_};
+    if (written) written_.push_back(std::move(written));
     ready_.wait(lock, [&] { return !pieces_.empty() || finished_; });
     if (pieces_.empty()) return std::nullopt;
     Piece piece = std::move(pieces_.front());

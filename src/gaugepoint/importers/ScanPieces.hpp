@@ -86,12 +86,19 @@ struct Piece {
 // Hands pieces from the reading threads to the writing one. It holds pieces of up to 64 MiB of
 // files at once (one piece of any size when empty), so memory stays bounded whatever the files
 // hold, while many small files' pieces can wait for the writer and keep the readers going.
+//
+// Pieces pass in groups, and the writer hands back the records it wrote for a reader to free: a
+// wake-up per piece, and freeing on the writer's thread what a reader allocated, were a good
+// part of the writer's time when the pieces are many small files.
 class PieceQueue {
 public:
-    // Waits for room; false when the writer has given up.
-    bool push(Piece piece);
-    // The next piece; none once the readers have finished and everything was taken.
-    std::optional<Piece> pop();
+    // Waits for room for the whole group (any group when the queue is empty), queues it in order
+    // and empties `pieces`; false when the writer has given up. Frees, on this thread, the
+    // records the writer has handed back.
+    bool push(std::vector<Piece>& pieces);
+    // The next piece; none once the readers have finished and everything was taken. `written`
+    // (the records of the piece before, if any) is left for a reader to free.
+    std::optional<Piece> pop(std::unique_ptr<Collected> written = nullptr);
     // No more pieces will come.
     void finish();
     // The writer gives up: pushes return false from now on.
@@ -103,6 +110,7 @@ private:
     std::mutex mutex_;
     std::condition_variable ready_, roomLeft_;
     std::deque<Piece> pieces_;
+    std::vector<std::unique_ptr<Collected>> written_;
     std::int64_t bytes_ = 0;
     int readersWaiting_ = 0;
     bool finished_ = false, abandoned_ = false;
