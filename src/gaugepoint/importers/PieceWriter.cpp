@@ -1,8 +1,8 @@
 #include "gaugepoint/importers/PieceWriter.hpp"
 
 #include <chrono>
-#include <unordered_set>
 
+#include "gaugepoint/platform/HashesSeen.hpp"
 #include "gaugepoint/stores/QuotaUsageEntryStore.hpp"
 #include "gaugepoint/stores/SQLiteStatementCache.hpp"
 
@@ -70,7 +70,7 @@ private:
         // A file the registry did not know when the scan began has no entry but the one this
         // scan writes (only scans add entries, and they hold the scan lock): its first piece
         // needs no lookup, unless the same path came twice.
-        const bool firstOfNewFile = !piece.expected && newFiles_.insert(piece.entry.path).second;
+        const bool firstOfNewFile = !piece.expected && !newFiles_.seen(std::hash<std::string_view>{}(piece.entry.path));
         if (!firstOfNewFile && QuotaSessionFileRegistry::lastOffset(statements, e) != piece.expected) {
             abandonedPath_ = piece.entry.path;
             return;
@@ -95,7 +95,7 @@ private:
     const QuotaSessionFileRegistry& registry_;
     QuotaScanSummary& tally_;
     std::string abandonedPath_;
-    std::unordered_set<std::string> newFiles_;  // paths unknown to the registry, written by this scan
+    HashesSeen newFiles_;  // paths unknown to the registry, written by this scan (a collision costs a lookup)
     // A scan into empty usage entries (the first) looks up only keys it wrote itself; only
     // scans write the entries, and they hold the scan lock.
     bool checkedEmpty_ = false;

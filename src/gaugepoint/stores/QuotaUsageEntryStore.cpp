@@ -396,16 +396,28 @@ std::vector<const QuotaUsageEntry*> mergedUsage(const std::vector<QuotaUsageEntr
             return keyHash(key.first, key.second);
         }
     };
+    // A few entries (most reads of a small file) are compared with each other; more go through
+    // an index.
+    constexpr std::size_t kCompared = 16;
+    const bool few = usage.size() <= kCompared;
     std::unordered_map<std::pair<std::string_view, std::string_view>, std::size_t, KeyHash> index;
-    index.reserve(usage.size());
+    if (!few) index.reserve(usage.size());
     std::vector<const QuotaUsageEntry*> merged;
     merged.reserve(usage.size());
     for (const auto& e : usage) {
-        const auto [slot, inserted] = index.try_emplace({e.providerID, e.dedupKey}, merged.size());
-        if (inserted) {
+        std::size_t slot = merged.size();
+        if (few) {
+            const auto same = std::find_if(merged.begin(), merged.end(), [&](const QuotaUsageEntry* m) {
+                return m->dedupKey == e.dedupKey && m->providerID == e.providerID;
+            });
+            slot = std::size_t(same - merged.begin());
+        } else {
+            slot = index.try_emplace({e.providerID, e.dedupKey}, merged.size()).first->second;
+        }
+        if (slot == merged.size()) {
             merged.push_back(&e);
-        } else if (e.tokens.outputTokens > merged[slot->second]->tokens.outputTokens) {
-            merged[slot->second] = &e;
+        } else if (e.tokens.outputTokens > merged[slot]->tokens.outputTokens) {
+            merged[slot] = &e;
         }
     }
     return merged;
@@ -577,7 +589,7 @@ std::int64_t QuotaUsageEntryStore::fileKeyWithState(sqlite::StatementCache& stat
 }
 
 bool QuotaUsageEntryStore::KeysSinceEmpty::mayExist(std::string_view providerID, std::string_view dedupKey) {
-    return !written_.insert(keyHash(providerID, dedupKey)).second;
+    return written_.seen(keyHash(providerID, dedupKey));
 }
 
 bool QuotaUsageEntryStore::hasNoEntries(sqlite::StatementCache& statements) {
@@ -704,7 +716,7 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::record(
             const Tally t = writer.write(fileKey, *e, sinceEmpty);
             tally.countedTokens += t.countedTokens;
             tally.countedEntries += t.countedEntries;
-            sessions.insert(e->sessionID);
+            if (!sinceEmpty) sessions.insert(e->sessionID);
         }
     }
     if (!messages.empty()) {
@@ -721,7 +733,7 @@ QuotaUsageEntryStore::Tally QuotaUsageEntryStore::record(
                 for (int i = 8; i <= 11; ++i) upsert.bindNull(i);
             }
             upsert.bind(12, std::int64_t(m.isPrompt ? 1 : 0)).bind(13, m.text).run();
-            sessions.insert(m.sessionID);
+            if (!sinceEmpty) sessions.insert(m.sessionID);
         }
     }
     if (!sessionProjects.empty()) {

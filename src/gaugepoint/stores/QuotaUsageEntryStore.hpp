@@ -16,12 +16,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
 
 #include "gaugepoint/model/QuotaSessionDescriptor.hpp"
 #include "gaugepoint/model/QuotaSessionImportRecords.hpp"
 #include "gaugepoint/model/QuotaUsageRecords.hpp"
+#include "gaugepoint/platform/HashesSeen.hpp"
 #include "gaugepoint/stores/QuotaSessionFileRegistry.hpp"
 
 namespace gaugepoint {
@@ -77,7 +77,7 @@ public:
         bool mayExist(std::string_view providerID, std::string_view dedupKey);
 
     private:
-        std::unordered_set<std::uint64_t> written_;
+        HashesSeen written_;
     };
     // Whether there are no usage entries at all.
     static bool hasNoEntries(sqlite::StatementCache& statements);
