@@ -26,6 +26,9 @@ ReadOnlyConnection::ReadOnlyConnection(const std::filesystem::path& path, std::c
         throw Failure("open " + path.string() + ": " + message);
     }
     sqlite3_busy_timeout(db_, int(busy.count()));
+    // A large sort (a GROUP BY over a whole table) spills into temporary files by default: they
+    // stay in memory, as nothing of a read needs to outlive it.
+    sqlite3_exec(db_, "PRAGMA temp_store=MEMORY", nullptr, nullptr, nullptr);
 }
 
 ReadOnlyConnection::~ReadOnlyConnection() { sqlite3_close_v2(db_); }
