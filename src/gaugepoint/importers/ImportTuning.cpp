@@ -8,6 +8,7 @@ ImportTuning::ImportTuning(const QuotaSessionFileRegistry& registry, const Quota
     : registry_(registry), catalog_(catalog) {
     registry_.setMemoryMapLimit(0);
     catalog_.setMemoryMapLimit(0);
+    catalog_.setAutoCheckpoint(0);
     registry_.withConnection([](sqlite::Connection& connection) {
         connection.exec("PRAGMA cache_size=-131072; PRAGMA temp_store=MEMORY; PRAGMA wal_autocheckpoint=0",
                         "set import cache");
@@ -28,6 +29,7 @@ ImportTuning::~ImportTuning() {
     try {
         registry_.setMemoryMapLimit(SQLiteConnectionHolder::memoryMapBytes);
         catalog_.setMemoryMapLimit(SQLiteConnectionHolder::memoryMapBytes);
+        catalog_.setAutoCheckpoint(1000);
         registry_.withConnection([](sqlite::Connection& connection) {
             connection.exec("PRAGMA cache_size=-2000; PRAGMA temp_store=DEFAULT; PRAGMA wal_autocheckpoint=1000",
                             "reset import cache");

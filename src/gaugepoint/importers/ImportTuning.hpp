@@ -15,9 +15,10 @@ namespace gaugepoint::scanning {
 //    at the end of a scan (catalogue, sums, indexes) needs memory of its own.
 //  - Statement journals (the undo of one statement inside a batch, which every insert that fires
 //    a trigger needs) are kept in memory instead of in a temporary file.
-//  - The registry's commits do not copy the write-ahead log back into the file (a page a later
-//    batch changes again would be copied again): the scan does that once, at its end (or the
-//    first commit after it, or the last connection's close).
+//  - The registry's and catalogue's commits do not copy the write-ahead log back into the file
+//    (a page a later batch changes again would be copied again, and each copy ends with a flush
+//    to the disk): the scan does that once, at its end (or the first commit after it, or the
+//    last connection's close).
 class ImportTuning {
 public:
     ImportTuning(const QuotaSessionFileRegistry& registry, const QuotaSessionCatalogStore& catalog);

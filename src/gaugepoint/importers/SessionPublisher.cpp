@@ -220,6 +220,7 @@ PublishTally publishEverySession(const QuotaUsageEntryStore& usage, const QuotaS
                 pointers.clear();
             }
         }
+        catalog.walCheckpoint();  // here, beside the registry's work, rather than when the process closes it
     });
     if (alongside) alongside();  // should it throw, the writing is waited for by its future
     writing.get();

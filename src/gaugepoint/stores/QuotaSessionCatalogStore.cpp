@@ -616,6 +616,11 @@ void QuotaSessionCatalogStore::setMemoryMapLimit(std::int64_t bytes) const {
     runCatalog([&](sqlite::Connection& connection) { connection.exec(sql.c_str(), "set mmap size"); });
 }
 
+void QuotaSessionCatalogStore::setAutoCheckpoint(int pages) const {
+    const std::string sql = "PRAGMA wal_autocheckpoint=" + std::to_string(pages);
+    runCatalog([&](sqlite::Connection& connection) { connection.exec(sql.c_str(), "set autocheckpoint"); });
+}
+
 void QuotaSessionCatalogStore::walCheckpoint() const noexcept {
     try {
         runCatalog([](sqlite::Connection& connection) { connection.checkpointQuietly(); });

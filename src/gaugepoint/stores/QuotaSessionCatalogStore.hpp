@@ -146,6 +146,10 @@ public:
     // mmap_size), for bulk work that would otherwise keep every page it touched resident; the
     // set-up value is SQLiteConnectionHolder::memoryMapBytes. Throws like every operation.
     void setMemoryMapLimit(std::int64_t bytes) const;
+    // After how many pages in the write-ahead log a commit copies it into the file (PRAGMA
+    // wal_autocheckpoint; 1000 after set-up, 0 for only when walCheckpoint() asks). Throws like
+    // every operation.
+    void setAutoCheckpoint(int pages) const;
 
 private:
     template <class Operation>
