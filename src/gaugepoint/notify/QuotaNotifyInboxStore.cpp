@@ -507,7 +507,7 @@ std::int64_t QuotaNotifyInboxStore::trimOldEntries(double olderThanSeconds) cons
 
 void QuotaNotifyInboxStore::walCheckpoint() const noexcept {
     try {
-        run(inboxSetup(), [](sqlite::Connection& connection) { connection.checkpointQuietly(); });
+        run(inboxSetup(), [](sqlite::Connection& connection) { connection.checkpointQuietly(SQLiteConnectionHolder::busyTimeout()); });
     } catch (...) {
     }
 }

@@ -233,7 +233,7 @@ std::int64_t QuotaHistoryStore::clear() const {
 
 void QuotaHistoryStore::walCheckpoint() const noexcept {
     try {
-        run([](sqlite::Connection& connection) { connection.checkpointQuietly(); });
+        run([](sqlite::Connection& connection) { connection.checkpointQuietly(SQLiteConnectionHolder::busyTimeout()); });
     } catch (...) {
     }
 }

@@ -623,7 +623,7 @@ void QuotaSessionCatalogStore::setAutoCheckpoint(int pages) const {
 
 void QuotaSessionCatalogStore::walCheckpoint() const noexcept {
     try {
-        runCatalog([](sqlite::Connection& connection) { connection.checkpointQuietly(); });
+        runCatalog([](sqlite::Connection& connection) { connection.checkpointQuietly(SQLiteConnectionHolder::busyTimeout()); });
     } catch (...) {
     }
 }

@@ -344,7 +344,7 @@ void QuotaSessionFileRegistry::setMemoryMapLimit(std::int64_t bytes) const {
 
 void QuotaSessionFileRegistry::walCheckpoint() const noexcept {
     try {
-        runRegistry([](sqlite::Connection& connection) { connection.checkpointQuietly(); });
+        runRegistry([](sqlite::Connection& connection) { connection.checkpointQuietly(SQLiteConnectionHolder::busyTimeout()); });
     } catch (...) {
     }
 }

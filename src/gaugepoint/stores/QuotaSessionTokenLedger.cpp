@@ -196,7 +196,7 @@ std::int64_t QuotaSessionTokenLedger::deleteAll() const {
 
 void QuotaSessionTokenLedger::walCheckpoint() const noexcept {
     try {
-        runLedger([](sqlite::Connection& connection) { connection.checkpointQuietly(); });
+        runLedger([](sqlite::Connection& connection) { connection.checkpointQuietly(SQLiteConnectionHolder::busyTimeout()); });
     } catch (...) {
     }
 }

@@ -223,7 +223,7 @@ std::int64_t QuotaSourceSnapshotStore::trimOldEntries(double olderThanSeconds) c
 
 void QuotaSourceSnapshotStore::walCheckpoint() const noexcept {
     try {
-        runSources([](sqlite::Connection& connection) { connection.checkpointQuietly(); });
+        runSources([](sqlite::Connection& connection) { connection.checkpointQuietly(SQLiteConnectionHolder::busyTimeout()); });
     } catch (...) {
     }
 }

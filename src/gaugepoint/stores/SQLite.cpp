@@ -47,8 +47,12 @@ std::int64_t Connection::changes() const { return sqlite3_changes64(db_); }
 
 std::int64_t Connection::lastInsertRowID() const { return sqlite3_last_insert_rowid(db_); }
 
-void Connection::checkpointQuietly() noexcept {
-    sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+void Connection::checkpointQuietly(std::chrono::milliseconds busyTimeout) noexcept {
+    // Without a busy handler a truncating checkpoint that meets a reader or writer goes on as a
+    // passive one. An emptied log also spares the last close deleting a large file.
+    sqlite3_busy_timeout(db_, 0);
+    sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    sqlite3_busy_timeout(db_, int(busyTimeout.count()));
 }
 
 namespace {

@@ -57,8 +57,10 @@ public:
     std::int64_t changes() const;
     // The rowid of the last row inserted on this connection.
     std::int64_t lastInsertRowID() const;
-    // Copies the write-ahead log into the database without waiting for readers; errors ignored.
-    void checkpointQuietly() noexcept;
+    // Copies the write-ahead log into the database without waiting for readers or writers, and
+    // empties the log when no reader still needs it (else it stays for a later checkpoint or the
+    // last close); errors ignored. `busyTimeout` is the connection's, restored after.
+    void checkpointQuietly(std::chrono::milliseconds busyTimeout) noexcept;
     // Throws Failure with `label` and the connection's current error message.
     [[noreturn]] void fail(std::string_view label) const;
 
