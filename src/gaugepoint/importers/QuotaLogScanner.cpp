@@ -144,6 +144,31 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     std::vector<QuotaScanSummary> read(readerCount);
     std::vector<std::exception_ptr> readFailures(readerCount);
     std::atomic<unsigned> reading{readerCount};
+    std::atomic<bool> writerFailed{false};
+    // The checkpoints are a document of their own, written by the last reader to finish, beside
+    // the writer's last batch. A tree just as the registry knows it (every file unchanged, none
+    // gone) keeps those saved when it last changed, and a document of every file need not be
+    // written. After a failed walk or read there is nothing whole to record.
+    std::exception_ptr checkpointFailure;
+    const auto writeCheckpoints = [&] {
+        const auto failed = [](const auto& failures) {
+            return std::any_of(failures.begin(), failures.end(), [](const auto& f) { return bool(f); });
+        };
+        if (writerFailed || failed(walkFailures) || failed(readFailures)) return;
+        std::int64_t total = 0, unchanged = 0;
+        std::size_t known = 0;
+        for (const auto& tool : tools) {
+            total += std::int64_t(tool.files.size());
+            known += tool.known.size();
+        }
+        for (const auto& tally : read) unchanged += tally.filesUnchanged;
+        if (unchanged == total && std::size_t(total) == known && std::filesystem::exists(states.documentURL())) return;
+        try {
+            updateCheckpoints(states, tools, sourceID, options.capture, configuration_.clock.now());
+        } catch (...) {
+            checkpointFailure = std::current_exception();
+        }
+    };
     std::vector<std::thread> readers;
     for (unsigned r = 0; r < readerCount; ++r) {
         readers.emplace_back([&, r] {
@@ -153,7 +178,10 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
             } catch (...) {
                 readFailures[r] = std::current_exception();
             }
-            if (--reading == 0) queue.finish();
+            if (--reading == 0) {
+                queue.finish();
+                writeCheckpoints();
+            }
         });
     }
     const auto joinReaders = [&] {
@@ -163,6 +191,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     try {
         deferredIndexes = writePieces(registry, queue, written);
     } catch (...) {
+        writerFailed = true;
         queue.abandon();
         while (queue.pop()) {
         }
@@ -202,17 +231,6 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     for (auto& p : written.problems) {
         if (summary.problems.size() < kMaximumProblems) summary.problems.push_back(std::move(p));
     }
-    // A tree just as the registry knows it (every file unchanged, none gone) keeps the
-    // checkpoints saved when it last changed, and a document of every file need not be read.
-    // They are a document of their own, written beside the registry's and catalogue's work.
-    std::size_t known = 0;
-    for (const auto& tool : tools) known += tool.known.size();
-    std::future<void> checkpoints;
-    if (summary.filesUnchanged != total || std::size_t(total) != known || !std::filesystem::exists(states.documentURL())) {
-        checkpoints = std::async(std::launch::async, [&] {
-            updateCheckpoints(states, tools, sourceID, options.capture, configuration_.clock.now());
-        });
-    }
     const QuotaUsageEntryStore usage{registry};
     const auto registryWork = [&] {  // the registry's file only: beside the catalogue's work
         if (deferredIndexes) {
@@ -235,7 +253,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
         registryWork();
         published = publishDirtySessions(usage, catalog, options.capture);
     }
-    if (checkpoints.valid()) checkpoints.get();
+    if (checkpointFailure) std::rethrow_exception(checkpointFailure);
     summary.newSessions = published.newSessions;
     summary.updatedSessions = published.updatedSessions;
     if (options.progress) options.progress({total, total, summary.bytesRead, summary.bytesRead});
