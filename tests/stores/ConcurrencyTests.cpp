@@ -119,6 +119,29 @@ TEST(Concurrency, AWriterGivesUpAfterTheBusyTimeout) {
     EXPECT_EQ(holder, 0);
 }
 
+// A checkpoint never waits: with a reader still on an older snapshot it copies what it can and
+// leaves the log; once nobody needs the log it empties it, so that no large log lingers.
+TEST(Concurrency, ACheckpointEmptiesTheLogOnlyWhenNoReaderNeedsItAndNeverWaits) {
+    ScratchDirectory dir;
+    const QuotaHistoryStore store{configurationIn(dir)};
+    const std::filesystem::path log = store.historyURL().string() + "-wal";
+    appendMany(store, "a", 20);
+    ASSERT_GT(std::filesystem::file_size(log), 0u);
+    {
+        RawDatabase reader{store.historyURL()};
+        ASSERT_EQ(reader.exec("BEGIN; SELECT COUNT(*) FROM snapshot_history"), "");  // holds its snapshot
+        appendMany(store, "b", 5);
+        const auto started = std::chrono::steady_clock::now();
+        store.walCheckpoint();
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(1000));
+        EXPECT_GT(std::filesystem::file_size(log), 0u);
+        reader.exec("COMMIT");
+    }
+    store.walCheckpoint();
+    EXPECT_EQ(std::filesystem::file_size(log), 0u);
+    EXPECT_EQ(store.loadTimeline().snapshots.size(), 25u);
+}
+
 // Each process writes its own descriptors, messages, ledger rows and registry entries in many
 // small transactions; every one of them is there afterwards.
 int writeSessions(const QuotaSyncConfiguration& config, const std::string& who, int count) {
