@@ -114,8 +114,10 @@ constexpr Index kIndexes[] = {
 
 std::size_t presentIndexes(sqlite::Connection& connection) {
     sqlite::Statement count{connection,
-                            "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name LIKE "
-                            "'idx_session_file_registry_%'",
+                            "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name IN "
+                            "('idx_session_file_registry_provider_updated_at', "
+                            "'idx_session_file_registry_source_provider_updated_at', "
+                            "'idx_session_file_registry_file_identifier', 'idx_session_file_registry_session_id')",
                             "inspect registry indexes", "inspect registry indexes"};
     return count.step() ? std::size_t(count.integer(0)) : 0;
 }
