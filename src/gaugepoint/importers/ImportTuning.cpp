@@ -10,7 +10,7 @@ ImportTuning::ImportTuning(const QuotaSessionFileRegistry& registry, const Quota
     catalog_.setMemoryMapLimit(0);
     catalog_.setAutoCheckpoint(0);
     registry_.withConnection([](sqlite::Connection& connection) {
-        connection.exec("PRAGMA cache_size=-131072; PRAGMA temp_store=MEMORY; PRAGMA wal_autocheckpoint=0",
+        connection.exec("PRAGMA cache_size=-65536; PRAGMA temp_store=MEMORY; PRAGMA wal_autocheckpoint=0",
                         "set import cache");
     });
 }

@@ -9,7 +9,7 @@ namespace gaugepoint::scanning {
 //  - The stores map up to 256 MiB of each database file into memory for fast reads. A scan
 //    touches most pages of the files it fills, so the connections read through the page cache
 //    instead: the scan's memory then stays the same whatever the size of the tree and stores.
-//  - The registry keeps up to 128 MiB of pages while the logs are written, so that a batch's
+//  - The registry keeps up to 64 MiB of pages while the logs are written, so that a batch's
 //    changes (random places in the usage indexes) stay in memory until it commits instead of
 //    being spilled and written again; afterWriting() gives most of them back before the work
 //    at the end of a scan (catalogue, sums, indexes) needs memory of its own.
