@@ -165,6 +165,16 @@ TEST(UsagePeriods, StoredQuarterSumsAgreeWithTheEntriesBeforeAndAfterTheyAreRefr
     store.refreshUsageQuarters(QuotaUsageEntryStore::Quarters::every);
     EXPECT_EQ(flat(), changedWay);
     EXPECT_EQ(changedWay.size(), 3u);
+
+    // While a first import runs its time index is missing: noted quarters are summed in a pass
+    // over the entries, by readers and by a refresh alike.
+    testing::RawDatabase raw{fixture.configuration.appGroupDirectory.value() /
+                             std::string(QuotaSessionFileRegistry::defaultFilename)};
+    ASSERT_EQ(raw.exec("DROP INDEX idx_ue_time; INSERT OR IGNORE INTO usage_dirty_quarters SELECT quarter FROM usage_quarters"), "");
+    EXPECT_EQ(flat(), changedWay);
+    store.refreshUsageQuarters();
+    EXPECT_EQ(flat(), changedWay);
+    EXPECT_EQ(store.countedEntries(std::nullopt, dateFromSeconds(0)).size(), 2u);  // not the one before 1970
 }
 
 }  // namespace

@@ -32,20 +32,13 @@ constexpr const char* kCountDeferredIndexes =
     "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name IN "
     "('idx_ue_time', 'idx_ue_file', 'idx_ue_session', 'idx_im_session')";
 constexpr std::int64_t kDeferredIndexCount = 4;
-// Statements that name the time index for the planner: while a first import runs it is not
-// there yet (it is built at the end), and a reader meanwhile goes without the hint rather than
-// fail.
-constexpr std::string_view kTimeIndexHint = " INDEXED BY idx_ue_time";
+// The time index is missing while a first import runs (it is built at its end): a reader
+// meanwhile neither names it to the planner (the statement would fail) nor joins through it.
 constexpr const char* kTimeIndexPresent = "SELECT 1 FROM sqlite_master WHERE type = 'index' AND name = 'idx_ue_time'";
 
-// `sql` as it may run on `connection`: without kTimeIndexHint when the index is missing.
-std::string timeIndexed(sqlite::Connection& connection, std::string sql) {
+bool hasTimeIndex(sqlite::Connection& connection) {
     sqlite::CachedStatement present{connection, kTimeIndexPresent, "prepare usage indexes", "execute usage indexes"};
-    if (present.step()) return sql;
-    for (auto at = sql.find(kTimeIndexHint); at != std::string::npos; at = sql.find(kTimeIndexHint, at)) {
-        sql.erase(at, kTimeIndexHint.size());
-    }
-    return sql;
+    return present.step();
 }
 
 // Columns that came after the first stores, in the entries and in their quarter sums alike: the
@@ -174,22 +167,28 @@ constexpr const char* kNoteAllQuarters =
     "SELECT DISTINCT " GP_QUARTER("") " FROM usage_entries WHERE counted = 1";
 #undef GP_EXTRA_COLUMNS
 
-// The sums of the noted quarters, from the rows: through the time index, one quarter at a time
-// (left to itself the planner indexes the counted flag and reads every row for every quarter).
-constexpr const char* kDirtyQuarterSums =
+// The sums of the noted quarters, from the rows, grouped. Through the time index, one quarter at
+// a time (left to itself the planner indexes the counted flag and reads every row for every
+// quarter); without it, in one pass over the table, as the sums of every quarter are made after
+// a first import (a join would read the whole table once per quarter).
+constexpr const char* kNotedQuarterSumsIndexed =
     "SELECT d.quarter, u.provider_id, u.model, IFNULL(u.cost_usd, 0) > 0 AS reported, COUNT(*),\n"
     "       SUM(u.input_tokens), SUM(u.output_tokens), SUM(u.cache_read_tokens), SUM(u.cache_write_tokens),\n"
     "       SUM(u.cost_usd), " GP_EXTRA_SUMS("u.") "\n"
     "FROM usage_dirty_quarters d\n"
-    "JOIN usage_entries u INDEXED BY idx_ue_time\n"  // see kTimeIndexHint
-    "    ON u.counted = 1 AND u.timestamp >= d.quarter * 900 AND u.timestamp < d.quarter * 900 + 900\n";
-// The sums of every quarter, in one pass over the table (the same groups and sums).
-constexpr const char* kEveryQuarterSums =
-    "SELECT " GP_QUARTER("") " AS quarter, provider_id, model, IFNULL(cost_usd, 0) > 0 AS reported, COUNT(*),\n"
-    "       SUM(input_tokens), SUM(output_tokens), SUM(cache_read_tokens), SUM(cache_write_tokens),\n"
-    "       SUM(cost_usd), " GP_EXTRA_SUMS("") "\n"
-    "FROM usage_entries NOT INDEXED WHERE counted = 1\n"
-    "GROUP BY quarter, provider_id, model, reported";
+    "JOIN usage_entries u INDEXED BY idx_ue_time\n"
+    "    ON u.counted = 1 AND u.timestamp >= d.quarter * 900 AND u.timestamp < d.quarter * 900 + 900\n"
+    "GROUP BY d.quarter, u.provider_id, u.model, reported";
+#define GP_SCANNED_SUMS(where)                                                                                     \
+    "SELECT " GP_QUARTER("") " AS quarter, provider_id, model, IFNULL(cost_usd, 0) > 0 AS reported, COUNT(*),\n" \
+    "       SUM(input_tokens), SUM(output_tokens), SUM(cache_read_tokens), SUM(cache_write_tokens),\n"           \
+    "       SUM(cost_usd), " GP_EXTRA_SUMS("") "\n"                                                               \
+    "FROM usage_entries NOT INDEXED WHERE counted = 1" where "\n"                                                 \
+    "GROUP BY quarter, provider_id, model, reported"
+constexpr const char* kNotedQuarterSumsScanned =
+    GP_SCANNED_SUMS(" AND " GP_QUARTER("") " IN (SELECT quarter FROM usage_dirty_quarters)");
+constexpr const char* kEveryQuarterSums = GP_SCANNED_SUMS("");
+#undef GP_SCANNED_SUMS
 #undef GP_QUARTER
 // Columns by name: an older store has its later columns in the order they were added.
 constexpr const char* kInsertQuarterSums =
@@ -201,6 +200,10 @@ constexpr const char* kStoredQuarterSums =
     "SELECT quarter, provider_id, model, reported, entries, input_tokens, output_tokens, cache_read_tokens,\n"
     "       cache_write_tokens, cost_usd, " GP_EXTRA_NAMES "\n"
     "FROM usage_quarters WHERE quarter NOT IN (SELECT quarter FROM usage_dirty_quarters)";
+
+const char* notedQuarterSums(sqlite::Connection& connection) {
+    return hasTimeIndex(connection) ? kNotedQuarterSumsIndexed : kNotedQuarterSumsScanned;
+}
 
 constexpr const char* kFindFile =
     "SELECT file_key FROM import_files WHERE path = ? AND source_id = ? AND provider_id = ? AND capture_mode = ?";
@@ -538,8 +541,7 @@ void QuotaUsageEntryStore::refreshUsageQuarters(Quarters which) const {
             connection.exec((std::string(kInsertQuarterSums) + kEveryQuarterSums).c_str(), "refresh usage quarters");
         } else {
             connection.exec(kRefreshQuarters, "refresh usage quarters");
-            const std::string insert = timeIndexed(connection, std::string(kInsertQuarterSums) + kDirtyQuarterSums +
-                                                                   "GROUP BY d.quarter, u.provider_id, u.model, reported");
+            const std::string insert = std::string(kInsertQuarterSums) + notedQuarterSums(connection);
             connection.exec(insert.c_str(), "refresh usage quarters");
         }
         connection.exec("DELETE FROM usage_dirty_quarters", "refresh usage quarters");
@@ -1095,12 +1097,12 @@ std::vector<QuotaUsageEntry> QuotaUsageEntryStore::countedEntries(const std::opt
         "       cache_write_tokens, cost_usd, " GP_EXTRA_NAMES "\nFROM usage_entries";
     // By time: left to itself the planner goes through the session index and reads every entry
     // of the provider, when the few of the last day were asked for.
-    if (since || until) sql += kTimeIndexHint;
-    sql += " WHERE counted = 1" + filter.sql("provider_id", "timestamp") + "\nORDER BY timestamp, id";
+    const std::string where = " WHERE counted = 1" + filter.sql("provider_id", "timestamp") + "\nORDER BY timestamp, id";
     std::vector<QuotaUsageEntry> entries;
     registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, timeIndexed(connection, sql).c_str(), "prepare usage entries",
-                                 "execute usage entries"};
+        if ((since || until) && hasTimeIndex(connection)) sql += " INDEXED BY idx_ue_time";
+        sql += where;
+        sqlite::Statement select{connection, sql.c_str(), "prepare usage entries", "execute usage entries"};
         filter.bind(select);
         entries = readEntries(select);
     });
@@ -1134,13 +1136,12 @@ std::vector<QuotaUsageEntryStore::UsageBucket> QuotaUsageEntryStore::usageBucket
     // Stored sums of the quarters no write has touched since they were summed, and live sums of
     // the others; the same filter on both halves.
     const EntryFilter filter{providerID, firstQuarterFrom(since), firstQuarterFrom(until)};
-    const std::string sql = std::string("SELECT * FROM (\n") + kStoredQuarterSums + "\nUNION ALL\n" + kDirtyQuarterSums +
-                            "GROUP BY d.quarter, u.provider_id, u.model, reported\n) WHERE 1" +
-                            filter.sql("provider_id", "quarter") + "\nORDER BY quarter";
     std::vector<UsageBucket> buckets;
     registry_.withConnection([&](sqlite::Connection& connection) {
-        sqlite::Statement select{connection, timeIndexed(connection, sql).c_str(), "prepare usage buckets",
-                                 "execute usage buckets"};
+        const std::string sql = std::string("SELECT * FROM (\n") + kStoredQuarterSums + "\nUNION ALL\n" +
+                                notedQuarterSums(connection) + "\n) WHERE 1" + filter.sql("provider_id", "quarter") +
+                                "\nORDER BY quarter";
+        sqlite::Statement select{connection, sql.c_str(), "prepare usage buckets", "execute usage buckets"};
         filter.bind(select);
         while (select.step()) {
             buckets.push_back({select.integer(0), std::string(select.text(1).value_or("")),
