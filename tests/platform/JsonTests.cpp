@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include <cstdlib>
 
 #include "gaugepoint/platform/Json.hpp"
@@ -94,6 +96,12 @@ TEST(JsonCodec, NumbersAreReadToTheNearestDoubleAndWrittenBackTheSame) {
         EXPECT_EQ(read.ratio, std::strtod(text.c_str(), nullptr)) << text;
         EXPECT_EQ(json::decode<Document>(json::encode(read)).ratio, read.ratio) << text;
     }
+    // Negative zero is written "-0", which must read back as a double of that sign, or a document
+    // written back would change ("0"); an integer field still takes it as 0.
+    const auto zero = json::decode<Document>(R"({"count":-0,"ratio":-0,"tally":{},"leaves":[]})");
+    EXPECT_TRUE(std::signbit(zero.ratio));
+    EXPECT_EQ(zero.count, 0);
+    EXPECT_EQ(json::encode(json::decode<Document>(json::encode(zero))), json::encode(zero));
 }
 
 TEST(JsonCodec, SyntaxErrorsGiveLineAndColumn) {

@@ -43,7 +43,7 @@ std::string positionText(std::string_view text, std::size_t offset) {
 // Builds the value as the library's own parser does, but for the reading of numbers with a
 // fraction or an exponent: its fast reading can be one unit in the last place off, so that a
 // document written back from what was read would not read back to the same numbers. Those are
-// read again from their text, rounded correctly.
+// read again from their text, rounded correctly. "-0" reads as negative zero, not as integer 0.
 struct ValueBuilder {
     static constexpr std::size_t max_object_size = boost::json::object::max_size();
     static constexpr std::size_t max_array_size = boost::json::array::max_size();
@@ -66,7 +66,12 @@ struct ValueBuilder {
     bool on_string_part(sv s, std::size_t, ec&) { return stack.push_chars(s), true; }
     bool on_string(sv s, std::size_t, ec&) { return stack.push_string(s), true; }
     bool on_number_part(sv s, ec&) { return number.append(s.data(), s.size()), true; }
-    bool on_int64(std::int64_t i, sv, ec&) { return number.clear(), stack.push_int64(i), true; }
+    bool on_int64(std::int64_t i, sv s, ec&) {
+        // "-0" is negative zero, which an integer cannot hold: a -0.0 written out must read back.
+        const bool negativeZero = i == 0 && (number.empty() ? !s.empty() && s.front() == '-' : number.front() == '-');
+        number.clear();
+        return negativeZero ? stack.push_double(-0.0) : stack.push_int64(i), true;
+    }
     bool on_uint64(std::uint64_t u, sv, ec&) { return number.clear(), stack.push_uint64(u), true; }
     bool on_double(double d, sv s, ec&) {
         number.append(s.data(), s.size());
