@@ -112,16 +112,6 @@ constexpr Index kIndexes[] = {
      "ensure session_id index"},
 };
 
-std::size_t presentIndexes(sqlite::Connection& connection) {
-    sqlite::Statement count{connection,
-                            "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name IN "
-                            "('idx_session_file_registry_provider_updated_at', "
-                            "'idx_session_file_registry_source_provider_updated_at', "
-                            "'idx_session_file_registry_file_identifier', 'idx_session_file_registry_session_id')",
-                            "inspect registry indexes", "inspect registry indexes"};
-    return count.step() ? std::size_t(count.integer(0)) : 0;
-}
-
 void migrate(sqlite::Connection& connection) {
     const auto columns =
         sqlite::tableColumns(connection, "session_file_registry", "inspect table info for session_file_registry");
@@ -141,14 +131,10 @@ void migrate(sqlite::Connection& connection) {
         }
     }
     // A first import builds the indexes at its end (QuotaSessionFileRegistry::deferIndexes): one
-    // missing while a writer holds the file is left to it, not waited for.
-    const bool allThere = presentIndexes(connection) == std::size(kIndexes);
+    // missing while a writer holds the file is left to it, not waited for. One that is there
+    // needs no lock.
     for (const auto& index : kIndexes) {
-        if (allThere) {
-            connection.exec(index.sql, index.label);
-        } else {
-            connection.execUnlessLocked(index.sql, index.label, SQLiteConnectionHolder::busyTimeout());
-        }
+        connection.execUnlessLocked(index.sql, index.label, SQLiteConnectionHolder::busyTimeout());
     }
     // The log import's rows live in this file so that they commit with the entries that say
     // how far each file was read.

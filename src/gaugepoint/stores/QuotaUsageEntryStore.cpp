@@ -28,10 +28,6 @@ constexpr const char* kDeferredIndexes = GP_INDEX_UE_TIME GP_INDEX_UE_FILE GP_IN
 constexpr const char* kDropDeferredIndexes =
     "DROP INDEX IF EXISTS idx_ue_time;\nDROP INDEX IF EXISTS idx_ue_file;\nDROP INDEX IF EXISTS idx_ue_session;\n"
     "DROP INDEX IF EXISTS idx_im_session;";
-constexpr const char* kCountDeferredIndexes =
-    "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name IN "
-    "('idx_ue_time', 'idx_ue_file', 'idx_ue_session', 'idx_im_session')";
-constexpr std::int64_t kDeferredIndexCount = 4;
 // The time index is missing while a first import runs (it is built at its end): a reader
 // meanwhile neither names it to the planner (the statement would fail) nor joins through it.
 constexpr const char* kTimeIndexPresent = "SELECT 1 FROM sqlite_master WHERE type = 'index' AND name = 'idx_ue_time'";
@@ -485,12 +481,8 @@ void QuotaUsageEntryStore::ensureSchema(sqlite::Connection& connection) {
     // Entries recorded before a column was kept have 0 in it; their files are read again (the
     // parsers' versions changed), which fills them in.
     for (const auto& [column, declaration] : kExtraColumns) addMissingColumn(connection, "usage_entries", column, declaration);
-    {
-        sqlite::Statement count{connection, kCountDeferredIndexes, "prepare usage indexes", "execute usage indexes"};
-        if (count.step() && count.integer(0) < kDeferredIndexCount) {
-            connection.execUnlessLocked(kDeferredIndexes, "ensure usage indexes", SQLiteConnectionHolder::busyTimeout());
-        }
-    }
+    // Indexes that are there need no lock; missing ones are left to an import that holds the file.
+    connection.execUnlessLocked(kDeferredIndexes, "ensure usage indexes", SQLiteConnectionHolder::busyTimeout());
     bool hadQuarters = false;
     {
         sqlite::Statement exists{connection, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'usage_quarters'",
