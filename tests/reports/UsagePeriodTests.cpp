@@ -177,5 +177,47 @@ TEST(UsagePeriods, StoredQuarterSumsAgreeWithTheEntriesBeforeAndAfterTheyAreRefr
     EXPECT_EQ(store.countedEntries(std::nullopt, dateFromSeconds(0)).size(), 2u);  // not the one before 1970
 }
 
+TEST(UsagePeriods, QuarterSumsMadeWhilePublishingAreTheOnesTheStoreMakes) {
+    testing::UsageFixture fixture;
+    auto charged = usageEntry("copilot", "2026-11-10T10:03:00Z", 5, "gpt-5");
+    charged.charges = {1.5, 0.25, 2};
+    fixture.add({usageEntry("claude", "2026-11-10T10:00:00Z", 1), usageEntry("claude", "2026-11-10T10:14:59Z", 2),
+                 usageEntry("claude", "2026-11-10T10:15:00Z", 4, "claude-opus-4-1", 3, 0.75),
+                 usageEntry("claude", "2026-11-10T10:16:00Z", 8, "claude-opus-4-1", 0, 0.0),
+                 usageEntry("claude", "1969-12-31T23:50:00Z", 16), charged},
+                "a");
+    const auto store = fixture.store();
+    store.refreshUsageQuarters(QuotaUsageEntryStore::Quarters::every);
+    testing::RawDatabase raw{fixture.configuration.appGroupDirectory.value() /
+                             std::string(QuotaSessionFileRegistry::defaultFilename)};
+    const auto stored = [&] {
+        return raw.column(
+            "SELECT quarter || ' ' || provider_id || ' ' || model || ' ' || reported || ' ' || entries || ' ' ||"
+            " input_tokens || ' ' || output_tokens || ' ' || IFNULL(cost_usd, 'none') || ' ' || charge_premium_requests"
+            " || ' ' || charge_aiu || ' ' || charge_credits FROM usage_quarters ORDER BY 1");
+    };
+    const auto bySql = stored();
+    ASSERT_EQ(bySql.size(), 5u);
+    const auto forget = [&] {
+        ASSERT_EQ(raw.exec("INSERT OR IGNORE INTO usage_dirty_quarters SELECT quarter FROM usage_quarters; DELETE FROM usage_quarters"), "");
+    };
+    forget();
+    UsageQuarterSums quarters;
+    store.everySessionContent(&quarters);
+    store.replaceUsageQuarters(quarters);
+    EXPECT_EQ(stored(), bySql);
+    EXPECT_EQ(raw.column("SELECT COUNT(*) FROM usage_dirty_quarters"), std::vector<std::string>{"0"});
+
+    // Sums that are not exact are left: the store sums in SQL.
+    forget();
+    UsageQuarterSums::Entry far;
+    far.providerID = "claude";
+    far.timestamp = 1e300;
+    quarters.add(far);
+    ASSERT_FALSE(quarters.exact());
+    store.replaceUsageQuarters(quarters);
+    EXPECT_EQ(stored(), bySql);
+}
+
 }  // namespace
 }  // namespace gaugepoint

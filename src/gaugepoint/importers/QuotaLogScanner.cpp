@@ -232,13 +232,20 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
         if (summary.problems.size() < kMaximumProblems) summary.problems.push_back(std::move(p));
     }
     const QuotaUsageEntryStore usage{registry};
-    const auto registryWork = [&] {  // the registry's file only: beside the catalogue's work
+    // The registry's file only: beside the catalogue's work.
+    const auto registryWork = [&](const QuarterSumsWait& quarterSums) {
         if (deferredIndexes) {
             usage.buildDeferredIndexes();
             registry.buildIndexes();
         }
-        usage.refreshUsageQuarters(deferredIndexes ? QuotaUsageEntryStore::Quarters::every
-                                                   : QuotaUsageEntryStore::Quarters::changed);
+        // After a first import every quarter is summed; publishing may have summed them already.
+        const UsageQuarterSums* summed = deferredIndexes && quarterSums ? quarterSums() : nullptr;
+        if (summed) {
+            usage.replaceUsageQuarters(*summed);
+        } else {
+            usage.refreshUsageQuarters(deferredIndexes ? QuotaUsageEntryStore::Quarters::every
+                                                       : QuotaUsageEntryStore::Quarters::changed);
+        }
         // A first import leaves the whole store in the write-ahead log: copied into the file
         // here, beside the catalogue's writing, rather than when the process closes it.
         if (deferredIndexes) registry.walCheckpoint();
@@ -250,7 +257,7 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
     if (usage.everySessionBehind() || catalog.totalCount(sourceID) == 0) {
         published = publishEverySession(usage, catalog, options.capture, registryWork);
     } else {
-        registryWork();
+        registryWork(nullptr);
         published = publishDirtySessions(usage, catalog, options.capture);
     }
     if (checkpointFailure) std::rethrow_exception(checkpointFailure);

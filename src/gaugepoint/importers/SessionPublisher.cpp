@@ -195,19 +195,32 @@ PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const Quota
 }
 
 PublishTally publishEverySession(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog,
-                                 QuotaSessionContentCaptureMode capture, const std::function<void()>& alongside) {
+                                 QuotaSessionContentCaptureMode capture,
+                                 const std::function<void(const QuarterSumsWait&)>& alongside) {
     if (capture != QuotaSessionContentCaptureMode::metadataOnly) {
         // Messages of every session at once would not fit in memory: the marked way, in batches.
         usage.markEachSessionBehind();
-        if (alongside) alongside();
+        if (alongside) alongside([] { return nullptr; });
         return publishDirtySessions(usage, catalog, capture);
     }
     const auto dirty = usage.dirtySessions();
     Publisher publisher{catalog, capture};
+    UsageQuarterSums quarters;
+    bool summed = false;  // set before `read` is, so whoever waits on `read` sees it
+    std::promise<void> read;
+    auto readFuture = read.get_future();
     // Reading every session (a sort of all the usage) and writing the catalogue happen on a
     // thread of their own, with a connection of their own, beside `alongside`.
     auto writing = std::async(std::launch::async, [&] {
-        auto contents = usage.everySessionContent();
+        std::map<QuotaUsageEntryStore::SessionKey, QuotaUsageEntryStore::SessionContent> contents;
+        try {
+            contents = usage.everySessionContent(&quarters);
+            summed = true;
+        } catch (...) {
+            read.set_value();
+            throw;
+        }
+        read.set_value();
         for (const auto& key : dirty) contents.try_emplace(key);  // marked, with nothing left: gone
         std::vector<QuotaUsageEntryStore::SessionKey> batch;
         std::vector<const QuotaUsageEntryStore::SessionContent*> pointers;
@@ -222,7 +235,11 @@ PublishTally publishEverySession(const QuotaUsageEntryStore& usage, const QuotaS
         }
         catalog.walCheckpoint();  // here, beside the registry's work, rather than when the process closes it
     });
-    if (alongside) alongside();  // should it throw, the writing is waited for by its future
+    // Should it throw, the writing is waited for by its future.
+    if (alongside) alongside([&]() -> const UsageQuarterSums* {
+        readFuture.wait();
+        return summed ? &quarters : nullptr;
+    });
     writing.get();
     usage.clearEveryMark();  // the scan lock keeps any other scan from marking meanwhile
     return publisher.tally;

@@ -32,7 +32,11 @@ PublishTally publishDirtySessions(const QuotaUsageEntryStore& usage, const Quota
 // other files than the catalogue) runs on the caller's, and every mark is cleared once all are
 // in; otherwise each session is marked behind, `alongside` runs, and the marked sessions are
 // published in batches.
+// `alongside` is given a way to wait for the quarter sums of every counted entry, made in the
+// pass that reads the sessions: none when that pass failed or publishing takes the marked way.
+using QuarterSumsWait = std::function<const UsageQuarterSums*()>;
 PublishTally publishEverySession(const QuotaUsageEntryStore& usage, const QuotaSessionCatalogStore& catalog,
-                                 QuotaSessionContentCaptureMode capture, const std::function<void()>& alongside);
+                                 QuotaSessionContentCaptureMode capture,
+                                 const std::function<void(const QuarterSumsWait&)>& alongside);
 
 }  // namespace gaugepoint

@@ -519,14 +519,18 @@ void QuotaUsageEntryStore::buildDeferredIndexes() const {
     });
 }
 
-void QuotaUsageEntryStore::refreshUsageQuarters(Quarters which) const {
-    bool dirty = false;  // a scan that changed nothing writes nothing
+bool QuotaUsageEntryStore::anyDirtyQuarter() const {
+    bool dirty = false;
     registry_.withConnection([&](sqlite::Connection& connection) {
         sqlite::CachedStatement any{connection, "SELECT 1 FROM usage_dirty_quarters LIMIT 1", "prepare usage quarters",
                               "execute usage quarters"};
         dirty = any.step();
     });
-    if (!dirty) return;
+    return dirty;
+}
+
+void QuotaUsageEntryStore::refreshUsageQuarters(Quarters which) const {
+    if (!anyDirtyQuarter()) return;  // a scan that changed nothing writes nothing
     registry_.inTransaction("refresh usage quarters", [which](sqlite::Connection& connection) {
         if (which == Quarters::every) {
             connection.exec("DELETE FROM usage_quarters", "refresh usage quarters");
@@ -535,6 +539,29 @@ void QuotaUsageEntryStore::refreshUsageQuarters(Quarters which) const {
             connection.exec(kRefreshQuarters, "refresh usage quarters");
             const std::string insert = std::string(kInsertQuarterSums) + notedQuarterSums(connection);
             connection.exec(insert.c_str(), "refresh usage quarters");
+        }
+        connection.exec("DELETE FROM usage_dirty_quarters", "refresh usage quarters");
+        return true;
+    });
+}
+
+void QuotaUsageEntryStore::replaceUsageQuarters(const UsageQuarterSums& quarters) const {
+    if (!quarters.exact()) return refreshUsageQuarters(Quarters::every);
+    if (!anyDirtyQuarter()) return;
+    registry_.inTransaction("refresh usage quarters", [&](sqlite::Connection& connection) {
+        connection.exec("DELETE FROM usage_quarters", "refresh usage quarters");
+        const std::string sql = std::string(kInsertQuarterSums) + "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
+        sqlite::Statement insert{connection, sql.c_str(), "prepare usage quarters", "refresh usage quarters"};
+        for (const auto& sum : quarters.sorted()) {
+            insert.bind(1, sum.quarter).bind(2, sum.providerID).bind(3, sum.model).bind(4, std::int64_t(sum.reported));
+            insert.bind(5, sum.entries).bind(6, sum.inputTokens).bind(7, sum.outputTokens);
+            insert.bind(8, sum.cacheReadTokens).bind(9, sum.cacheWriteTokens);
+            if (sum.costUSD) insert.bind(10, *sum.costUSD);
+            else insert.bindNull(10);
+            insert.bind(11, sum.cacheWrite1hTokens).bind(12, sum.charges.premiumRequests);
+            insert.bind(13, sum.charges.aiu).bind(14, sum.charges.credits);
+            insert.run();
+            insert.reset();
         }
         connection.exec("DELETE FROM usage_dirty_quarters", "refresh usage quarters");
         return true;
@@ -858,7 +885,7 @@ constexpr const char* kSessionProject =
 // would be a lookup of its own, most of them pages already read and let go.
 constexpr const char* kEveryCountedEntry =
     "SELECT provider_id, session_id, model, input_tokens, output_tokens, cache_read_tokens, cache_write_tokens,\n"
-    "       cost_usd, timestamp\nFROM usage_entries NOT INDEXED WHERE counted = 1";
+    "       cost_usd, timestamp, " GP_EXTRA_NAMES "\nFROM usage_entries NOT INDEXED WHERE counted = 1";
 constexpr const char* kEverySessionMessageSpan =
     "SELECT provider_id, session_id, COUNT(DISTINCT CASE WHEN is_prompt = 1 THEN message_key END),\n"
     "       MIN(timestamp), MAX(timestamp)\nFROM import_messages GROUP BY provider_id, session_id";
@@ -1005,10 +1032,17 @@ void addCountedEntry(sqlite::Statement& row, QuotaUsageEntryStore::SessionUsage&
     if (!usage.last || at > *usage.last) usage.last = at;
 }
 
+// The same entry, for the quarter sums.
+UsageQuarterSums::Entry quarterEntry(const sqlite::Statement& row) {
+    return {row.text(0).value_or(""), row.text(2).value_or(""), row.real(8), row.integer(3), row.integer(4),
+            row.integer(5), row.integer(6), row.integer(9), row.isNull(7) ? std::nullopt : std::optional(row.real(7)),
+            {row.real(10), row.real(11), row.real(12)}};
+}
+
 }  // namespace
 
-std::map<QuotaUsageEntryStore::SessionKey, QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::everySessionContent()
-    const {
+std::map<QuotaUsageEntryStore::SessionKey, QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::everySessionContent(
+    UsageQuarterSums* quarters) const {
     std::map<SessionKey, SessionContent> contents;
     SessionContent* last = nullptr;  // rows of one session mostly follow each other
     SessionKey lastKey;
@@ -1022,7 +1056,10 @@ std::map<QuotaUsageEntryStore::SessionKey, QuotaUsageEntryStore::SessionContent>
     registry_.withReadConnection([&](sqlite::Connection& connection) {
         const sqlite::ReadTransaction reads{connection};
         sqlite::Statement usage{connection, kEveryCountedEntry, "prepare session usage", "execute session usage"};
-        while (usage.step()) addCountedEntry(usage, contentOf(usage).usage);
+        while (usage.step()) {
+            addCountedEntry(usage, contentOf(usage).usage);
+            if (quarters) quarters->add(quarterEntry(usage));
+        }
         sqlite::Statement spans{connection, kEverySessionMessageSpan, "prepare session messages", "execute session messages"};
         while (spans.step()) {
             SessionContent& content = contentOf(spans);

@@ -23,6 +23,7 @@
 #include "gaugepoint/model/QuotaUsageRecords.hpp"
 #include "gaugepoint/platform/HashesSeen.hpp"
 #include "gaugepoint/stores/QuotaSessionFileRegistry.hpp"
+#include "gaugepoint/stores/UsageQuarterSums.hpp"
 
 namespace gaugepoint {
 
@@ -154,8 +155,9 @@ public:
     std::vector<SessionContent> sessionContents(const std::vector<SessionKey>& sessions, bool withMessages = true) const;
     // The content of every session the store knows, without messages (as sessionContents with
     // `withMessages` false), read in one pass per table on a connection of its own (beside
-    // writes to the store): for publishing a whole catalogue.
-    std::map<SessionKey, SessionContent> everySessionContent() const;
+    // writes to the store): for publishing a whole catalogue. With `quarters`, the counted usage
+    // read is summed into it too (see replaceUsageQuarters).
+    std::map<SessionKey, SessionContent> everySessionContent(UsageQuarterSums* quarters = nullptr) const;
 
     // Counted entries in time order, of one provider or all, within [since, until).
     std::vector<QuotaUsageEntry> countedEntries(const std::optional<std::string>& providerID = std::nullopt,
@@ -168,6 +170,10 @@ public:
     // entries instead of one quarter at a time.
     enum class Quarters { changed, every };
     void refreshUsageQuarters(Quarters which = Quarters::changed) const;
+    // What refreshUsageQuarters(Quarters::every) stores, from sums made in a pass over every
+    // counted entry since the last write (after a first import, the one that publishes them).
+    // Sums that are not exact are left, and the store sums in SQL.
+    void replaceUsageQuarters(const UsageQuarterSums& quarters) const;
 
     // Counted usage summed per quarter hour (UTC), provider, model and whether the log reported
     // a cost; `tokens.exactCostUSD` is the sum of the reported costs in that last case. Every
@@ -208,6 +214,8 @@ public:
     const QuotaSessionFileRegistry& registry() const { return registry_; }
 
 private:
+    bool anyDirtyQuarter() const;
+
     QuotaSessionFileRegistry registry_;
 };
 
