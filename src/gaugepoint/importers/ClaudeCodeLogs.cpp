@@ -44,9 +44,13 @@ void readCacheCreation(object parts, Usage& u, bool& bad) {
     }
 }
 
-// The fields of one record that the import reads.
+// The fields of one record that the import reads. The texts are views into the parser's buffers,
+// valid while its line is handled: a line makes a handful of them, so copies would be most of
+// the allocations of a scan.
 struct Record {
-    std::string type, sessionID, uuid, cwd, requestID, messageID, model, role, text;
+    std::string_view type, sessionID, uuid, cwd, requestID, messageID, model, role;
+    std::string text;
+    std::string fileSessionID;  // what sessionID views when the record names none
     std::optional<Date> timestamp;
     std::optional<Usage> usage;
     std::optional<double> cost;
@@ -87,11 +91,11 @@ bool readMessage(object message, Record& r, bool wantText) {
         if (field.unescaped_key().get(key)) return false;
         value v = field.value();
         if (key == "id") {
-            r.messageID = std::string(jsonline::text(v).value_or(""));
+            r.messageID = jsonline::text(v).value_or("");
         } else if (key == "model") {
-            r.model = std::string(jsonline::text(v).value_or(""));
+            r.model = jsonline::text(v).value_or("");
         } else if (key == "role") {
-            r.role = std::string(jsonline::text(v).value_or(""));
+            r.role = jsonline::text(v).value_or("");
         } else if (key == "usage") {
             object usage;
             if (!v.get_object().get(usage)) r.usage = readUsage(usage, r.badCount);
@@ -114,17 +118,17 @@ std::optional<Record> readRecord(object line, bool wantText) {
         if (field.unescaped_key().get(key)) return std::nullopt;
         value v = field.value();
         if (key == "type") {
-            r.type = std::string(jsonline::text(v).value_or(""));
+            r.type = jsonline::text(v).value_or("");
         } else if (key == "timestamp") {
             r.timestamp = jsonline::date(v);
         } else if (key == "sessionId") {
-            r.sessionID = std::string(jsonline::text(v).value_or(""));
+            r.sessionID = jsonline::text(v).value_or("");
         } else if (key == "uuid") {
-            r.uuid = std::string(jsonline::text(v).value_or(""));
+            r.uuid = jsonline::text(v).value_or("");
         } else if (key == "cwd") {
-            r.cwd = std::string(jsonline::text(v).value_or(""));
+            r.cwd = jsonline::text(v).value_or("");
         } else if (key == "requestId") {
-            r.requestID = std::string(jsonline::text(v).value_or(""));
+            r.requestID = jsonline::text(v).value_or("");
         } else if (key == "isSidechain") {
             r.sidechain = jsonline::boolean(v).value_or(false);
         } else if (key == "isMeta") {
@@ -166,7 +170,7 @@ public:
     void parseLines(std::span<const LogLine> lines, const LogFileContext& file, std::string&,
                     LogRecordSink& sink) const override {
         const bool anyText = file.capture != QuotaSessionContentCaptureMode::metadataOnly;
-        std::set<std::string> projectsSeen;
+        std::set<std::string, std::less<>> projectsSeen;
         jsonline::forEachObject(lines, file, sink, [&](simdjson::ondemand::object object, const LogLine& line) {
             auto record = readRecord(object, anyText);
             if (!record) {
@@ -181,13 +185,16 @@ public:
 
 private:
     void handle(Record& r, const LogLine& line, const LogFileContext& file, LogRecordSink& sink,
-                std::set<std::string>& projectsSeen) const {
+                std::set<std::string, std::less<>>& projectsSeen) const {
         if (r.type != "user" && r.type != "assistant") return;  // summaries, snapshots, system notes
         if (r.badCount) return sink.badLine(line.offset, "a token count that is negative, fractional or absurd");
         if (!r.timestamp) return sink.badLine(line.offset, "no timestamp");
         // Old transcripts without a sessionId are one session per file.
-        if (r.sessionID.empty()) r.sessionID = file.path.stem().string();
-        if (!r.cwd.empty() && projectsSeen.insert(r.sessionID).second) sink.session(r.sessionID, r.cwd);
+        if (r.sessionID.empty()) r.sessionID = r.fileSessionID = file.path.stem().string();
+        if (!r.cwd.empty() && !projectsSeen.contains(r.sessionID)) {
+            const auto& session = *projectsSeen.emplace(r.sessionID).first;
+            sink.session(session, std::string(r.cwd));
+        }
 
         const bool synthetic = r.model == "<synthetic>" || r.apiError;
         std::optional<QuotaSessionTokenUsage> tokens;
@@ -197,8 +204,9 @@ private:
             entry.sessionID = r.sessionID;
             // One response across files; a line without both ids is counted as it stands.
             entry.dedupKey = !r.messageID.empty() && !r.requestID.empty()
-                                 ? r.messageID + ":" + r.requestID
-                                 : "line:" + (r.uuid.empty() ? r.sessionID + "@" + std::to_string(line.offset) : r.uuid);
+                                 ? concat({r.messageID, ":", r.requestID})
+                                 : r.uuid.empty() ? concat({"line:", r.sessionID, "@", std::to_string(line.offset)})
+                                                  : concat({"line:", r.uuid});
             entry.timestamp = *r.timestamp;
             entry.model = r.model.empty() ? "unknown" : r.model;
             entry.tokens = {r.usage->input.value_or(0), r.usage->output.value_or(0), r.usage->cacheRead.value_or(0),
@@ -214,17 +222,17 @@ private:
         message.timestamp = r.timestamp;
         if (r.type == "assistant") {
             // The content blocks of one response are one message.
-            message.messageKey = "a:" + (r.messageID.empty() ? r.uuid : r.messageID);
+            message.messageKey = concat({"a:", r.messageID.empty() ? r.uuid : r.messageID});
             message.role = synthetic ? QuotaSessionRole::meta : QuotaSessionRole::assistant;
             if (!synthetic) message.model = r.model;
             message.tokenUsage = tokens;
         } else {
-            message.messageKey = "u:" + r.uuid;
+            message.messageKey = concat({"u:", r.uuid});
             message.role = r.meta ? QuotaSessionRole::meta : r.toolResult ? QuotaSessionRole::toolResult : QuotaSessionRole::user;
             // A subagent's "user" lines are its parent's instructions, not the person typing.
             message.isPrompt = message.role == QuotaSessionRole::user && !r.sidechain && r.hasText;
         }
-        if (message.messageKey.size() <= 2) message.messageKey += r.sessionID + "@" + std::to_string(line.offset);
+        if (message.messageKey.size() <= 2) message.messageKey += concat({r.sessionID, "@", std::to_string(line.offset)});
         if (keepsText(file.capture, message.role, message.isPrompt) && !r.text.empty()) message.text = std::move(r.text);
         sink.message(std::move(message));
     }

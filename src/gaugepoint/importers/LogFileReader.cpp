@@ -202,7 +202,7 @@ private:
     bool readDocument(ReadableFile& opened, Piece piece) {
         std::string text;
         try {
-            text = readInputFile(piece.entry.path, InputLimit::document("a chat document"));
+            text = InputFile(opened.fd(), piece.entry.path, InputLimit::document("a chat document")).readAll();
         } catch (const Error& e) {
             --tally_.filesRead;
             skipped(piece.entry.path, e.what());
@@ -259,7 +259,7 @@ private:
     // last line without its newline is left for the next scan. Every piece but the last leaves
     // the entry's size unknown, so a scan stopped in between reads on from its position.
     bool readLines(ReadableFile& opened, Piece piece, std::int64_t offset, PrefixDigest digest) {
-        if (::lseek(opened.fd(), off_t(offset), SEEK_SET) < 0) {
+        if (offset != 0 && ::lseek(opened.fd(), off_t(offset), SEEK_SET) < 0) {  // a file opens at 0
             skipped(piece.entry.path, std::strerror(errno));
             return true;
         }

@@ -54,6 +54,14 @@ InputFile::InputFile(const std::filesystem::path& path, InputLimit limit) : limi
         if (fd_ < 0) failRead(name_, errno);
         ownsFd_ = true;
     }
+    judgeSize();
+}
+
+InputFile::InputFile(int fd, std::string name, InputLimit limit) : name_(std::move(name)), limit_(std::move(limit)), fd_(fd) {
+    judgeSize();
+}
+
+void InputFile::judgeSize() {
     // A regular file says how large it is: judged before a byte is read. Pipes and devices
     // are judged by what they give.
     struct stat info {};

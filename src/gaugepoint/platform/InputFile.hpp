@@ -47,6 +47,9 @@ public:
     // Throws Error "cannot read <path>: <reason>", or InputTooLargeError when the input is a
     // regular file already larger than the limit (nothing is read then).
     InputFile(const std::filesystem::path& path, InputLimit limit);
+    // The same over a file the caller opened and keeps open, read from its current position;
+    // `name` names it in errors.
+    InputFile(int fd, std::string name, InputLimit limit);
     ~InputFile();
     InputFile(const InputFile&) = delete;
     InputFile& operator=(const InputFile&) = delete;
@@ -66,6 +69,8 @@ public:
     std::optional<std::uint64_t> size() const noexcept { return size_; }
 
 private:
+    void judgeSize();
+
     std::string name_;
     InputLimit limit_;
     int fd_ = -1;

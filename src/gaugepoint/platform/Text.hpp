@@ -1,9 +1,20 @@
 #pragma once
 
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
 namespace gaugepoint {
+
+// The parts joined, in one allocation.
+inline std::string concat(std::initializer_list<std::string_view> parts) {
+    std::size_t size = 0;
+    for (const auto part : parts) size += part.size();
+    std::string joined;
+    joined.reserve(size);
+    for (const auto part : parts) joined.append(part);
+    return joined;
+}
 
 // `text` without leading and trailing white space and line breaks (Unicode Zs, Zl, Zp, tab,
 // U+000A-U+000D and U+0085).
