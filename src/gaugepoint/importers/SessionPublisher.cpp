@@ -206,21 +206,19 @@ PublishTally publishEverySession(const QuotaUsageEntryStore& usage, const QuotaS
     const auto dirty = usage.dirtySessions();
     Publisher publisher{catalog, capture};
     UsageQuarterSums quarters;
-    bool summed = false;  // set before `read` is, so whoever waits on `read` sees it
-    std::promise<void> read;
-    auto readFuture = read.get_future();
+    std::promise<const UsageQuarterSums*> summed;  // `quarters` once read, or none when the read failed
+    const auto sums = summed.get_future().share();
     // Reading every session (a sort of all the usage) and writing the catalogue happen on a
     // thread of their own, with a connection of their own, beside `alongside`.
     auto writing = std::async(std::launch::async, [&] {
         std::map<QuotaUsageEntryStore::SessionKey, QuotaUsageEntryStore::SessionContent> contents;
         try {
             contents = usage.everySessionContent(&quarters);
-            summed = true;
         } catch (...) {
-            read.set_value();
+            summed.set_value(nullptr);
             throw;
         }
-        read.set_value();
+        summed.set_value(&quarters);
         for (const auto& key : dirty) contents.try_emplace(key);  // marked, with nothing left: gone
         std::vector<QuotaUsageEntryStore::SessionKey> batch;
         std::vector<const QuotaUsageEntryStore::SessionContent*> pointers;
@@ -236,10 +234,7 @@ PublishTally publishEverySession(const QuotaUsageEntryStore& usage, const QuotaS
         catalog.walCheckpoint();  // here, beside the registry's work, rather than when the process closes it
     });
     // Should it throw, the writing is waited for by its future.
-    if (alongside) alongside([&]() -> const UsageQuarterSums* {
-        readFuture.wait();
-        return summed ? &quarters : nullptr;
-    });
+    if (alongside) alongside([&] { return sums.get(); });
     writing.get();
     usage.clearEveryMark();  // the scan lock keeps any other scan from marking meanwhile
     return publisher.tally;
