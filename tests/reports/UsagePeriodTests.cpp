@@ -204,7 +204,7 @@ TEST(UsagePeriods, QuarterSumsMadeWhilePublishingAreTheOnesTheStoreMakes) {
     forget();
     UsageQuarterSums quarters;
     store.everySessionContent(&quarters);
-    store.replaceUsageQuarters(quarters);
+    store.refreshUsageQuarters(QuotaUsageEntryStore::Quarters::every, &quarters);
     EXPECT_EQ(stored(), bySql);
     EXPECT_EQ(raw.column("SELECT COUNT(*) FROM usage_dirty_quarters"), std::vector<std::string>{"0"});
 
@@ -215,7 +215,7 @@ TEST(UsagePeriods, QuarterSumsMadeWhilePublishingAreTheOnesTheStoreMakes) {
     far.timestamp = 1e300;
     quarters.add(far);
     ASSERT_FALSE(quarters.exact());
-    store.replaceUsageQuarters(quarters);
+    store.refreshUsageQuarters(QuotaUsageEntryStore::Quarters::every, &quarters);
     EXPECT_EQ(stored(), bySql);
 }
 

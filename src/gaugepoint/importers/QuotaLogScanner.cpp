@@ -239,12 +239,10 @@ QuotaScanSummary QuotaLogScanner::scan(const QuotaScanOptions& options) const {
             registry.buildIndexes();
         }
         // After a first import every quarter is summed; publishing may have summed them already.
-        const UsageQuarterSums* summed = deferredIndexes && quarterSums ? quarterSums() : nullptr;
-        if (summed) {
-            usage.replaceUsageQuarters(*summed);
+        if (deferredIndexes) {
+            usage.refreshUsageQuarters(QuotaUsageEntryStore::Quarters::every, quarterSums ? quarterSums() : nullptr);
         } else {
-            usage.refreshUsageQuarters(deferredIndexes ? QuotaUsageEntryStore::Quarters::every
-                                                       : QuotaUsageEntryStore::Quarters::changed);
+            usage.refreshUsageQuarters();
         }
         // A first import leaves the whole store in the write-ahead log: copied into the file
         // here, beside the catalogue's writing, rather than when the process closes it.

@@ -197,6 +197,26 @@ constexpr const char* kStoredQuarterSums =
     "       cache_write_tokens, cost_usd, " GP_EXTRA_NAMES "\n"
     "FROM usage_quarters WHERE quarter NOT IN (SELECT quarter FROM usage_dirty_quarters)";
 
+// Stores sums made in memory, in the table's key order.
+void insertQuarterSums(sqlite::Connection& connection, const UsageQuarterSums& quarters) {
+    const std::string sql = std::string(kInsertQuarterSums) + "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
+    sqlite::Statement insert{connection, sql.c_str(), "prepare usage quarters", "refresh usage quarters"};
+    for (const auto& sum : quarters.sorted()) {
+        insert.bind(1, sum.quarter).bind(2, sum.providerID).bind(3, sum.model).bind(4, std::int64_t(sum.reported));
+        insert.bind(5, sum.entries).bind(6, sum.inputTokens).bind(7, sum.outputTokens);
+        insert.bind(8, sum.cacheReadTokens).bind(9, sum.cacheWriteTokens);
+        if (sum.costUSD) {
+            insert.bind(10, *sum.costUSD);
+        } else {
+            insert.bindNull(10);
+        }
+        insert.bind(11, sum.cacheWrite1hTokens).bind(12, sum.charges.premiumRequests);
+        insert.bind(13, sum.charges.aiu).bind(14, sum.charges.credits);
+        insert.run();
+        insert.reset();
+    }
+}
+
 const char* notedQuarterSums(sqlite::Connection& connection) {
     return hasTimeIndex(connection) ? kNotedQuarterSumsIndexed : kNotedQuarterSumsScanned;
 }
@@ -529,39 +549,20 @@ bool QuotaUsageEntryStore::anyDirtyQuarter() const {
     return dirty;
 }
 
-void QuotaUsageEntryStore::refreshUsageQuarters(Quarters which) const {
+void QuotaUsageEntryStore::refreshUsageQuarters(Quarters which, const UsageQuarterSums* summed) const {
     if (!anyDirtyQuarter()) return;  // a scan that changed nothing writes nothing
-    registry_.inTransaction("refresh usage quarters", [which](sqlite::Connection& connection) {
-        if (which == Quarters::every) {
-            connection.exec("DELETE FROM usage_quarters", "refresh usage quarters");
-            connection.exec((std::string(kInsertQuarterSums) + kEveryQuarterSums).c_str(), "refresh usage quarters");
-        } else {
+    if (summed && !summed->exact()) summed = nullptr;
+    registry_.inTransaction("refresh usage quarters", [which, summed](sqlite::Connection& connection) {
+        if (which == Quarters::changed) {
             connection.exec(kRefreshQuarters, "refresh usage quarters");
             const std::string insert = std::string(kInsertQuarterSums) + notedQuarterSums(connection);
             connection.exec(insert.c_str(), "refresh usage quarters");
-        }
-        connection.exec("DELETE FROM usage_dirty_quarters", "refresh usage quarters");
-        return true;
-    });
-}
-
-void QuotaUsageEntryStore::replaceUsageQuarters(const UsageQuarterSums& quarters) const {
-    if (!quarters.exact()) return refreshUsageQuarters(Quarters::every);
-    if (!anyDirtyQuarter()) return;
-    registry_.inTransaction("refresh usage quarters", [&](sqlite::Connection& connection) {
-        connection.exec("DELETE FROM usage_quarters", "refresh usage quarters");
-        const std::string sql = std::string(kInsertQuarterSums) + "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
-        sqlite::Statement insert{connection, sql.c_str(), "prepare usage quarters", "refresh usage quarters"};
-        for (const auto& sum : quarters.sorted()) {
-            insert.bind(1, sum.quarter).bind(2, sum.providerID).bind(3, sum.model).bind(4, std::int64_t(sum.reported));
-            insert.bind(5, sum.entries).bind(6, sum.inputTokens).bind(7, sum.outputTokens);
-            insert.bind(8, sum.cacheReadTokens).bind(9, sum.cacheWriteTokens);
-            if (sum.costUSD) insert.bind(10, *sum.costUSD);
-            else insert.bindNull(10);
-            insert.bind(11, sum.cacheWrite1hTokens).bind(12, sum.charges.premiumRequests);
-            insert.bind(13, sum.charges.aiu).bind(14, sum.charges.credits);
-            insert.run();
-            insert.reset();
+        } else if (!summed) {
+            connection.exec("DELETE FROM usage_quarters", "refresh usage quarters");
+            connection.exec((std::string(kInsertQuarterSums) + kEveryQuarterSums).c_str(), "refresh usage quarters");
+        } else {
+            connection.exec("DELETE FROM usage_quarters", "refresh usage quarters");
+            insertQuarterSums(connection, *summed);
         }
         connection.exec("DELETE FROM usage_dirty_quarters", "refresh usage quarters");
         return true;
@@ -1010,33 +1011,32 @@ std::vector<QuotaUsageEntryStore::SessionContent> QuotaUsageEntryStore::sessionC
 
 namespace {
 
-// Adds one counted entry (the columns of kEveryCountedEntry) to its session's usage by model.
-void addCountedEntry(sqlite::Statement& row, QuotaUsageEntryStore::SessionUsage& usage) {
-    const std::string_view modelID = row.text(2).value_or("");
-    auto model = std::find_if(usage.models.begin(), usage.models.end(), [&](const auto& m) { return m.id == modelID; });
+// One row of kEveryCountedEntry, read once for the session's usage and the quarter sums.
+UsageQuarterSums::Entry countedEntry(const sqlite::Statement& row) {
+    return {row.text(0).value_or(""), row.text(2).value_or(""), row.real(8), row.integer(3), row.integer(4),
+            row.integer(5), row.integer(6), row.integer(9), row.isNull(7) ? std::nullopt : std::optional(row.real(7)),
+            {row.real(10), row.real(11), row.real(12)}};
+}
+
+// Adds one counted entry to its session's usage by model.
+void addCountedEntry(const UsageQuarterSums::Entry& e, QuotaUsageEntryStore::SessionUsage& usage) {
+    auto model = std::find_if(usage.models.begin(), usage.models.end(), [&](const auto& m) { return m.id == e.model; });
     if (model == usage.models.end()) {
         model = usage.models.insert(usage.models.end(), QuotaSessionModelUsageSummary{});
-        model->id = std::string(modelID);
+        model->id = std::string(e.model);
         model->displayName = model->id;
         model->sessionCount = 1;
     }
     ++model->messageCount;
     auto& t = model->tokenUsage;
-    t.inputTokens += row.integer(3);
-    t.outputTokens += row.integer(4);
-    t.cacheReadTokens += row.integer(5);
-    t.cacheWriteTokens += row.integer(6);
-    if (!row.isNull(7)) t.exactCostUSD = t.exactCostUSD.value_or(0) + row.real(7);
-    const Date at = dateFromSeconds(row.real(8));
+    t.inputTokens += e.inputTokens;
+    t.outputTokens += e.outputTokens;
+    t.cacheReadTokens += e.cacheReadTokens;
+    t.cacheWriteTokens += e.cacheWriteTokens;
+    if (e.costUSD) t.exactCostUSD = t.exactCostUSD.value_or(0) + *e.costUSD;
+    const Date at = dateFromSeconds(e.timestamp);
     if (!usage.first || at < *usage.first) usage.first = at;
     if (!usage.last || at > *usage.last) usage.last = at;
-}
-
-// The same entry, for the quarter sums.
-UsageQuarterSums::Entry quarterEntry(const sqlite::Statement& row) {
-    return {row.text(0).value_or(""), row.text(2).value_or(""), row.real(8), row.integer(3), row.integer(4),
-            row.integer(5), row.integer(6), row.integer(9), row.isNull(7) ? std::nullopt : std::optional(row.real(7)),
-            {row.real(10), row.real(11), row.real(12)}};
 }
 
 }  // namespace
@@ -1057,8 +1057,9 @@ std::map<QuotaUsageEntryStore::SessionKey, QuotaUsageEntryStore::SessionContent>
         const sqlite::ReadTransaction reads{connection};
         sqlite::Statement usage{connection, kEveryCountedEntry, "prepare session usage", "execute session usage"};
         while (usage.step()) {
-            addCountedEntry(usage, contentOf(usage).usage);
-            if (quarters) quarters->add(quarterEntry(usage));
+            const auto entry = countedEntry(usage);
+            addCountedEntry(entry, contentOf(usage).usage);
+            if (quarters) quarters->add(entry);
         }
         sqlite::Statement spans{connection, kEverySessionMessageSpan, "prepare session messages", "execute session messages"};
         while (spans.step()) {

@@ -156,7 +156,7 @@ public:
     // The content of every session the store knows, without messages (as sessionContents with
     // `withMessages` false), read in one pass per table on a connection of its own (beside
     // writes to the store): for publishing a whole catalogue. With `quarters`, the counted usage
-    // read is summed into it too (see replaceUsageQuarters).
+    // read is summed into it too (see refreshUsageQuarters).
     std::map<SessionKey, SessionContent> everySessionContent(UsageQuarterSums* quarters = nullptr) const;
 
     // Counted entries in time order, of one provider or all, within [since, until).
@@ -166,14 +166,11 @@ public:
     std::optional<QuotaObservedRateLimits> latestRateLimits(std::string_view providerID) const;
 
     // Sums again the quarter hours whose counted entries changed (a scan ends with it). After a
-    // first import, when every quarter changed, `everyQuarter` sums them all in one pass over the
-    // entries instead of one quarter at a time.
+    // first import, when every quarter changed, `every` sums them all in one pass over the
+    // entries instead of one quarter at a time, or stores `summed` when a pass over every counted
+    // entry since the last write made them (publishing does) and they are exact.
     enum class Quarters { changed, every };
-    void refreshUsageQuarters(Quarters which = Quarters::changed) const;
-    // What refreshUsageQuarters(Quarters::every) stores, from sums made in a pass over every
-    // counted entry since the last write (after a first import, the one that publishes them).
-    // Sums that are not exact are left, and the store sums in SQL.
-    void replaceUsageQuarters(const UsageQuarterSums& quarters) const;
+    void refreshUsageQuarters(Quarters which = Quarters::changed, const UsageQuarterSums* summed = nullptr) const;
 
     // Counted usage summed per quarter hour (UTC), provider, model and whether the log reported
     // a cost; `tokens.exactCostUSD` is the sum of the reported costs in that last case. Every
