@@ -72,6 +72,31 @@ TEST(StatementCache, OneTextInUseTwiceAndOneTextUsedUnderTwoNames) {
     });
 }
 
+TEST(StatementCache, EveryTextBoundKeepsItsValueWhateverTheOrderLengthOrReuse) {
+    ScratchDirectory dir;
+    SQLiteConnectionHolder holder{dir.path() / "cache.sqlite"};
+    holder.withConnection(kSetup, [](sqlite::Connection& connection) {
+        constexpr const char* kEcho = "SELECT ?1 || '|' || ?2 || '|' || ?3";
+        const std::string longText(5000, 'L');  // past what is kept: SQLite copies it itself
+        const auto echo = [&](std::string_view a, std::string_view b, std::string_view c) {
+            sqlite::CachedStatement statement{connection, kEcho, "echo"};
+            // Bound out of order, short and long, each from a temporary that is gone at the step
+            // (a kept text that moved would be read after it was freed: the sanitizer build sees it).
+            statement.bind(1, std::string(a)).bind(3, std::string(c)).bind(2, std::string(b));
+            EXPECT_TRUE(statement.step());
+            return std::string(statement.text(0).value_or(""));
+        };
+        EXPECT_EQ(echo("a", "bb", "ccc"), "a|bb|ccc");
+        EXPECT_EQ(echo("a much longer first text than fits inline", "", longText), "a much longer first text than fits inline||" + longText);
+        EXPECT_EQ(echo("x", "y", "z"), "x|y|z");
+        // Rows written from kept texts hold their own copies.
+        for (std::int64_t id : {1, 2}) {
+            sqlite::CachedStatement{connection, kInsert, "insert"}.bind(1, id).bind(2, std::string(id == 1 ? "first" : "second")).run();
+        }
+        EXPECT_EQ(allValues(connection), (std::vector<std::string>{"first", "second"}));
+    });
+}
+
 // A trigger that refuses every delete: a trim that fails at its statement, on a real file.
 void refuseDeletes(const std::filesystem::path& file, const std::string& table) {
     RawDatabase raw{file};

@@ -86,6 +86,7 @@ CachedStatement::CachedStatement(Connection& connection, const char* sql, std::s
         if (auto* slot = cache->borrow(sql, prepareLabel)) {
             inUse_ = &slot->inUse;
             statement_ = slot->statement->statement_;
+            boundTexts_ = &slot->statement->texts_;
             return;
         }
     }
@@ -104,9 +105,25 @@ void Statement::fail(std::string_view message) const {
 }
 
 Statement& Statement::bind(int index, std::string_view text) {
-    if (sqlite3_bind_text64(statement_, index, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8) != SQLITE_OK) {
-        connection_.fail(executeLabel_);
+    // SQLite copies a transient text into an allocation of its own at every bind, and the
+    // system's SQLite takes every allocation from malloc. A short text goes to this parameter's
+    // kept buffer instead and is bound in place: the buffer is only changed by the next bind of
+    // the same parameter, which replaces the binding.
+    constexpr std::size_t kKeptTextBytes = 1024;
+    const int parameters = sqlite3_bind_parameter_count(statement_);
+    int result;
+    if (text.size() <= kKeptTextBytes && index > 0 && index <= parameters) {
+        // Made whole at the first bind: growing it later would move the short strings bound
+        // before, whose characters live inside the strings themselves.
+        auto& texts = *boundTexts_;
+        if (texts.empty()) texts.resize(std::size_t(parameters));
+        std::string& kept = texts[std::size_t(index) - 1];
+        kept.assign(text);
+        result = sqlite3_bind_text64(statement_, index, kept.data(), kept.size(), SQLITE_STATIC, SQLITE_UTF8);
+    } else {
+        result = sqlite3_bind_text64(statement_, index, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
     }
+    if (result != SQLITE_OK) connection_.fail(executeLabel_);
     return *this;
 }
 

@@ -9,6 +9,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "gaugepoint/platform/Error.hpp"
 
@@ -89,7 +90,9 @@ public:
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
 
-    // Parameters count from 1. Throw Failure(executeLabel).
+    // Parameters count from 1. Throw Failure(executeLabel). A short text is copied into a
+    // buffer the statement keeps per parameter, so a statement run row after row allocates
+    // nothing for its texts once warm.
     Statement& bind(int index, std::string_view text);
     Statement& bind(int index, const std::string& text) { return bind(index, std::string_view(text)); }
     Statement& bind(int index, const char* text) { return bind(index, std::string_view(text)); }
@@ -130,6 +133,10 @@ protected:
     Connection connection_;
     sqlite3_stmt* statement_ = nullptr;
     std::string executeLabel_;
+    // The copies of the short texts bound, by parameter; a value borrowing a cached statement
+    // uses the cached statement's, which live as long as the statement they are bound to.
+    std::vector<std::string> texts_;
+    std::vector<std::string>* boundTexts_ = &texts_;
     Statement(Connection connection, std::string executeLabel) : connection_(connection), executeLabel_(std::move(executeLabel)) {}
     friend class StatementCache;
     friend class CachedStatement;  // borrows the sqlite3_stmt of a cached Statement
