@@ -176,7 +176,7 @@ public:
     }
     std::vector<fs::path> logFolders() const override { return {"threads"}; }
 
-    std::optional<LogLayout> layoutOf(const fs::path& file) const override {
+    std::optional<LogLayout> layoutOf(LogPath file) const override {
         if (file.extension() == ".json") return LogLayout::wholeDocument;
         return std::nullopt;
     }

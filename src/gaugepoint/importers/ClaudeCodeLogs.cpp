@@ -162,7 +162,7 @@ public:
 
     std::vector<fs::path> logFolders() const override { return {"projects"}; }
 
-    std::optional<LogLayout> layoutOf(const fs::path& file) const override {
+    std::optional<LogLayout> layoutOf(LogPath file) const override {
         if (file.extension() == ".jsonl") return LogLayout::appendedLines;
         return std::nullopt;
     }

@@ -4,6 +4,7 @@
 // how each is read, and how its records become usage entries, messages and rate limits. One
 // implementation per tool, each in its own file; CodingTools.cpp lists them.
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -121,6 +122,29 @@ struct LogFileContext {
     JsonLineParser* parser = nullptr;
 };
 
+// A path below a tool's log folder as the walk finds it ("projects/x/a.jsonl"), taken apart
+// without allocating: the walk asks about every entry of a tree of tens of thousands of files.
+struct LogPath {
+    std::string_view text;  // '/'-separated, no leading '/'
+
+    // The last part ("a.jsonl").
+    std::string_view filename() const { return text.substr(text.rfind('/') + 1); }
+    // All but the last part ("projects/x"), "" for a path of one part.
+    LogPath parent() const {
+        const auto slash = text.rfind('/');
+        return {slash == std::string_view::npos ? std::string_view{} : text.substr(0, slash)};
+    }
+    // The file name's extension with its dot (".jsonl"), "" when it has none; a name that only
+    // starts with a dot (".jsonl") has none.
+    std::string_view extension() const {
+        const std::string_view name = filename();
+        const auto dot = name.rfind('.');
+        return dot == std::string_view::npos || dot == 0 ? std::string_view{} : name.substr(dot);
+    }
+    // How many parts it has (1 for "a.jsonl").
+    std::size_t parts() const { return text.empty() ? 0 : std::size_t(std::count(text.begin(), text.end(), '/')) + 1; }
+};
+
 class CodingToolLogs {
 public:
     virtual ~CodingToolLogs() = default;
@@ -135,9 +159,9 @@ public:
     virtual std::vector<std::filesystem::path> logFolders() const = 0;
     // Whether the walk looks into a directory below a log folder (path relative to the folder);
     // a tool whose logs sit at known depths spares the walk the rest of its home.
-    virtual bool descendsInto(const std::filesystem::path&) const { return true; }
+    virtual bool descendsInto(LogPath) const { return true; }
     // How a file found below a log folder is read; none when it is not a log.
-    virtual std::optional<LogLayout> layoutOf(const std::filesystem::path& file) const = 0;
+    virtual std::optional<LogLayout> layoutOf(LogPath file) const = 0;
 
     // Reads complete lines of an appended file in order. `state` is what the previous lines of
     // the same file left ("" at its start); the parser updates it.

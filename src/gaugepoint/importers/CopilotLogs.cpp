@@ -152,8 +152,8 @@ public:
     }
     std::vector<fs::path> logFolders() const override { return {"session-state"}; }
 
-    std::optional<LogLayout> layoutOf(const fs::path& file) const override {
-        if (file.filename() == "events.jsonl" && std::distance(file.begin(), file.end()) == 2) return LogLayout::appendedLines;
+    std::optional<LogLayout> layoutOf(LogPath file) const override {
+        if (file.filename() == "events.jsonl" && file.parts() == 2) return LogLayout::appendedLines;
         return std::nullopt;
     }
 

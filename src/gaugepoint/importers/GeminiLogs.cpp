@@ -188,10 +188,10 @@ public:
 
     // tmp/<project>/chats/session-*.json(l), and subagent chats tmp/<project>/chats/<parent>/<id>.jsonl.
     // Temporary files (.tmp-<pid>) and backups (.unreadable-*) have other extensions.
-    std::optional<LogLayout> layoutOf(const fs::path& file) const override {
-        const fs::path parent = file.parent_path();
-        const bool chat = parent.filename() == "chats" && file.filename().string().starts_with("session-");
-        const bool subagent = parent.parent_path().filename() == "chats";
+    std::optional<LogLayout> layoutOf(LogPath file) const override {
+        const LogPath parent = file.parent();
+        const bool chat = parent.filename() == "chats" && file.filename().starts_with("session-");
+        const bool subagent = parent.parent().filename() == "chats";
         if (chat && file.extension() == ".json") return LogLayout::wholeDocument;
         if ((chat || subagent) && file.extension() == ".jsonl") return LogLayout::appendedLines;
         return std::nullopt;

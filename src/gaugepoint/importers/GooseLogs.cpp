@@ -53,10 +53,10 @@ public:
         return {};
     }
     std::vector<fs::path> logFolders() const override { return {"sessions"}; }
-    bool descendsInto(const fs::path&) const override { return false; }
+    bool descendsInto(LogPath) const override { return false; }
 
-    std::optional<LogLayout> layoutOf(const fs::path& file) const override {
-        if (file == "sessions.db") return LogLayout::database;
+    std::optional<LogLayout> layoutOf(LogPath file) const override {
+        if (file.text == "sessions.db") return LogLayout::database;
         return std::nullopt;
     }
 

@@ -88,7 +88,7 @@ public:
     }
     std::vector<fs::path> logFolders() const override { return {"sessions"}; }
 
-    std::optional<LogLayout> layoutOf(const fs::path& file) const override {
+    std::optional<LogLayout> layoutOf(LogPath file) const override {
         if (file.filename() == "wire.jsonl") return LogLayout::appendedLines;
         return std::nullopt;
     }

@@ -126,11 +126,11 @@ public:
         return {};
     }
     std::vector<fs::path> logFolders() const override { return {"."}; }
-    bool descendsInto(const fs::path&) const override { return false; }  // storage/ holds legacy files only
+    bool descendsInto(LogPath) const override { return false; }  // storage/ holds legacy files only
 
-    std::optional<LogLayout> layoutOf(const fs::path& file) const override {
-        const std::string name = file.filename().string();
-        if (file.has_parent_path() && file.parent_path() != ".") return std::nullopt;
+    std::optional<LogLayout> layoutOf(LogPath file) const override {
+        const std::string_view name = file.filename();
+        if (file.parts() != 1) return std::nullopt;
         if (name == "opencode.db" || (name.starts_with("opencode-") && file.extension() == ".db")) return LogLayout::database;
         return std::nullopt;
     }

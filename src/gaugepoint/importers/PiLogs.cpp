@@ -55,8 +55,8 @@ public:
     }
     std::vector<fs::path> logFolders() const override { return {"sessions"}; }
 
-    std::optional<LogLayout> layoutOf(const fs::path& file) const override {
-        if (file.extension() == ".jsonl" && std::distance(file.begin(), file.end()) == 2) return LogLayout::appendedLines;
+    std::optional<LogLayout> layoutOf(LogPath file) const override {
+        if (file.extension() == ".jsonl" && file.parts() == 2) return LogLayout::appendedLines;
         return std::nullopt;
     }
 

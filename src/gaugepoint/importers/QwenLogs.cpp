@@ -44,9 +44,8 @@ public:
     }
     std::vector<fs::path> logFolders() const override { return {"projects"}; }
 
-    std::optional<LogLayout> layoutOf(const fs::path& file) const override {
-        const auto parts = std::distance(file.begin(), file.end());
-        if (parts == 3 && file.parent_path().filename() == "chats" && file.extension() == ".jsonl") return LogLayout::appendedLines;
+    std::optional<LogLayout> layoutOf(LogPath file) const override {
+        if (file.parts() == 3 && file.parent().filename() == "chats" && file.extension() == ".jsonl") return LogLayout::appendedLines;
         return std::nullopt;
     }
 
