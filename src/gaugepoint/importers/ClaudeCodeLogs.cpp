@@ -217,6 +217,9 @@ private:
             sink.usage(std::move(entry));
         }
 
+        // Most lines are not prompts, and a sink that keeps only prompts need not see them made.
+        const bool prompt = r.type == "user" && !r.meta && !r.toolResult && !r.sidechain && r.hasText;
+        if (!prompt && !sink.keepsEveryMessage()) return sink.messageSkipped(r.sessionID);
         QuotaImportedMessage message;
         message.sessionID = r.sessionID;
         message.timestamp = r.timestamp;
@@ -230,7 +233,7 @@ private:
             message.messageKey = concat({"u:", r.uuid});
             message.role = r.meta ? QuotaSessionRole::meta : r.toolResult ? QuotaSessionRole::toolResult : QuotaSessionRole::user;
             // A subagent's "user" lines are its parent's instructions, not the person typing.
-            message.isPrompt = message.role == QuotaSessionRole::user && !r.sidechain && r.hasText;
+            message.isPrompt = prompt;
         }
         if (message.messageKey.size() <= 2) message.messageKey += concat({r.sessionID, "@", std::to_string(line.offset)});
         if (keepsText(file.capture, message.role, message.isPrompt) && !r.text.empty()) message.text = std::move(r.text);

@@ -52,6 +52,10 @@ public:
     virtual ~LogRecordSink() = default;
     virtual void usage(QuotaUsageEntry entry) = 0;
     virtual void message(QuotaImportedMessage message) = 0;
+    // Whether message() keeps messages that are not prompts. When it does not, a parser may
+    // skip making them and name only their session through messageSkipped().
+    virtual bool keepsEveryMessage() const { return true; }
+    virtual void messageSkipped(std::string_view /*sessionID*/) {}
     // Where a session ran ("" when the log does not say).
     virtual void session(const std::string& sessionID, const std::string& projectPath) = 0;
     // The title the tool keeps for a session (raw: the store makes it one bounded line); the

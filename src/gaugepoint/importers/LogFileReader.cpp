@@ -144,8 +144,11 @@ private:
         const CodingToolLogs& tool = *files.tool;
         const std::string path = file.path.string();
         ReadableFile opened{file.path};
+        // A file new to the registry is read from its start whatever it holds, and takes the
+        // identity the walk saw (should it have been replaced since, the next walk sees another
+        // and reads it again): only a known file is looked at before its read.
         struct stat info {};
-        if (!opened.isOpen() || ::fstat(opened.fd(), &info) != 0) {
+        if (!opened.isOpen() || (entry && ::fstat(opened.fd(), &info) != 0)) {
             skipped(path, errno == ENOENT ? "vanished before it could be read" : std::strerror(errno));
             return true;
         }
@@ -156,7 +159,7 @@ private:
         piece.entry.providerID = tool.provider().id;
         piece.entry.captureMode = options_.capture;
         piece.entry.parserVersion = tool.parserVersion();
-        piece.entry.fileIdentifier = fileIdentity(info);
+        piece.entry.fileIdentifier = entry ? fileIdentity(info) : file.identity;
         piece.entry.updatedAt = now_;
         piece.expected = entry ? std::optional(entry->lastOffset) : std::nullopt;
         // A file read before by these rules, the same file and not cut short, is read on from

@@ -32,9 +32,13 @@ public:
 
     void usage(QuotaUsageEntry entry) override { usage_.push_back(std::move(entry)); }
     void message(QuotaImportedMessage message) override {
+        if (promptsOnly_ && !message.isPrompt) return messageSkipped(message.sessionID);
         if (firstSession_.empty()) firstSession_ = message.sessionID;
-        if (promptsOnly_ && !message.isPrompt) return;
         messages_.push_back(std::move(message));
+    }
+    bool keepsEveryMessage() const override { return !promptsOnly_; }
+    void messageSkipped(std::string_view sessionID) override {
+        if (firstSession_.empty()) firstSession_ = sessionID;
     }
     void session(const std::string& sessionID, const std::string& projectPath) override {
         if (firstSession_.empty()) firstSession_ = sessionID;
