@@ -13,6 +13,7 @@
 #include <cstdlib>
 
 #include "gaugepoint/importers/CodingToolLogs.hpp"
+#include "gaugepoint/platform/Text.hpp"
 #include "gaugepoint/importers/JsonLineParser.hpp"
 #include "gaugepoint/platform/Json.hpp"
 
@@ -127,7 +128,7 @@ private:
             if (key == "id") state_.sessionID = std::string(jsonline::text(field.value()).value_or(""));
             if (key == "cwd") cwd = std::string(jsonline::text(field.value()).value_or(""));
         }
-        if (!state_.sessionID.empty()) sink_.session(sessionID(), cwd);
+        if (!state_.sessionID.empty()) sink_.session(state_.sessionID, cwd);
         return true;
     }
 
@@ -193,7 +194,8 @@ private:
             const Counts before = state_.totals ? Counts{(*state_.totals)[0], (*state_.totals)[1], (*state_.totals)[2],
                                                          (*state_.totals)[3], (*state_.totals)[4]}
                                                 : Counts{};
-            state_.totals = std::vector<std::int64_t>(total->begin(), total->end());
+            if (!state_.totals) state_.totals.emplace();
+            state_.totals->assign(total->begin(), total->end());  // in place: one event after another
             for (std::size_t i = 0; i < delta.size(); ++i) delta[i] = (*total)[i] - before[i];
             // Totals that went down are a restarted counter: they are kept as the new base, and
             // what this one event used cannot be told.
@@ -211,7 +213,7 @@ private:
         QuotaUsageEntry entry;
         entry.providerID = "codex";
         entry.sessionID = sessionID();
-        entry.dedupKey = sessionID() + "@" + std::to_string(line_.offset);
+        entry.dedupKey = concat({sessionID(), "@", std::to_string(line_.offset)});
         entry.timestamp = *timestamp_;
         entry.model = state_.model.empty() ? "unknown" : state_.model;
         entry.tokens = {input - cached, output, cached, 0, std::nullopt};
@@ -219,9 +221,10 @@ private:
     }
 
     void message(bool fromUser, std::string& text) {
+        if (!fromUser && !sink_.keepsEveryMessage()) return sink_.messageSkipped(sessionID());
         QuotaImportedMessage m;
         m.sessionID = sessionID();
-        m.messageKey = sessionID() + "@" + std::to_string(line_.offset);
+        m.messageKey = concat({sessionID(), "@", std::to_string(line_.offset)});
         m.timestamp = timestamp_;
         m.role = fromUser ? QuotaSessionRole::user : QuotaSessionRole::assistant;
         m.isPrompt = fromUser;
@@ -231,10 +234,13 @@ private:
     }
 
     // The session: from session_meta, else the id at the end of the file name.
-    std::string sessionID() const {
+    std::string_view sessionID() {
         if (!state_.sessionID.empty()) return state_.sessionID;
-        const std::string stem = file_.path.stem().string();
-        return stem.size() > 36 ? stem.substr(stem.size() - 36) : stem;
+        if (nameID_.empty()) {
+            const std::string stem = file_.path.stem().string();
+            nameID_ = stem.size() > 36 ? stem.substr(stem.size() - 36) : stem;
+        }
+        return nameID_;
     }
 
     void bad(std::string reason) { sink_.badLine(line_.offset, std::move(reason)); }
@@ -244,6 +250,7 @@ private:
     CodexFileState& state_;
     LogRecordSink& sink_;
     std::optional<Date> timestamp_;
+    std::string nameID_;  // the session id from the file name, once asked for
 };
 
 class CodexLogs final : public CodingToolLogs {
