@@ -24,11 +24,25 @@ Civil civilFromSeconds(std::int64_t seconds) {
             int(secondOfDay / 3600), int(secondOfDay / 60 % 60), int(secondOfDay % 60)};
 }
 
-std::string formatCivil(const Civil& c) {
-    char buffer[32];
-    std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02dT%02d:%02d:%02d", c.year, c.month, c.day, c.hour,
-                  c.minute, c.second);
-    return buffer;
+// Writes `value` as exactly `width` decimal digits (it fits: callers clamp it) and returns the end.
+char* putDigits(char* out, int value, int width) {
+    for (int i = width - 1; i >= 0; --i, value /= 10) out[i] = char('0' + value % 10);
+    return out + width;
+}
+
+// "YYYY-MM-DDTHH:MM:SS" at `out` (19 bytes); returns the end. Years are 0 to 9999 (clamped).
+char* putCivil(char* out, const Civil& c) {
+    out = putDigits(out, c.year, 4);
+    *out++ = '-';
+    out = putDigits(out, c.month, 2);
+    *out++ = '-';
+    out = putDigits(out, c.day, 2);
+    *out++ = 'T';
+    out = putDigits(out, c.hour, 2);
+    *out++ = ':';
+    out = putDigits(out, c.minute, 2);
+    *out++ = ':';
+    return putDigits(out, c.second, 2);
 }
 
 double clampSeconds(double s) { return std::isnan(s) ? 0.0 : std::fmin(std::fmax(s, kMinSeconds), kMaxSeconds); }
@@ -72,9 +86,13 @@ std::optional<int> parseOffset(std::string_view text, std::size_t& pos) {
 
 std::string formatInternetDateTime(Date date) {
     const auto seconds = static_cast<std::int64_t>(std::floor(clampSeconds(secondsSince1970(date))));
-    return formatCivil(civilFromSeconds(seconds)) + "Z";
+    char buffer[24];
+    char* end = putCivil(buffer, civilFromSeconds(seconds));
+    *end++ = 'Z';
+    return std::string(buffer, end);
 }
 
+// Formatted in place, with one allocation: every date of every JSON document goes through here.
 std::string formatISO8601(Date date) {
     const double total = clampSeconds(secondsSince1970(date));
     auto whole = static_cast<std::int64_t>(std::floor(total));
@@ -83,23 +101,27 @@ std::string formatISO8601(Date date) {
         whole += 1;
         micros -= 1000000;
     }
-    std::string text = formatCivil(civilFromSeconds(whole));
+    char buffer[32];
+    char* end = putCivil(buffer, civilFromSeconds(whole));
     if (micros > 0) {
-        char fraction[24];
-        std::snprintf(fraction, sizeof fraction, ".%06lld", static_cast<long long>(micros));
-        std::string_view f{fraction};
-        while (f.back() == '0') f.remove_suffix(1);
-        text += f;
+        int width = 6;  // microseconds, trailing zeros dropped
+        for (; micros % 10 == 0; micros /= 10) --width;
+        *end++ = '.';
+        end = putDigits(end, int(micros), width);
     }
-    return text + "Z";
+    *end++ = 'Z';
+    return std::string(buffer, end);
 }
 
 std::string formatISO8601Milliseconds(Date date) {
     const std::int64_t millis = millisecondsSince1970(dateFromSeconds(clampSeconds(secondsSince1970(date))));
     const std::int64_t whole = millis >= 0 ? millis / 1000 : -((-millis + 999) / 1000);
-    char fraction[8];
-    std::snprintf(fraction, sizeof fraction, ".%03d", int(millis - whole * 1000));
-    return formatCivil(civilFromSeconds(whole)) + fraction + "Z";
+    char buffer[32];
+    char* end = putCivil(buffer, civilFromSeconds(whole));
+    *end++ = '.';
+    end = putDigits(end, int(millis - whole * 1000), 3);
+    *end++ = 'Z';
+    return std::string(buffer, end);
 }
 
 std::optional<std::int64_t> dayNumber(std::string_view dayKey) {
