@@ -20,7 +20,7 @@ std::string readOnlyURI(const std::filesystem::path& path);
 class ReadOnlyConnection {
 public:
     // Opens `path` (never creating it, never writing it or its journal) and waits up to `busy`
-    // for a writer's lock. Throws Failure("open <path>: <message>").
+    // for a writer's lock. Throws Failure("open <path>: <message>"). For one thread at a time.
     ReadOnlyConnection(const std::filesystem::path& path, std::chrono::milliseconds busy);
     ~ReadOnlyConnection();
     ReadOnlyConnection(const ReadOnlyConnection&) = delete;
