@@ -217,23 +217,27 @@ private:
             sink.usage(std::move(entry));
         }
 
+        const bool assistant = r.type == "assistant";
+        const QuotaSessionRole role = assistant ? (synthetic ? QuotaSessionRole::meta : QuotaSessionRole::assistant)
+                                      : r.meta      ? QuotaSessionRole::meta
+                                      : r.toolResult ? QuotaSessionRole::toolResult
+                                                     : QuotaSessionRole::user;
+        // A subagent's "user" lines are its parent's instructions, not the person typing.
+        const bool prompt = role == QuotaSessionRole::user && !r.sidechain && r.hasText;
         // Most lines are not prompts, and a sink that keeps only prompts need not see them made.
-        const bool prompt = r.type == "user" && !r.meta && !r.toolResult && !r.sidechain && r.hasText;
         if (!prompt && !sink.keepsEveryMessage()) return sink.messageSkipped(r.sessionID);
         QuotaImportedMessage message;
         message.sessionID = r.sessionID;
         message.timestamp = r.timestamp;
-        if (r.type == "assistant") {
+        message.role = role;
+        message.isPrompt = prompt;
+        if (assistant) {
             // The content blocks of one response are one message.
             message.messageKey = concat({"a:", r.messageID.empty() ? r.uuid : r.messageID});
-            message.role = synthetic ? QuotaSessionRole::meta : QuotaSessionRole::assistant;
             if (!synthetic) message.model = r.model;
             message.tokenUsage = tokens;
         } else {
             message.messageKey = concat({"u:", r.uuid});
-            message.role = r.meta ? QuotaSessionRole::meta : r.toolResult ? QuotaSessionRole::toolResult : QuotaSessionRole::user;
-            // A subagent's "user" lines are its parent's instructions, not the person typing.
-            message.isPrompt = prompt;
         }
         if (message.messageKey.size() <= 2) message.messageKey += concat({r.sessionID, "@", std::to_string(line.offset)});
         if (keepsText(file.capture, message.role, message.isPrompt) && !r.text.empty()) message.text = std::move(r.text);
